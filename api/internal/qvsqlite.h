@@ -1,0 +1,85 @@
+// SQLite helpers shared by the store units: busy retry, text binding and
+// bounded copies of column texts into fixed record fields.
+#ifndef QV_INTERNAL_QVSQLITE_H
+#define QV_INTERNAL_QVSQLITE_H
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+
+namespace qvsql {
+
+// Fixed pause before a call that SQLite answered with SQLITE_BUSY is repeated.
+constexpr useconds_t kBusyPauseMicros = 2000;
+
+// Steps until the answer is something other than SQLITE_BUSY.
+inline int stepWithBusyRetry(sqlite3_stmt* stmt) {
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) usleep(kBusyPauseMicros);
+    return rc;
+}
+
+// Prepares, repeating the same prepare while the store is busy.
+inline int prepareWithBusyRetry(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
+    int rc;
+    while ((rc = sqlite3_prepare_v2(db, sql, -1, stmt, nullptr)) == SQLITE_BUSY)
+        usleep(kBusyPauseMicros);
+    return rc;
+}
+
+// Binds the caller's text in place (no copy); it must outlive the step.
+inline int bindText(sqlite3_stmt* stmt, int index, const char* text) {
+    return sqlite3_bind_text(stmt, index, text, static_cast<int>(std::strlen(text)),
+                             SQLITE_STATIC);
+}
+
+// Copies src into a field of `size` bytes, cutting it to size - 1 characters
+// and always terminating it. A null source becomes the empty text.
+inline void copyText(char* dst, std::size_t size, const char* src) {
+    if (size == 0) return;
+    if (src == nullptr) src = "";
+    std::size_t n = std::strlen(src);
+    if (n >= size) n = size - 1;
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+template <std::size_t N>
+inline void copyText(char (&dst)[N], const char* src) {
+    copyText(dst, N, src);
+}
+
+// Copies a text column into a fixed field; a NULL column becomes "".
+template <std::size_t N>
+inline void copyColumnText(sqlite3_stmt* stmt, int column, char (&dst)[N]) {
+    copyText(dst, N, reinterpret_cast<const char*>(sqlite3_column_text(stmt, column)));
+}
+
+// Owns a statement prepared for one call: reset and finalised on every path.
+class Statement {
+public:
+    Statement() = default;
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    ~Statement() {
+        if (stmt_ != nullptr) {
+            sqlite3_reset(stmt_);
+            sqlite3_finalize(stmt_);
+        }
+    }
+    // One attempt, no busy retry.
+    int prepare(sqlite3* db, const char* sql) {
+        return sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
+    }
+    sqlite3_stmt* get() const { return stmt_; }
+    sqlite3_stmt** out() { return &stmt_; }
+
+private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+}  // namespace qvsql
+
+#endif  // QV_INTERNAL_QVSQLITE_H

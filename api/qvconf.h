@@ -1,0 +1,120 @@
+/*
+ * qvconf: the configuration store.
+ *
+ * Processes and their numbers, scales, message routes, device model
+ * associations, process data associations and per-process settings.
+ * Call zq_openConfDB first; every query then runs on that one connection.
+ * Results: 0 success, -1 failure.
+ */
+#ifndef QVCONF_H
+#define QVCONF_H
+
+#include "qvexport.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct ProcessConfig {
+    char processName[128];
+    char processDescribe[128];
+};
+
+struct ScaleConfig {
+    char name[128];
+    double maxValue;
+    double minValue;
+    double userMaxValue;
+    double userMinValue;
+};
+
+/* One route: messages whose kind bit is set in msgType go from the
+ * sending to the receiving process. */
+struct ProcessMsgAssociation {
+    int sendProcessNo;
+    int recvProcessNo;
+    int msgType;
+};
+
+struct DeviceModelAssociation {
+    char associateName[128];
+    int lineNo;
+    int dataType;
+    int dataIndex;
+    int type;
+    char daName[256];
+};
+
+struct ProcessDataAssociation {
+    char associateName[128];
+    int dataType;
+    int dataIndex;
+    char daName[256];
+    int scaleNo;
+};
+
+struct ProcessMisc {
+    char key[128];
+    char value[1024];
+    char describe[128];
+};
+
+/* ---- Connection, processes, scales, routes ---------------------------- */
+
+QV_API int zq_openConfDB(void);
+QV_API int zq_closeConfDB(void);
+QV_API int zq_getAllProcessConfigsNum(int* pCount);
+QV_API int zq_getAllProcessConfigs(struct ProcessConfig* pProcessConfigs, int* pCount);
+QV_API int zq_getProcessNoByName(const char* processName, int* pProcessNo);
+QV_API int zq_getScaleConfigsNum(int* pCount);
+QV_API int zq_getScaleConfig(int scaleNo, struct ScaleConfig* pCfg);
+QV_API int zq_getProcessMsgAssociationsNum(const char* sendProcess, int* pCount);
+QV_API int zq_getProcessMsgAssociations(const char* sendProcess,
+                                        struct ProcessMsgAssociation* pAssociations,
+                                        int* pCount);
+
+/* ---- Device model associations ---------------------------------------- */
+
+QV_API int zq_getAllDeviceModelAssociationsNum(int* pCount);
+QV_API int zq_getAllDeviceModelAssociations(struct DeviceModelAssociation* pAssociations,
+                                            int* pCount);
+QV_API int zq_getDeviceModelAssociationsByTypeNum(int dataType, int* pCount);
+QV_API int zq_getDeviceModelAssociationsByType(int dataType,
+                                               struct DeviceModelAssociation* pAssociations,
+                                               int* pCount);
+QV_API int zq_getDeviceInputNumByType(int dataType, int* pCount);
+QV_API int zq_getDeviceModelAssociationsByTypeIndexNum(int dataType, int dataIndex,
+                                                       int* pCount);
+QV_API int zq_getDeviceModelAssociationsByTypeIndex(int dataType, int dataIndex,
+                                                    struct DeviceModelAssociation* pAssociations,
+                                                    int* pCount);
+QV_API int zq_getDeviceModelAssociationByName(const char* associateName,
+                                              struct DeviceModelAssociation* pAssociation);
+
+/* ---- Process data associations and settings --------------------------- */
+
+QV_API int zq_getAllProcessDataAssociationsNum(const char* processName, int* pCount);
+QV_API int zq_getAllProcessDataAssociations(const char* processName,
+                                            struct ProcessDataAssociation* pAssociations,
+                                            int* pCount);
+QV_API int zq_getProcessDataAssociationsByTypeNum(const char* processName, int dataType,
+                                                  int* pCount);
+QV_API int zq_getProcessDataAssociationsByType(const char* processName, int dataType,
+                                               struct ProcessDataAssociation* pAssociations,
+                                               int* pCount);
+QV_API int zq_getProcessDataAssociationByTypeIndex(const char* processName, int dataType,
+                                                   int dataIndex,
+                                                   struct ProcessDataAssociation* pAssociation);
+QV_API int zq_getProcessDataAssociationByName(const char* processName,
+                                              const char* associateName,
+                                              struct ProcessDataAssociation* pAssociation);
+QV_API int zq_getProcessMiscValue(const char* processName, const char* key,
+                                  struct ProcessMisc* pMisc);
+QV_API int zq_setProcessMiscValue(const char* processName, const char* key,
+                                  const struct ProcessMisc* pMisc);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QVCONF_H */

@@ -1,0 +1,197 @@
+/*
+ * qvrealapi: the real-time store.
+ *
+ * Connection, store lock and row keys; single, bulk and data-set value
+ * access; queries over the device model; the terminal access list, terminal
+ * information and feeder topology tables.
+ *
+ * Every operation except zq_openRealDB, zq_closeRealDB, initRealSem and
+ * RSHash needs an open connection (zq_openRealDB) and runs under the
+ * inter-process store lock. Results: 0 success, -1 failure.
+ */
+#ifndef QVREALAPI_H
+#define QVREALAPI_H
+
+#include "qvexport.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Model records ---------------------------------------------------- */
+
+typedef struct DataSet {
+    char iedName[33];
+    char name[33];
+    char ldInst[33];
+    char desc[256];
+} DataSet;
+
+typedef struct DataSetSub {
+    char fcdaName[256];
+    char iedName[33];
+    char dsName[33];
+    char ldInst[33];
+    char lnClass[5];
+    char lnInst[8];
+    char doName[33];
+    char daName[33];
+    char fc[3];
+} DataSetSub;
+
+typedef struct DA {
+    char daName[256];
+    char iedName[33];
+    char ldName[33];
+    char lnName[12];
+    char doName[33];
+    char fcName[3];
+    char value[256];
+    char valueType[16];
+    char doDesc[256];
+} DA;
+
+/* ---- Device registry and topology records ----------------------------- */
+
+typedef struct LTUAccess {
+    char date_time[256];
+    char deviceid[256];
+    int accessmodel;
+    char desc[64];
+    char key[256];
+    char version[64];
+} LTUAccess;
+
+typedef struct LTUInfor {
+    int id;
+    char QVsoftware_version[8];
+    char QVhardware_version[8];
+    char SGsoftware_version[8];
+    char SGhardware_version[8];
+    char name[33];
+    char addr[33];
+    int failedcount;
+    int state;
+    char desc[256];
+} LTUInfor;
+
+typedef struct TopoInfor {
+    int id;
+    char type[16];
+    char m_rln[64];
+    char name[64];
+    char l_link[64];
+    char r_link[64];
+    int power_flag;
+    char iedName[32];
+    char substation[64];
+} TopoInfor;
+
+/* One DA reference of a name list: a NUL-terminated text in 256 bytes. */
+typedef char DaNameRow[256];
+
+/* ---- Connection, lock and keys ---------------------------------------- */
+
+QV_API int zq_openRealDB(void);
+QV_API int zq_closeRealDB(void);
+QV_API int initRealSem(void);
+QV_API void locksem(int semid);
+QV_API void unlocksem(int semid);
+QV_API unsigned int RSHash(const char* str, unsigned int len);
+
+/* ---- Single values ---------------------------------------------------- */
+
+QV_API int zq_saveDoubDAValue(const char* daName, double val);
+QV_API int zq_saveDoubDAValue1(const char* daName, double val, int character);
+QV_API int zq_saveIntDAValueValue(const char* daName, int val);
+QV_API int zq_saveIntDAValueValue1(const char* daName, int val, int character);
+QV_API int zq_getIntDAValue(const char* daName, int* pValue);
+QV_API int zq_getIntDAValue1(const char* daName, int* pValue, int* pCharacter);
+QV_API int zq_getDoubDAValue(const char* daName, double* pValue);
+QV_API int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter);
+
+/* ---- Data sets and members -------------------------------------------- */
+
+QV_API int zq_getAllDataSetsNum(int* pCount);
+QV_API int zq_getAllDataSets(DataSet* pSets, int* pCount);
+QV_API int zq_getDataSetByName(const char* iedName, const char* name, DataSet* pSet);
+QV_API int zq_getDataSetSubByName(const char* fcdaName, DataSetSub* pSub);
+QV_API int zq_getDataSetSubsByParamsNum(const char* iedName, const char* dsName,
+                                        const char* ldInst, const char* lnClass,
+                                        const char* lnInst, const char* doName,
+                                        const char* daName, const char* fc, int* pCount);
+QV_API int zq_getDataSetSubsByParams(const char* iedName, const char* dsName,
+                                     const char* ldInst, const char* lnClass,
+                                     const char* lnInst, const char* doName,
+                                     const char* daName, const char* fc,
+                                     DataSetSub* pSubs, int* pCount);
+
+/* ---- Bulk and data-set values ----------------------------------------- */
+
+QV_API int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count);
+QV_API int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals,
+                            const int* pCharacter, int count);
+QV_API int zq_getDAValues(const DaNameRow* pDaNames, int count, double* pDaVals);
+QV_API int zq_getDAValues1(const DaNameRow* pDaNames, int count, double* pDaVals,
+                           int* pCharacter);
+QV_API int zq_saveDAValuesByDataSet(const char* iedName, const char* dataSetName,
+                                    const double* pDaVals, int count);
+QV_API int zq_saveDAValues1ByDataSet(const char* iedName, const char* dataSetName,
+                                     const double* pDaVals, const int* pCharacter,
+                                     int count);
+QV_API int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName,
+                                   double* pDaVals, int* pCount);
+QV_API int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName,
+                                    double* pDaVals, int* pCharacter, int* pCount);
+
+/* ---- Data attributes -------------------------------------------------- */
+
+QV_API int zq_getDAByName(const char* daName, DA* pDa);
+QV_API int zq_getDAsByParamsNum(const char* iedName, const char* ldName,
+                                const char* lnName, const char* doName,
+                                const char* fcName, int* pCount);
+QV_API int zq_getDAsByParams(const char* iedName, const char* ldName,
+                             const char* lnName, const char* doName,
+                             const char* fcName, DA* pDas, int* pCount);
+
+/* ---- Terminal access list --------------------------------------------- */
+
+QV_API int zq_addLTUAccess(const LTUAccess* pLTUAccess);
+QV_API int zq_deleteLTUAccessByDeviceid(const char* deviceid);
+QV_API int zq_getAllLTUAccessNum(int* pCount);
+QV_API int zq_getAllLTUAccess(LTUAccess* pLTUAccess, int* pCount);
+
+/* ---- Terminal information --------------------------------------------- */
+
+QV_API int zq_addLTUInfor(const LTUInfor* pLTUInfor);
+QV_API int zq_addLTUInfors(const LTUInfor* pLTUInfors, int count);
+QV_API int zq_deleteAllLTUInfors(void);
+QV_API int zq_deleteLTUInforByName(const char* name);
+QV_API int zq_getAllLTUInforsNum(int* pCount);
+QV_API int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount);
+QV_API int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor);
+QV_API int zq_setLTUInforByName(const char* name, const LTUInfor* pLTUInfor);
+QV_API int zq_setLTUInforStateByName(const char* name, int state);
+QV_API int zq_getLTUInforStateByName(const char* name, int* pState);
+QV_API int zq_getLTUInforById(int id, LTUInfor* pLTUInfor);
+
+/* ---- Feeder topology -------------------------------------------------- */
+
+QV_API int zq_addTopoInfor(const TopoInfor* pTopoInfor);
+QV_API int zq_addTopoInfors(const TopoInfor* pTopoInfors, int count);
+QV_API int zq_deleteAllTopoInfors(void);
+QV_API int zq_deleteTopoInforByLNName(const char* name);
+QV_API int zq_getAllTopoInforsNum(int* pCount);
+QV_API int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount);
+QV_API int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor);
+QV_API int zq_getTopoInforPower(TopoInfor* pTopoInfor);
+QV_API int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount);
+QV_API int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
+QV_API int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount);
+QV_API int zq_getRightTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QVREALAPI_H */

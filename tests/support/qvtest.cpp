@@ -1,0 +1,111 @@
+#include "qvtest.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "qvrealapi.h"
+
+namespace qvtest {
+
+std::string realDbPath() { return QV_REALTIME_DB_PATH; }
+std::string confDbPath() { return QV_CONF_DB_PATH; }
+std::string sourcePath(const std::string& relative) {
+    return std::string(QV_SOURCE_DIR) + "/" + relative;
+}
+
+namespace {
+
+sqlite3* openOrFail(const std::string& dbPath) {
+    mkdir(QV_TEST_STORE_DIR, 0755);
+    sqlite3* db = nullptr;
+    if (sqlite3_open(dbPath.c_str(), &db) != SQLITE_OK) {
+        ADD_FAILURE() << "cannot open " << dbPath << ": " << sqlite3_errmsg(db);
+    }
+    return db;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    EXPECT_TRUE(in.good()) << "cannot read " << path;
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+void execSql(const std::string& dbPath, const std::string& sql) {
+    sqlite3* db = openOrFail(dbPath);
+    char* error = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        ADD_FAILURE() << "SQL failed on " << dbPath << ": " << (error ? error : "?") << "\n"
+                      << sql;
+    }
+    sqlite3_free(error);
+    sqlite3_close(db);
+}
+
+void execSqlFile(const std::string& dbPath, const std::string& sqlFile) {
+    execSql(dbPath, readFile(sqlFile));
+}
+
+Rows query(const std::string& dbPath, const std::string& sql) {
+    Rows rows;
+    sqlite3* db = openOrFail(dbPath);
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+        ADD_FAILURE() << "cannot prepare: " << sqlite3_errmsg(db) << "\n" << sql;
+        sqlite3_close(db);
+        return rows;
+    }
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+        std::vector<std::string> row;
+        for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
+            const unsigned char* text = sqlite3_column_text(stmt, c);
+            row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
+        }
+        rows.push_back(row);
+    }
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return rows;
+}
+
+long long queryInt(const std::string& dbPath, const std::string& sql) {
+    Rows rows = query(dbPath, sql);
+    if (rows.empty() || rows[0].empty()) {
+        ADD_FAILURE() << "no result for " << sql;
+        return -1;
+    }
+    return std::stoll(rows[0][0]);
+}
+
+void removeStore(const std::string& dbPath) {
+    for (const char* suffix : {"", "-journal", "-wal", "-shm"}) {
+        unlink((dbPath + suffix).c_str());
+    }
+}
+
+void freshRealStore() {
+    removeStore(realDbPath());
+    execSqlFile(realDbPath(), sourcePath("schema/realtime.sql"));
+}
+
+void freshConfStore() {
+    removeStore(confDbPath());
+    execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));
+}
+
+void RealStoreTest::SetUp() {
+    zq_closeRealDB();
+    freshRealStore();
+    ASSERT_EQ(zq_openRealDB(), 0);
+}
+
+void RealStoreTest::TearDown() { zq_closeRealDB(); }
+
+}  // namespace qvtest

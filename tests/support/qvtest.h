@@ -1,0 +1,44 @@
+// Test support: the private stores of the test build and plain SQLite access
+// to them, so tests can prepare rows and check exactly what the library wrote.
+#ifndef QVTEST_SUPPORT_H
+#define QVTEST_SUPPORT_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+using Rows = std::vector<std::vector<std::string>>;
+
+std::string realDbPath();
+std::string confDbPath();
+std::string sourcePath(const std::string& relative);  // a file of the source tree
+
+// Runs SQL (one or more statements) on a database file; fails the test on error.
+void execSql(const std::string& dbPath, const std::string& sql);
+void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
+
+// Every row of a query, each column as text ("NULL" for a NULL column).
+Rows query(const std::string& dbPath, const std::string& sql);
+long long queryInt(const std::string& dbPath, const std::string& sql);
+
+// Removes a store file and its journals.
+void removeStore(const std::string& dbPath);
+
+// Empty stores created from the shipped schema files.
+void freshRealStore();
+void freshConfStore();
+
+// A fresh real-time store, opened by the library for the test's length.
+class RealStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+}  // namespace qvtest
+
+#endif  // QVTEST_SUPPORT_H

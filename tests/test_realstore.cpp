@@ -1,0 +1,315 @@
+// Real-time store: connection lifecycle, row keys, single values and the
+// inter-process store lock.
+#include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "qvrealapi.h"
+#include "qvtest.h"
+
+using qvtest::execSql;
+using qvtest::query;
+using qvtest::queryInt;
+using qvtest::realDbPath;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+int storeLockValue() {
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
+}
+
+long long key(const std::string& reference) {
+    return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
+}
+
+void addValueRow(const std::string& reference, double value = 0.0, int quality = 0) {
+    execSql(realDbPath(), "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
+                              std::to_string(key(reference)) + ",1," + std::to_string(value) +
+                              "," + std::to_string(quality) + ",0)");
+}
+
+const char* const kRef = "IED1LD0/MMXU1$MX$TotW$mag$f";
+
+}  // namespace
+
+TEST(RSHash, MatchesTheKnownKeys) {
+    EXPECT_EQ(RSHash("", 0), 0u);
+    EXPECT_EQ(RSHash("a", 1), 97u);
+    EXPECT_EQ(RSHash("abc", 3), 2969643692u);
+    // Bytes above 0x7F count as negative signed chars.
+    EXPECT_EQ(RSHash("\xE9", 1), 4294967273u);
+    // Only the first len bytes count; no terminator check inside.
+    EXPECT_EQ(RSHash("abcdef", 3), 2969643692u);
+    EXPECT_EQ(RSHash("a\0b", 3), RSHash(std::string("a\0b", 3).data(), 3));
+    EXPECT_NE(RSHash("a\0b", 3), RSHash("a", 1));
+}
+
+class RealStore : public qvtest::RealStoreTest {};
+
+TEST_F(RealStore, KeysAboveTwoToThe31AreBoundAsNonNegative) {
+    const char* ref = "\xE9";  // RSHash 4294967273: negative if bound as int32
+    addValueRow(ref, 0.0);
+    ASSERT_EQ(zq_saveDoubDAValue1(ref, 12.5, 7), 0);
+    EXPECT_EQ(query(realDbPath(), "select value,quality from DAValue where hashID=4294967273"),
+              (qvtest::Rows{{"12.5", "7"}}));
+    double value = 0;
+    int quality = 0;
+    ASSERT_EQ(zq_getDoubDAValue1(ref, &value, &quality), 0);
+    EXPECT_EQ(value, 12.5);
+    EXPECT_EQ(quality, 7);
+}
+
+TEST_F(RealStore, ValuesConvertBetweenIntAndDouble) {
+    addValueRow(kRef);
+    double d = 0;
+    int i = 0;
+    ASSERT_EQ(zq_saveIntDAValueValue(kRef, 5), 0);
+    ASSERT_EQ(zq_getDoubDAValue(kRef, &d), 0);
+    EXPECT_EQ(d, 5.0);
+    ASSERT_EQ(zq_saveDoubDAValue(kRef, 2.7), 0);
+    ASSERT_EQ(zq_getIntDAValue(kRef, &i), 0);
+    EXPECT_EQ(i, 2);
+    ASSERT_EQ(zq_saveDoubDAValue(kRef, -2.7), 0);
+    ASSERT_EQ(zq_getIntDAValue(kRef, &i), 0);
+    EXPECT_EQ(i, -2);
+    ASSERT_EQ(zq_saveIntDAValueValue1(kRef, -2147483647 - 1, 3), 0);
+    int quality = 0;
+    ASSERT_EQ(zq_getIntDAValue1(kRef, &i, &quality), 0);
+    EXPECT_EQ(i, -2147483647 - 1);
+    EXPECT_EQ(quality, 3);
+}
+
+TEST_F(RealStore, PlainSaveKeepsTheQuality) {
+    addValueRow(kRef);
+    double value = -1;
+    int quality = -1;
+    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
+    EXPECT_EQ(value, 0.0);
+    EXPECT_EQ(quality, 0);
+    ASSERT_EQ(zq_saveDoubDAValue1(kRef, 1.25, 0x40), 0);
+    ASSERT_EQ(zq_saveDoubDAValue(kRef, 3.5), 0);
+    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
+    EXPECT_EQ(value, 3.5);
+    EXPECT_EQ(quality, 0x40);
+}
+
+TEST_F(RealStore, UnknownReferenceSavesNothingAndReadsNothing) {
+    addValueRow(kRef, 9.0);
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDoubDAValue("IED1LD0/NOPE$MX$x", 1.0), 0);
+    double value = 42.0;
+    int quality = 42;
+    // Letter case and a trailing blank name other rows.
+    EXPECT_EQ(zq_getDoubDAValue("ied1LD0/MMXU1$MX$TotW$mag$f", &value), -1);
+    EXPECT_EQ(zq_getDoubDAValue1((std::string(kRef) + " ").c_str(), &value, &quality), -1);
+    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(value, 42.0);
+    EXPECT_EQ(quality, 42);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=9.0"), 1);
+}
+
+TEST_F(RealStore, StepFailureReportsAndReleasesTheLock) {
+    addValueRow(kRef);
+    execSql(realDbPath(), "drop table DAValue");
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDoubDAValue(kRef, 1.0), -1);
+    double value = 0;
+    EXPECT_EQ(zq_getDoubDAValue(kRef, &value), -1);
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("sqlite3_step err no such table: DAValue"));
+    EXPECT_EQ(storeLockValue(), 1);
+}
+
+TEST(RealStoreConnection, OpenCloseReopen) {
+    zq_closeRealDB();
+    qvtest::freshRealStore();
+    EXPECT_EQ(zq_closeRealDB(), 0);  // closing a closed store is harmless
+    ASSERT_EQ(zq_openRealDB(), 0);
+    addValueRow(kRef, 4.0);
+    // A second open keeps the connection and still sets the lock free.
+    locksem(semget(QV_SEM_KEY, 1, 0666));
+    EXPECT_EQ(storeLockValue(), 0);
+    EXPECT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(storeLockValue(), 1);
+    EXPECT_EQ(zq_closeRealDB(), 0);
+    EXPECT_EQ(zq_closeRealDB(), 0);
+    ASSERT_EQ(zq_openRealDB(), 0);
+    double value = 0;
+    EXPECT_EQ(zq_getDoubDAValue(kRef, &value), 0);
+    EXPECT_EQ(value, 4.0);
+    zq_closeRealDB();
+}
+
+TEST(RealStoreConnection, OpenWithoutModelTablesFailsThenRetries) {
+    zq_closeRealDB();
+    qvtest::removeStore(realDbPath());
+    CaptureStderr();
+    EXPECT_EQ(zq_openRealDB(), -1);
+    EXPECT_EQ(GetCapturedStderr(), "sqlite3_prepare_v2 err no such table: DAValue\n");
+    // The failed open left nothing half-open: once the tables exist, it opens.
+    qvtest::freshRealStore();
+    ASSERT_EQ(zq_openRealDB(), 0);
+    addValueRow(kRef, 1.5);
+    double value = 0;
+    EXPECT_EQ(zq_getDoubDAValue(kRef, &value), 0);
+    EXPECT_EQ(value, 1.5);
+    zq_closeRealDB();
+}
+
+TEST(RealStoreConnection, OpenOnAnUnopenableFileFails) {
+    zq_closeRealDB();
+    qvtest::removeStore(realDbPath());
+    ASSERT_EQ(mkdir(realDbPath().c_str(), 0755), 0);  // a directory is no database
+    CaptureStderr();
+    EXPECT_EQ(zq_openRealDB(), -1);
+    const std::string err = GetCapturedStderr();
+    rmdir(realDbPath().c_str());
+    EXPECT_THAT(err, testing::AnyOf(HasSubstr("Can't open database:"),
+                                    HasSubstr("sqlite3_prepare_v2 err")));
+}
+
+TEST(RealStoreConnection, OperationsOnAClosedStoreFailCleanly) {
+    zq_closeRealDB();
+    double d = 5;
+    int i = 5;
+    int q = 5;
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDoubDAValue(kRef, 1), -1);
+    EXPECT_EQ(zq_saveDoubDAValue1(kRef, 1, 1), -1);
+    EXPECT_EQ(zq_saveIntDAValueValue(kRef, 1), -1);
+    EXPECT_EQ(zq_saveIntDAValueValue1(kRef, 1, 1), -1);
+    EXPECT_EQ(zq_getDoubDAValue(kRef, &d), -1);
+    EXPECT_EQ(zq_getDoubDAValue1(kRef, &d, &q), -1);
+    EXPECT_EQ(zq_getIntDAValue(kRef, &i), -1);
+    EXPECT_EQ(zq_getIntDAValue1(kRef, &i, &q), -1);
+    const std::string err = GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("zq_getIntDAValue1: the real-time store is not open"));
+    EXPECT_EQ(d, 5);
+    EXPECT_EQ(i, 5);
+}
+
+TEST_F(RealStore, NullArgumentsAreRefused) {
+    CaptureStderr();
+    double d = 0;
+    EXPECT_EQ(zq_saveDoubDAValue(nullptr, 1), -1);
+    EXPECT_EQ(zq_getDoubDAValue(nullptr, &d), -1);
+    EXPECT_EQ(zq_getDoubDAValue(kRef, nullptr), -1);
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("a required argument is null"));
+    EXPECT_EQ(storeLockValue(), 1);
+}
+
+// ---- The store lock across processes ----------------------------------------
+
+namespace {
+
+// Adds one to the value under the library's store lock, by read-modify-write
+// on a connection of the child's own: without the lock, updates get lost.
+void incrementUnderStoreLock(int semid, sqlite3* db, long long rowKey) {
+    locksem(semid);
+    sqlite3_stmt* read = nullptr;
+    sqlite3_prepare_v2(db, "select value from DAValue where hashID=?", -1, &read, nullptr);
+    sqlite3_bind_int64(read, 1, rowKey);
+    sqlite3_step(read);
+    const double value = sqlite3_column_double(read, 0);
+    sqlite3_finalize(read);
+    usleep(50);  // widen the window a missing lock would leave open
+    const std::string update = "update DAValue set value=" + std::to_string(value + 1) +
+                               " where hashID=" + std::to_string(rowKey);
+    sqlite3_exec(db, update.c_str(), nullptr, nullptr, nullptr);
+    unlocksem(semid);
+}
+
+}  // namespace
+
+TEST(StoreLock, ForkedIncrementersLoseNoUpdate) {
+    zq_closeRealDB();
+    qvtest::freshRealStore();
+    addValueRow(kRef, 0.0);
+    ASSERT_EQ(zq_openRealDB(), 0);  // creates the semaphore and sets it free
+    zq_closeRealDB();               // no connection may cross a fork
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    ASSERT_GE(semid, 0);
+    constexpr int kChildren = 4;
+    constexpr int kIncrements = 150;
+    pid_t children[kChildren];
+    for (pid_t& child : children) {
+        child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            sqlite3* db = nullptr;
+            sqlite3_open(realDbPath().c_str(), &db);
+            sqlite3_busy_timeout(db, 10000);
+            for (int n = 0; n < kIncrements; ++n) incrementUnderStoreLock(semid, db, key(kRef));
+            sqlite3_close(db);
+            _exit(0);
+        }
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    ASSERT_EQ(zq_openRealDB(), 0);
+    double value = 0;
+    ASSERT_EQ(zq_getDoubDAValue(kRef, &value), 0);
+    EXPECT_EQ(value, kChildren * kIncrements);
+    zq_closeRealDB();
+}
+
+TEST(StoreLock, BlockedLockWaitsForUnlock) {
+    zq_closeRealDB();
+    qvtest::freshRealStore();
+    ASSERT_EQ(zq_openRealDB(), 0);
+    zq_closeRealDB();
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    locksem(semid);
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        locksem(semid);
+        const char got = 'L';
+        (void)!write(pipeFds[1], &got, 1);
+        unlocksem(semid);
+        _exit(0);
+    }
+    pollfd waitForChild{pipeFds[0], POLLIN, 0};
+    EXPECT_EQ(poll(&waitForChild, 1, 300), 0) << "the child got a taken lock";
+    unlocksem(semid);
+    EXPECT_EQ(poll(&waitForChild, 1, 10000), 1) << "the child never got the freed lock";
+    int status = 0;
+    waitpid(child, &status, 0);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    EXPECT_EQ(storeLockValue(), 1);
+}
+
+TEST(StoreLock, AKilledHolderIsRecoveredByTheNextOpen) {
+    zq_closeRealDB();
+    qvtest::freshRealStore();
+    ASSERT_EQ(zq_openRealDB(), 0);
+    zq_closeRealDB();
+    const pid_t child = fork();
+    if (child == 0) {
+        locksem(semget(QV_SEM_KEY, 1, 0666));
+        pause();  // dies holding the lock
+        _exit(0);
+    }
+    while (storeLockValue() != 0) usleep(1000);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(storeLockValue(), 0);  // no undo: the lock stays taken
+    ASSERT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(storeLockValue(), 1);
+    zq_closeRealDB();
+}
