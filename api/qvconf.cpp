@@ -1,5 +1,444 @@
 // The configuration store: one connection per process and its queries.
+//
+// Every query runs the same way (see execute()): resolve the process name
+// when the query belongs to a process, prepare once, bind, step with busy
+// retry, hand the rows to the shape of the operation (count, list or single
+// record), reset and finalise. The exported operations only name their SQL,
+// their parameters and where the rows go.
 #include "qvconf.h"
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <vector>
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvsqlite.h"
+
+using qvsql::bindText;
+using qvsql::copyColumnText;
+
+namespace {
+
+sqlite3* s_sqliteDB = nullptr;
+
+const char* const kPrepareError = "sqlite3_prepare_v2 err %s\n";
+const char* const kWritePrepareError = "sqlite3_prepare_v2 err:%s\n";
+
+// ---- SQL texts ------------------------------------------------------------------
+
+const char* const kCountProcessesSql = "select count(*) from ProcessConfig";
+const char* const kListProcessesSql = "select processName,processDescribe from ProcessConfig";
+const char* const kProcessNoSql = "select no from ProcessConfig  where processName=?";
+const char* const kCountScalesSql = "select count(*) from ScaleConfig";
+const char* const kScaleSql =
+    "select name,maxValue,minValue,userMaxValue,userMinValue from ScaleConfig  where no=?";
+const char* const kCountRoutesSql =
+    "select count(*) from ProcessMsgAssociation where sendProcessNo=?";
+const char* const kListRoutesSql =
+    "select sendProcessNo,recvProcessNo,msgType from ProcessMsgAssociation where sendProcessNo=?";
+
+const char* const kCountDevicePointsSql = "select count(*) from DeviceModelAssociation";
+const char* const kListDevicePointsSql =
+    "select associateName,lineNo,dataType,dataIndex,daName,type from DeviceModelAssociation";
+const char* const kCountDevicePointsByTypeSql =
+    "select count(*) from DeviceModelAssociation where dataType=?";
+const char* const kListDevicePointsByTypeSql =
+    "select associateName,lineNo,dataType,dataIndex,daName,type from DeviceModelAssociation  "
+    "where dataType=?";
+const char* const kCountDeviceInputsSql =
+    "select count(*) from (select distinct dataType,dataIndex  from DeviceModelAssociation "
+    "where dataType=?)";
+const char* const kCountDevicePointsByTypeIndexSql =
+    "select count(*) from DeviceModelAssociation where dataType=? and dataIndex=?";
+const char* const kListDevicePointsByTypeIndexSql =
+    "select associateName,lineNo,dataType,dataIndex,daName,type from DeviceModelAssociation  "
+    "where dataType=? and dataIndex=?";
+const char* const kDevicePointByNameSql =
+    "select associateName,lineNo,dataType,dataIndex,daName,type from DeviceModelAssociation  "
+    "where associateName=?";
+
+const char* const kCountProcessPointsSql =
+    "select count(*) from ProcessDataAssociation  where processNo=? ";
+const char* const kListProcessPointsSql =
+    "select associateName,dataType,dataIndex,daName,scaleNo from ProcessDataAssociation  "
+    "where processNo=? ";
+const char* const kCountProcessPointsByTypeSql =
+    "select count(*) from ProcessDataAssociation  where processNo=?  and dataType=? ";
+const char* const kListProcessPointsByTypeSql =
+    "select associateName,dataType,dataIndex,daName,scaleNo from ProcessDataAssociation  "
+    "where processNo=? and dataType=? ";
+const char* const kProcessPointByTypeIndexSql =
+    "select associateName,dataType,dataIndex,daName,scaleNo from ProcessDataAssociation  "
+    "where processNo=? and dataType=? and dataIndex=?";
+const char* const kProcessPointByNameSql =
+    "select associateName,dataType,dataIndex,daName,scaleNo from ProcessDataAssociation  "
+    "where processNo=? and associateName=?";
+const char* const kMiscValueSql =
+    "select key,value,descripe from ProcessMisc  where processNo=? and key=?";
+const char* const kUpdateMiscSql =
+    "update ProcessMisc set value=?,descripe=?  where key=? and processNo=?";
+
+// ---- One query --------------------------------------------------------------------
+
+// A bound parameter: an int, a text of the caller's (bound in place), or the
+// number of the query's process, resolved from its name before the prepare.
+struct Param {
+    enum class Kind { Number, Text, ProcessNo };
+    Param(int value) : kind(Kind::Number), number(value) {}
+    Param(const char* value) : kind(Kind::Text), text(value) {}
+    explicit Param(Kind k) : kind(k) {}
+
+    Kind kind;
+    int number = 0;
+    const char* text = nullptr;
+};
+
+const Param kProcessNo{Param::Kind::ProcessNo};
+
+struct Query {
+    const char* operation;  // names the caller's operation in messages
+    const char* sql;
+    std::vector<Param> params;  // in binding order
+    const char* processName = nullptr;  // the process behind kProcessNo
+    const char* prepareError = kPrepareError;
+    bool announceBusy = false;  // print a line on stdout before each busy pause
+};
+
+// Reads one row; false stops the reading before the next step.
+using RowHandler = std::function<bool(sqlite3_stmt*)>;
+
+bool argumentGiven(const void* argument, const char* operation) {
+    if (argument != nullptr) return true;
+    std::fprintf(stderr, "%s: a required argument is null\n", operation);
+    return false;
+}
+
+bool storeIsOpen(const char* operation) {
+    if (s_sqliteDB != nullptr) return true;
+    std::fprintf(stderr,
+                 "%s: the configuration store is not open (call zq_openConfDB first)\n",
+                 operation);
+    return false;
+}
+
+bool belongsToProcess(const Query& query) {
+    for (const Param& param : query.params)
+        if (param.kind == Param::Kind::ProcessNo) return true;
+    return false;
+}
+
+// Refuses null texts and a closed store, then puts the process number in
+// place of kProcessNo. An unknown process fails without a message.
+bool prepareParams(Query& query) {
+    const bool byProcess = belongsToProcess(query);
+    if (byProcess && !argumentGiven(query.processName, query.operation)) return false;
+    for (const Param& param : query.params)
+        if (param.kind == Param::Kind::Text && !argumentGiven(param.text, query.operation))
+            return false;
+    if (!storeIsOpen(query.operation)) return false;
+    if (!byProcess) return true;
+    int processNo = 0;
+    if (zq_getProcessNoByName(query.processName, &processNo) != 0) return false;
+    for (Param& param : query.params)
+        if (param.kind == Param::Kind::ProcessNo) param = Param(processNo);
+    return true;
+}
+
+void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
+    int index = 1;
+    for (const Param& param : params) {
+        if (param.kind == Param::Kind::Text)
+            bindText(stmt, index, param.text);
+        else
+            sqlite3_bind_int(stmt, index, param.number);
+        ++index;
+    }
+}
+
+int stepAnnouncingBusy(sqlite3_stmt* stmt) {
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
+        std::puts("sqlite3_step SQLITE_BUSY");
+        std::fflush(stdout);
+        usleep(qvsql::kBusyPauseMicros);
+    }
+    return rc;
+}
+
+// Runs the query, handing its rows to onRow: 0 when it ran to the end or
+// onRow stopped it, -1 (with a message) when it could not run.
+int execute(Query query, const RowHandler& onRow) {
+    if (!prepareParams(query)) return -1;
+    qvsql::Statement stmt;
+    if (stmt.prepare(s_sqliteDB, query.sql) != SQLITE_OK) {
+        std::fprintf(stderr, query.prepareError, sqlite3_errmsg(s_sqliteDB));
+        return -1;
+    }
+    bindParams(stmt.get(), query.params);
+    for (;;) {
+        const int rc = query.announceBusy ? stepAnnouncingBusy(stmt.get())
+                                          : qvsql::stepWithBusyRetry(stmt.get());
+        if (rc == SQLITE_DONE) return 0;
+        if (rc != SQLITE_ROW) {
+            std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
+            return -1;
+        }
+        if (!onRow(stmt.get())) return 0;
+    }
+}
+
+// ---- Rows into records ----------------------------------------------------------
+
+void fillRecord(sqlite3_stmt* stmt, int& number) { number = sqlite3_column_int(stmt, 0); }
+
+void fillRecord(sqlite3_stmt* stmt, ProcessConfig& record) {
+    copyColumnText(stmt, 0, record.processName);
+    copyColumnText(stmt, 1, record.processDescribe);
+}
+
+void fillRecord(sqlite3_stmt* stmt, ScaleConfig& record) {
+    copyColumnText(stmt, 0, record.name);
+    record.maxValue = sqlite3_column_double(stmt, 1);
+    record.minValue = sqlite3_column_double(stmt, 2);
+    record.userMaxValue = sqlite3_column_double(stmt, 3);
+    record.userMinValue = sqlite3_column_double(stmt, 4);
+}
+
+void fillRecord(sqlite3_stmt* stmt, ProcessMsgAssociation& record) {
+    record.sendProcessNo = sqlite3_column_int(stmt, 0);
+    record.recvProcessNo = sqlite3_column_int(stmt, 1);
+    record.msgType = sqlite3_column_int(stmt, 2);
+}
+
+// The select list names daName before type; the record holds them the other way.
+void fillRecord(sqlite3_stmt* stmt, DeviceModelAssociation& record) {
+    copyColumnText(stmt, 0, record.associateName);
+    record.lineNo = sqlite3_column_int(stmt, 1);
+    record.dataType = sqlite3_column_int(stmt, 2);
+    record.dataIndex = sqlite3_column_int(stmt, 3);
+    copyColumnText(stmt, 4, record.daName);
+    record.type = sqlite3_column_int(stmt, 5);
+}
+
+void fillRecord(sqlite3_stmt* stmt, ProcessDataAssociation& record) {
+    copyColumnText(stmt, 0, record.associateName);
+    record.dataType = sqlite3_column_int(stmt, 1);
+    record.dataIndex = sqlite3_column_int(stmt, 2);
+    copyColumnText(stmt, 3, record.daName);
+    record.scaleNo = sqlite3_column_int(stmt, 4);
+}
+
+void fillRecord(sqlite3_stmt* stmt, ProcessMisc& record) {
+    copyColumnText(stmt, 0, record.key);
+    copyColumnText(stmt, 1, record.value);
+    copyColumnText(stmt, 2, record.describe);  // column descripe
+}
+
+// ---- The three shapes -------------------------------------------------------------
+
+// The first row's first column into *pCount; no row leaves it 0.
+int countRows(const Query& query, int* pCount) {
+    if (!argumentGiven(pCount, query.operation)) return -1;
+    *pCount = 0;
+    return execute(query, [pCount](sqlite3_stmt* stmt) {
+        fillRecord(stmt, *pCount);
+        return false;
+    });
+}
+
+// Every row into the caller's array from index 0; the count is delivered
+// only when all rows were read.
+template <typename Record>
+int listRows(const Query& query, Record* records, int* pCount) {
+    if (!argumentGiven(pCount, query.operation)) return -1;
+    *pCount = 0;
+    if (!argumentGiven(records, query.operation)) return -1;
+    int delivered = 0;
+    const int result = execute(query, [records, &delivered](sqlite3_stmt* stmt) {
+        fillRecord(stmt, records[delivered++]);
+        return true;
+    });
+    if (result == 0) *pCount = delivered;
+    return result;
+}
+
+// The first row into the caller's record; no row is -1 and leaves it untouched.
+template <typename Record>
+int readFirstRow(const Query& query, Record* record) {
+    if (!argumentGiven(record, query.operation)) return -1;
+    bool found = false;
+    const int result = execute(query, [record, &found](sqlite3_stmt* stmt) {
+        fillRecord(stmt, *record);
+        found = true;
+        return false;
+    });
+    return result == 0 && found ? 0 : -1;
+}
+
+}  // namespace
+
+// ---- Connection, processes, scales, routes ------------------------------------------
+
+int zq_openConfDB(void) {
+    if (s_sqliteDB != nullptr) return 0;
+    if (sqlite3_open(QV_CONF_DB_PATH, &s_sqliteDB) != SQLITE_OK) {
+        std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(s_sqliteDB));
+        // Drop the failed handle so that the next open tries again.
+        sqlite3_close(s_sqliteDB);
+        s_sqliteDB = nullptr;
+        return -1;
+    }
+    return 0;
+}
+
+int zq_closeConfDB(void) {
+    if (s_sqliteDB == nullptr) return 0;
+    sqlite3_close(s_sqliteDB);
+    s_sqliteDB = nullptr;
+    return 0;
+}
+
+int zq_getAllProcessConfigsNum(int* pCount) {
+    return countRows({"zq_getAllProcessConfigsNum", kCountProcessesSql, {}}, pCount);
+}
+
+int zq_getAllProcessConfigs(ProcessConfig* pProcessConfigs, int* pCount) {
+    Query query{"zq_getAllProcessConfigs", kListProcessesSql, {}};
+    query.announceBusy = true;
+    return listRows(query, pProcessConfigs, pCount);
+}
+
+int zq_getProcessNoByName(const char* processName, int* pProcessNo) {
+    return readFirstRow({"zq_getProcessNoByName", kProcessNoSql, {processName}}, pProcessNo);
+}
+
+int zq_getScaleConfigsNum(int* pCount) {
+    return countRows({"zq_getScaleConfigsNum", kCountScalesSql, {}}, pCount);
+}
+
+int zq_getScaleConfig(int scaleNo, ScaleConfig* pCfg) {
+    return readFirstRow({"zq_getScaleConfig", kScaleSql, {scaleNo}}, pCfg);
+}
+
+int zq_getProcessMsgAssociationsNum(const char* sendProcess, int* pCount) {
+    return countRows(
+        {"zq_getProcessMsgAssociationsNum", kCountRoutesSql, {kProcessNo}, sendProcess}, pCount);
+}
+
+int zq_getProcessMsgAssociations(const char* sendProcess, ProcessMsgAssociation* pAssociations,
+                                 int* pCount) {
+    return listRows({"zq_getProcessMsgAssociations", kListRoutesSql, {kProcessNo}, sendProcess},
+                    pAssociations, pCount);
+}
+
+// ---- Device model associations ------------------------------------------------------
+
+int zq_getAllDeviceModelAssociationsNum(int* pCount) {
+    return countRows({"zq_getAllDeviceModelAssociationsNum", kCountDevicePointsSql, {}}, pCount);
+}
+
+int zq_getAllDeviceModelAssociations(DeviceModelAssociation* pAssociations, int* pCount) {
+    return listRows({"zq_getAllDeviceModelAssociations", kListDevicePointsSql, {}},
+                    pAssociations, pCount);
+}
+
+int zq_getDeviceModelAssociationsByTypeNum(int dataType, int* pCount) {
+    return countRows(
+        {"zq_getDeviceModelAssociationsByTypeNum", kCountDevicePointsByTypeSql, {dataType}},
+        pCount);
+}
+
+int zq_getDeviceModelAssociationsByType(int dataType, DeviceModelAssociation* pAssociations,
+                                        int* pCount) {
+    return listRows(
+        {"zq_getDeviceModelAssociationsByType", kListDevicePointsByTypeSql, {dataType}},
+        pAssociations, pCount);
+}
+
+int zq_getDeviceInputNumByType(int dataType, int* pCount) {
+    return countRows({"zq_getDeviceInputNumByType", kCountDeviceInputsSql, {dataType}}, pCount);
+}
+
+int zq_getDeviceModelAssociationsByTypeIndexNum(int dataType, int dataIndex, int* pCount) {
+    return countRows({"zq_getDeviceModelAssociationsByTypeIndexNum",
+                      kCountDevicePointsByTypeIndexSql,
+                      {dataType, dataIndex}},
+                     pCount);
+}
+
+int zq_getDeviceModelAssociationsByTypeIndex(int dataType, int dataIndex,
+                                             DeviceModelAssociation* pAssociations,
+                                             int* pCount) {
+    return listRows({"zq_getDeviceModelAssociationsByTypeIndex",
+                     kListDevicePointsByTypeIndexSql,
+                     {dataType, dataIndex}},
+                    pAssociations, pCount);
+}
+
+int zq_getDeviceModelAssociationByName(const char* associateName,
+                                       DeviceModelAssociation* pAssociation) {
+    return readFirstRow(
+        {"zq_getDeviceModelAssociationByName", kDevicePointByNameSql, {associateName}},
+        pAssociation);
+}
+
+// ---- Process data associations and settings ---------------------------------------
+
+int zq_getAllProcessDataAssociationsNum(const char* processName, int* pCount) {
+    return countRows({"zq_getAllProcessDataAssociationsNum", kCountProcessPointsSql,
+                      {kProcessNo}, processName},
+                     pCount);
+}
+
+int zq_getAllProcessDataAssociations(const char* processName,
+                                     ProcessDataAssociation* pAssociations, int* pCount) {
+    return listRows({"zq_getAllProcessDataAssociations", kListProcessPointsSql, {kProcessNo},
+                     processName},
+                    pAssociations, pCount);
+}
+
+int zq_getProcessDataAssociationsByTypeNum(const char* processName, int dataType,
+                                           int* pCount) {
+    return countRows({"zq_getProcessDataAssociationsByTypeNum", kCountProcessPointsByTypeSql,
+                      {kProcessNo, dataType}, processName},
+                     pCount);
+}
+
+int zq_getProcessDataAssociationsByType(const char* processName, int dataType,
+                                        ProcessDataAssociation* pAssociations, int* pCount) {
+    return listRows({"zq_getProcessDataAssociationsByType", kListProcessPointsByTypeSql,
+                     {kProcessNo, dataType}, processName},
+                    pAssociations, pCount);
+}
+
+int zq_getProcessDataAssociationByTypeIndex(const char* processName, int dataType,
+                                            int dataIndex,
+                                            ProcessDataAssociation* pAssociation) {
+    return readFirstRow({"zq_getProcessDataAssociationByTypeIndex", kProcessPointByTypeIndexSql,
+                         {kProcessNo, dataType, dataIndex}, processName},
+                        pAssociation);
+}
+
+int zq_getProcessDataAssociationByName(const char* processName, const char* associateName,
+                                       ProcessDataAssociation* pAssociation) {
+    return readFirstRow({"zq_getProcessDataAssociationByName", kProcessPointByNameSql,
+                         {kProcessNo, associateName}, processName},
+                        pAssociation);
+}
+
+int zq_getProcessMiscValue(const char* processName, const char* key, ProcessMisc* pMisc) {
+    return readFirstRow(
+        {"zq_getProcessMiscValue", kMiscValueSql, {kProcessNo, key}, processName}, pMisc);
+}
+
+// The key argument names the row; the record's own key field is not used.
+int zq_setProcessMiscValue(const char* processName, const char* key, const ProcessMisc* pMisc) {
+    if (!argumentGiven(pMisc, "zq_setProcessMiscValue")) return -1;
+    Query query{"zq_setProcessMiscValue", kUpdateMiscSql,
+                {pMisc->value, pMisc->describe, key, kProcessNo}, processName};
+    query.prepareError = kWritePrepareError;
+    return execute(query, [](sqlite3_stmt*) { return true; });
+}
