@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <functional>
 #include <vector>
@@ -192,50 +193,52 @@ int execute(Query query, const RowHandler& onRow) {
 
 // ---- Rows into records ----------------------------------------------------------
 
-void fillRecord(sqlite3_stmt* stmt, int& number) { number = sqlite3_column_int(stmt, 0); }
+// Reads the columns of the current row left to right into record fields.
+class Columns {
+public:
+    explicit Columns(sqlite3_stmt* stmt) : stmt_(stmt) {}
+    Columns& operator>>(int& field) {
+        field = sqlite3_column_int(stmt_, next_++);
+        return *this;
+    }
+    Columns& operator>>(double& field) {
+        field = sqlite3_column_double(stmt_, next_++);
+        return *this;
+    }
+    template <std::size_t N>
+    Columns& operator>>(char (&field)[N]) {
+        copyColumnText(stmt_, next_++, field);
+        return *this;
+    }
 
-void fillRecord(sqlite3_stmt* stmt, ProcessConfig& record) {
-    copyColumnText(stmt, 0, record.processName);
-    copyColumnText(stmt, 1, record.processDescribe);
+private:
+    sqlite3_stmt* stmt_;
+    int next_ = 0;
+};
+
+void fillRecord(Columns row, int& number) { row >> number; }
+
+void fillRecord(Columns row, ProcessConfig& r) { row >> r.processName >> r.processDescribe; }
+
+void fillRecord(Columns row, ScaleConfig& r) {
+    row >> r.name >> r.maxValue >> r.minValue >> r.userMaxValue >> r.userMinValue;
 }
 
-void fillRecord(sqlite3_stmt* stmt, ScaleConfig& record) {
-    copyColumnText(stmt, 0, record.name);
-    record.maxValue = sqlite3_column_double(stmt, 1);
-    record.minValue = sqlite3_column_double(stmt, 2);
-    record.userMaxValue = sqlite3_column_double(stmt, 3);
-    record.userMinValue = sqlite3_column_double(stmt, 4);
-}
-
-void fillRecord(sqlite3_stmt* stmt, ProcessMsgAssociation& record) {
-    record.sendProcessNo = sqlite3_column_int(stmt, 0);
-    record.recvProcessNo = sqlite3_column_int(stmt, 1);
-    record.msgType = sqlite3_column_int(stmt, 2);
+void fillRecord(Columns row, ProcessMsgAssociation& r) {
+    row >> r.sendProcessNo >> r.recvProcessNo >> r.msgType;
 }
 
 // The select list names daName before type; the record holds them the other way.
-void fillRecord(sqlite3_stmt* stmt, DeviceModelAssociation& record) {
-    copyColumnText(stmt, 0, record.associateName);
-    record.lineNo = sqlite3_column_int(stmt, 1);
-    record.dataType = sqlite3_column_int(stmt, 2);
-    record.dataIndex = sqlite3_column_int(stmt, 3);
-    copyColumnText(stmt, 4, record.daName);
-    record.type = sqlite3_column_int(stmt, 5);
+void fillRecord(Columns row, DeviceModelAssociation& r) {
+    row >> r.associateName >> r.lineNo >> r.dataType >> r.dataIndex >> r.daName >> r.type;
 }
 
-void fillRecord(sqlite3_stmt* stmt, ProcessDataAssociation& record) {
-    copyColumnText(stmt, 0, record.associateName);
-    record.dataType = sqlite3_column_int(stmt, 1);
-    record.dataIndex = sqlite3_column_int(stmt, 2);
-    copyColumnText(stmt, 3, record.daName);
-    record.scaleNo = sqlite3_column_int(stmt, 4);
+void fillRecord(Columns row, ProcessDataAssociation& r) {
+    row >> r.associateName >> r.dataType >> r.dataIndex >> r.daName >> r.scaleNo;
 }
 
-void fillRecord(sqlite3_stmt* stmt, ProcessMisc& record) {
-    copyColumnText(stmt, 0, record.key);
-    copyColumnText(stmt, 1, record.value);
-    copyColumnText(stmt, 2, record.describe);  // column descripe
-}
+// The column is spelled descripe.
+void fillRecord(Columns row, ProcessMisc& r) { row >> r.key >> r.value >> r.describe; }
 
 // ---- The three shapes -------------------------------------------------------------
 
@@ -244,7 +247,7 @@ int countRows(const Query& query, int* pCount) {
     if (!argumentGiven(pCount, query.operation)) return -1;
     *pCount = 0;
     return execute(query, [pCount](sqlite3_stmt* stmt) {
-        fillRecord(stmt, *pCount);
+        fillRecord(Columns(stmt), *pCount);
         return false;
     });
 }
@@ -258,7 +261,7 @@ int listRows(const Query& query, Record* records, int* pCount) {
     if (!argumentGiven(records, query.operation)) return -1;
     int delivered = 0;
     const int result = execute(query, [records, &delivered](sqlite3_stmt* stmt) {
-        fillRecord(stmt, records[delivered++]);
+        fillRecord(Columns(stmt), records[delivered++]);
         return true;
     });
     if (result == 0) *pCount = delivered;
@@ -271,7 +274,7 @@ int readFirstRow(const Query& query, Record* record) {
     if (!argumentGiven(record, query.operation)) return -1;
     bool found = false;
     const int result = execute(query, [record, &found](sqlite3_stmt* stmt) {
-        fillRecord(stmt, *record);
+        fillRecord(Columns(stmt), *record);
         found = true;
         return false;
     });
