@@ -248,13 +248,521 @@ int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter) {
 }
 
 // ---- Data sets and members ----------------------------------------------------
-// (queries over DataSet and DataSetSub)
+
+#include <climits>
+#include <string>
+#include <vector>
+
+namespace {
+
+// One optional condition of a filtered query. A null text is a condition not
+// given; an empty text is given and matches only empty columns.
+struct Filter {
+    const char* column;
+    const char* text;
+    // Written "where x=? " instead of " where x=? " when it comes first (the
+    // member queries' iedName condition follows the base text's blank directly).
+    bool joinsBaseDirectly = false;
+};
+
+using Filters = std::vector<Filter>;
+
+// The base text followed by one fragment per given filter, in filter order.
+std::string filteredSql(const char* base, const Filters& filters) {
+    std::string sql = base;
+    bool first = true;
+    for (const Filter& filter : filters) {
+        if (filter.text == nullptr) continue;
+        if (first)
+            sql += filter.joinsBaseDirectly ? "where " : " where ";
+        else
+            sql += " and ";
+        sql += filter.column;
+        sql += "=? ";
+        first = false;
+    }
+    return sql;
+}
+
+// Binds the given filters to parameters 1, 2, 3 ... in filter order.
+auto filterBinds(const Filters& filters) {
+    return [&filters](sqlite3_stmt* stmt) {
+        int index = 1;
+        for (const Filter& filter : filters)
+            if (filter.text != nullptr) bindText(stmt, index++, filter.text);
+    };
+}
+
+const auto noBinds = [](sqlite3_stmt*) {};
+
+// Steps through the result rows and hands each to onRow for as long as it
+// returns true. 0 when the rows end or onRow stops; -1 on a failed step.
+template <typename OnRow>
+int forEachRow(sqlite3_stmt* stmt, OnRow onRow) {
+    for (;;) {
+        const int rc = stepWithBusyRetry(stmt);
+        if (rc == SQLITE_DONE) return 0;
+        if (rc != SQLITE_ROW) {
+            printStepError();
+            return -1;
+        }
+        if (!onRow(stmt)) return 0;
+    }
+}
+
+// Prepares a statement for this one call (one attempt, no busy retry), binds
+// and runs it under one hold of the store lock. The statement is finalised
+// before the lock is released.
+template <typename Bind, typename Run>
+int runQuery(const std::string& sql, Bind bind, Run run) {
+    StoreLock lock;
+    qvsql::Statement stmt;
+    if (stmt.prepare(s_sqliteDB, sql.c_str()) != SQLITE_OK) {
+        printPrepareError();
+        return -1;
+    }
+    bind(stmt.get());
+    return run(stmt.get());
+}
+
+// *pCount from column 0 of the first row; without a row it stays as it is.
+template <typename Bind>
+int countRows(const std::string& sql, Bind bind, int* pCount) {
+    return runQuery(sql, bind, [pCount](sqlite3_stmt* stmt) {
+        return forEachRow(stmt, [pCount](sqlite3_stmt* row) {
+            *pCount = sqlite3_column_int(row, 0);
+            return false;
+        });
+    });
+}
+
+// Fills records from index 0, at most `capacity` of them; *pCount is set to
+// the number filled only when the query succeeds.
+template <typename Record, typename Bind>
+int listRows(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, Record&),
+             Record* records, int* pCount, int capacity = INT_MAX) {
+    int filled = 0;
+    const int result = runQuery(sql, bind, [&](sqlite3_stmt* stmt) {
+        return forEachRow(stmt, [&](sqlite3_stmt* row) {
+            if (filled == capacity) return false;
+            readRow(row, records[filled++]);
+            return true;
+        });
+    });
+    if (result == 0) *pCount = filled;
+    return result;
+}
+
+// The first row into *record: 0. No row: -1, silently, record untouched.
+template <typename Record, typename Bind>
+int lookupRow(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, Record&),
+              Record* record) {
+    bool found = false;
+    const int result = runQuery(sql, bind, [&](sqlite3_stmt* stmt) {
+        return forEachRow(stmt, [&](sqlite3_stmt* row) {
+            readRow(row, *record);
+            found = true;
+            return false;
+        });
+    });
+    return result == 0 && found ? 0 : -1;
+}
+
+// Copies the row's text columns, in select-list order, into the fields.
+template <typename... Fields>
+void copyColumns(sqlite3_stmt* row, Fields&... fields) {
+    int column = 0;
+    (copyColumnText(row, column++, fields), ...);
+}
+
+void readDataSet(sqlite3_stmt* row, DataSet& set) {
+    copyColumns(row, set.iedName, set.name, set.ldInst, set.desc);
+}
+
+void readDataSetSub(sqlite3_stmt* row, DataSetSub& sub) {
+    copyColumns(row, sub.fcdaName, sub.iedName, sub.dsName, sub.ldInst, sub.lnClass, sub.lnInst,
+                sub.doName, sub.daName, sub.fc);
+}
+
+Filters memberFilters(const char* iedName, const char* dsName, const char* ldInst,
+                      const char* lnClass, const char* lnInst, const char* doName,
+                      const char* daName, const char* fc) {
+    return {{"iedName", iedName, true}, {"dsName", dsName},   {"ldInst", ldInst},
+            {"lnClass", lnClass},       {"lnInst", lnInst},   {"doName", doName},
+            {"daName", daName},         {"fc", fc}};
+}
+
+// Lists the matching members into at most `capacity` records.
+int listMembers(const Filters& filters, DataSetSub* pSubs, int* pCount, int capacity) {
+    const std::string sql = filteredSql(
+        "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ",
+        filters);
+    return listRows(sql, filterBinds(filters), readDataSetSub,
+                    pSubs, pCount, capacity);
+}
+
+}  // namespace
+
+int zq_getAllDataSetsNum(int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    *pCount = 0;
+    return countRows("select count(*) from DataSet", noBinds, pCount);
+}
+
+int zq_getAllDataSets(DataSet* pSets, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pSets, __func__) ||
+        !argumentGiven(pCount, __func__))
+        return -1;
+    *pCount = 0;
+    return listRows("select iedName, dsName,ldInst,dsDesc from DataSet", noBinds, readDataSet,
+                    pSets, pCount);
+}
+
+int zq_getDataSetByName(const char* iedName, const char* name, DataSet* pSet) {
+    if (!storeIsOpen(__func__) || !argumentGiven(iedName, __func__) ||
+        !argumentGiven(name, __func__) || !argumentGiven(pSet, __func__))
+        return -1;
+    return lookupRow("select iedName, dsName,ldInst,dsDesc  from DataSet  where iedName=? and dsName=? ",
+                     [&](sqlite3_stmt* stmt) {
+                         bindText(stmt, 1, iedName);
+                         bindText(stmt, 2, name);
+                     },
+                     readDataSet, pSet);
+}
+
+int zq_getDataSetSubByName(const char* fcdaName, DataSetSub* pSub) {
+    if (!storeIsOpen(__func__) || !argumentGiven(fcdaName, __func__) ||
+        !argumentGiven(pSub, __func__))
+        return -1;
+    return lookupRow(
+        "select fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc from DataSetSub where fcdaName=?",
+        [&](sqlite3_stmt* stmt) { bindText(stmt, 1, fcdaName); }, readDataSetSub, pSub);
+}
+
+int zq_getDataSetSubsByParamsNum(const char* iedName, const char* dsName, const char* ldInst,
+                                 const char* lnClass, const char* lnInst, const char* doName,
+                                 const char* daName, const char* fc, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    *pCount = 0;
+    const Filters filters =
+        memberFilters(iedName, dsName, ldInst, lnClass, lnInst, doName, daName, fc);
+    return countRows(filteredSql("select count(*) from DataSetSub ", filters),
+                     filterBinds(filters), pCount);
+}
+
+int zq_getDataSetSubsByParams(const char* iedName, const char* dsName, const char* ldInst,
+                              const char* lnClass, const char* lnInst, const char* doName,
+                              const char* daName, const char* fc, DataSetSub* pSubs,
+                              int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pSubs, __func__) ||
+        !argumentGiven(pCount, __func__))
+        return -1;
+    *pCount = 0;
+    return listMembers(memberFilters(iedName, dsName, ldInst, lnClass, lnInst, doName, daName, fc),
+                       pSubs, pCount, INT_MAX);
+}
 
 // ---- Bulk and data-set values -------------------------------------------------
-// (lists of values in one transaction; whole data sets by name)
+
+#include <algorithm>
+
+namespace {
+
+// A begin or commit that fails for a reason other than busy is tried this
+// many times, with a pause in between, before the save gives up: every other
+// process waits on the store lock meanwhile.
+constexpr int kTransactionControlAttempts = 20;
+constexpr useconds_t kControlFailurePauseMicros = 10000;
+
+// The DA references of one data set's members, built and released by each
+// data-set operation.
+DaNameRow* s_datasetDas = nullptr;
+int s_datasetDasNum = 0;
+
+// A name row holds at most 256 bytes, terminator or not.
+void bindNameRowKey(sqlite3_stmt* stmt, int index, const DaNameRow& row) {
+    const unsigned int key = RSHash(row, static_cast<unsigned int>(strnlen(row, sizeof row)));
+    sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
+}
+
+enum class TransactionStep { Begin, Commit };
+
+void printTransactionFailure(TransactionStep step, bool withQuality, int rc, const char* text) {
+    if (text == nullptr) text = "";
+    if (step == TransactionStep::Begin && withQuality)
+        std::fprintf(stderr, "zq_saveDAValues1 sqlite3_exec err:%d,%s\n", rc, text);
+    else if (step == TransactionStep::Begin)
+        std::fprintf(stderr, "zq_saveDAValues sqlite3_exec err:%d,%s\n", rc, text);
+    else if (withQuality)
+        std::fprintf(stderr, "zq_saveDAValues1 sqlite3_exec commit err:%s\n", text);
+    else
+        std::fprintf(stderr, "zq_saveDAValues sqlite3_exec commit err:%d,%s\n", rc, text);
+}
+
+// Runs the begin or the commit of a save list. Busy is waited out; any other
+// failure is reported and tried again, a bounded number of times.
+bool runTransactionStep(TransactionStep step, bool withQuality) {
+    const char* sql = step == TransactionStep::Begin ? "begin transaction" : "commit transaction";
+    int failures = 0;
+    for (;;) {
+        char* errorText = nullptr;
+        const int rc = sqlite3_exec(s_sqliteDB, sql, nullptr, nullptr, &errorText);
+        if (rc == SQLITE_OK) return true;
+        if (rc == SQLITE_BUSY) {
+            sqlite3_free(errorText);
+            usleep(qvsql::kBusyPauseMicros);
+            continue;
+        }
+        usleep(kControlFailurePauseMicros);
+        printTransactionFailure(step, withQuality, rc, errorText);
+        sqlite3_free(errorText);
+        if (++failures == kTransactionControlAttempts) return false;
+    }
+}
+
+// A save list that cannot begin or commit leaves nothing behind.
+int abandonSave() {
+    sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    return -1;
+}
+
+// Writes the list in one transaction through the shared update statement
+// (with the qualities when given). An element without a row, or whose step
+// fails, is skipped. A step that rolls the whole transaction back ends the
+// loop, so that no later element is written outside the transaction; the
+// commit then fails and the save reports it.
+int saveValueList(const DaNameRow* names, const double* values, const int* qualities,
+                  int count) {
+    const bool withQuality = qualities != nullptr;
+    sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
+    StoreLock lock;
+    if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
+    for (int i = 0; i < count && !sqlite3_get_autocommit(s_sqliteDB); ++i) {
+        sqlite3_bind_double(stmt, 1, values[i]);
+        if (withQuality) sqlite3_bind_int(stmt, 2, qualities[i]);
+        bindNameRowKey(stmt, withQuality ? 3 : 2, names[i]);
+        sqlite3_step(stmt);
+        sqlite3_reset(stmt);
+    }
+    if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
+    return 0;
+}
+
+// Reads each element through the shared select statement (with the quality
+// when asked for). An element without a row keeps the caller's value; a
+// failed step ends the list with -1.
+int readValueList(const DaNameRow* names, int count, double* values, int* qualities) {
+    sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
+    StoreLock lock;
+    for (int i = 0; i < count; ++i) {
+        bindNameRowKey(stmt, 1, names[i]);
+        const int rc = stepWithBusyRetry(stmt);
+        if (rc == SQLITE_ROW) {
+            values[i] = sqlite3_column_double(stmt, 0);
+            if (qualities != nullptr) qualities[i] = sqlite3_column_int(stmt, 1);
+        } else if (rc != SQLITE_DONE) {
+            printStepError();
+            sqlite3_reset(stmt);
+            return -1;
+        }
+        sqlite3_reset(stmt);
+    }
+    return 0;
+}
+
+void releaseMemberTable() {
+    std::free(s_datasetDas);
+    s_datasetDas = nullptr;
+}
+
+// Builds the member table of one data set: the members' references in
+// member-query order. A data set without members gives an empty table.
+int initDaValueDataSetInfo(const char* iedName, const char* dataSetName) {
+    int count = 0;
+    if (zq_getDataSetSubsByParamsNum(iedName, dataSetName, nullptr, nullptr, nullptr, nullptr,
+                                     nullptr, nullptr, &count) != 0)
+        return -1;
+    s_datasetDasNum = count;
+    // At least one row, so that an empty data set is no allocation failure.
+    const std::size_t rows = static_cast<std::size_t>(std::max(count, 1));
+    auto* members = static_cast<DataSetSub*>(std::malloc(rows * sizeof(DataSetSub)));
+    if (members == nullptr) {
+        std::perror("malloc failed\n");
+        return -1;
+    }
+    s_datasetDas = static_cast<DaNameRow*>(std::malloc(rows * sizeof(DaNameRow)));
+    if (s_datasetDas == nullptr) {
+        std::free(members);
+        std::perror("malloc failed\n");
+        return -1;
+    }
+    // Members added since the count are left out: the array holds `count`.
+    int delivered = 0;
+    const Filters filters = memberFilters(iedName, dataSetName, nullptr, nullptr, nullptr,
+                                          nullptr, nullptr, nullptr);
+    if (listMembers(filters, members, &delivered, count) != 0) {
+        std::free(members);
+        return -1;
+    }
+    s_datasetDasNum = delivered;
+    for (int i = 0; i < delivered; ++i) qvsql::copyText(s_datasetDas[i], members[i].fcdaName);
+    std::free(members);
+    return 0;
+}
+
+// Saves the first `count` members' values; values beyond the members have
+// nowhere to go, so they make the save fail after the members are written.
+int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
+                      const int* qualities, int count, const char* operation) {
+    int result = -1;
+    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
+        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
+    } else {
+        const int writable = std::min(count, s_datasetDasNum);
+        const int saved = qualities != nullptr
+                              ? zq_saveDAValues1(s_datasetDas, values, qualities, writable)
+                              : zq_saveDAValues(s_datasetDas, values, writable);
+        result = saved == 0 ? 0 : -1;
+        if (count > s_datasetDasNum) {
+            std::fprintf(stderr, "%s: %d values given, data set %s has %d members\n", operation,
+                         count, dataSetName != nullptr ? dataSetName : "", s_datasetDasNum);
+            result = -1;
+        }
+    }
+    releaseMemberTable();
+    return result;
+}
+
+// Reads every member's value; *pCount = the number of members.
+int readDataSetValues(const char* iedName, const char* dataSetName, double* values,
+                      int* qualities, int* pCount) {
+    int result = -1;
+    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
+        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
+    } else {
+        const int read = qualities != nullptr
+                             ? zq_getDAValues1(s_datasetDas, s_datasetDasNum, values, qualities)
+                             : zq_getDAValues(s_datasetDas, s_datasetDasNum, values);
+        result = read == 0 ? 0 : -1;
+        *pCount = s_datasetDasNum;
+    }
+    releaseMemberTable();
+    return result;
+}
+
+}  // namespace
+
+int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__)))
+        return -1;
+    return saveValueList(pDaNames, pDaVals, nullptr, count);
+}
+
+int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals, const int* pCharacter,
+                     int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
+                      !argumentGiven(pCharacter, __func__)))
+        return -1;
+    return saveValueList(pDaNames, pDaVals, pCharacter, count);
+}
+
+int zq_getDAValues(const DaNameRow* pDaNames, int count, double* pDaVals) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__)))
+        return -1;
+    return readValueList(pDaNames, count, pDaVals, nullptr);
+}
+
+int zq_getDAValues1(const DaNameRow* pDaNames, int count, double* pDaVals, int* pCharacter) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
+                      !argumentGiven(pCharacter, __func__)))
+        return -1;
+    return readValueList(pDaNames, count, pDaVals, pCharacter);
+}
+
+int zq_saveDAValuesByDataSet(const char* iedName, const char* dataSetName, const double* pDaVals,
+                             int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && !argumentGiven(pDaVals, __func__)) return -1;
+    return saveDataSetValues(iedName, dataSetName, pDaVals, nullptr, count, __func__);
+}
+
+int zq_saveDAValues1ByDataSet(const char* iedName, const char* dataSetName,
+                              const double* pDaVals, const int* pCharacter, int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
+        return -1;
+    return saveDataSetValues(iedName, dataSetName, pDaVals, pCharacter, count, __func__);
+}
+
+int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
+                            int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
+        !argumentGiven(pCount, __func__))
+        return -1;
+    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, pCount);
+}
+
+int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
+                             int* pCharacter, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
+        !argumentGiven(pCharacter, __func__) || !argumentGiven(pCount, __func__))
+        return -1;
+    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, pCount);
+}
 
 // ---- Data attributes ----------------------------------------------------------
-// (queries over DA)
+
+namespace {
+
+void readDa(sqlite3_stmt* row, DA& da) {
+    copyColumns(row, da.daName, da.iedName, da.ldName, da.lnName, da.doName, da.fcName, da.value,
+                da.valueType, da.doDesc);
+}
+
+Filters attributeFilters(const char* iedName, const char* ldName, const char* lnName,
+                         const char* doName, const char* fcName) {
+    return {{"iedName", iedName}, {"ldName", ldName}, {"lnName", lnName}, {"doName", doName},
+            {"fcName", fcName}};
+}
+
+}  // namespace
+
+// Looked up by row key: the daName column itself is not compared.
+int zq_getDAByName(const char* daName, DA* pDa) {
+    if (!storeIsOpen(__func__) || !argumentGiven(daName, __func__) ||
+        !argumentGiven(pDa, __func__))
+        return -1;
+    return lookupRow(
+        "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA  where hashID=?",
+        [daName](sqlite3_stmt* stmt) { bindRowKey(stmt, 1, daName); }, readDa, pDa);
+}
+
+int zq_getDAsByParamsNum(const char* iedName, const char* ldName, const char* lnName,
+                         const char* doName, const char* fcName, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    *pCount = 0;
+    const Filters filters = attributeFilters(iedName, ldName, lnName, doName, fcName);
+    return countRows(filteredSql("select count(*) from DA ", filters), filterBinds(filters),
+                     pCount);
+}
+
+int zq_getDAsByParams(const char* iedName, const char* ldName, const char* lnName,
+                      const char* doName, const char* fcName, DA* pDas, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pDas, __func__) ||
+        !argumentGiven(pCount, __func__))
+        return -1;
+    *pCount = 0;
+    const Filters filters = attributeFilters(iedName, ldName, lnName, doName, fcName);
+    return listRows(
+        filteredSql(
+            "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA ",
+            filters),
+        filterBinds(filters), readDa, pDas, pCount);
+}
 
 // ---- Terminal access list -----------------------------------------------------
 
