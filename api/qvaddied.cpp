@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
@@ -713,14 +714,17 @@ bool removeRowsOfIed() {
     return true;
 }
 
+// Binds texts to the parameters 1, 2, ... in order.
+void bindTexts(sqlite3_stmt* stmt, std::initializer_list<const char*> texts) {
+    int index = 1;
+    for (const char* text : texts) qvsql::bindText(stmt, index++, text);
+}
+
 bool insertDataSets() {
     return runForEach("insert into DataSet(iedName,dsName,ldInst,dsDesc) values(?,?,?,?)",
                       gDSCount, [](sqlite3_stmt* stmt, int i) {
                           const DataSet& ds = gdsVector[i];
-                          qvsql::bindText(stmt, 1, g_IEDname);
-                          qvsql::bindText(stmt, 2, ds.name);
-                          qvsql::bindText(stmt, 3, ds.ldInst);
-                          qvsql::bindText(stmt, 4, ds.desc);
+                          bindTexts(stmt, {g_IEDname, ds.name, ds.ldInst, ds.desc});
                       });
 }
 
@@ -732,15 +736,8 @@ bool insertMembers() {
         gDSSubCount, [&](sqlite3_stmt* stmt, int i) {
             const DataSetSub& sub = gdsSubVector[i];
             reference.set(sub.fcdaName);
-            qvsql::bindText(stmt, 1, reference.text);
-            qvsql::bindText(stmt, 2, g_IEDname);
-            qvsql::bindText(stmt, 3, sub.dsName);
-            qvsql::bindText(stmt, 4, sub.ldInst);
-            qvsql::bindText(stmt, 5, sub.lnClass);
-            qvsql::bindText(stmt, 6, sub.lnInst);
-            qvsql::bindText(stmt, 7, sub.doName);
-            qvsql::bindText(stmt, 8, sub.daName);
-            qvsql::bindText(stmt, 9, sub.fc);
+            bindTexts(stmt, {reference.text, g_IEDname, sub.dsName, sub.ldInst, sub.lnClass,
+                             sub.lnInst, sub.doName, sub.daName, sub.fc});
         });
 }
 
@@ -752,15 +749,8 @@ bool insertAttributes() {
         gdaTableCount, [&](sqlite3_stmt* stmt, int i) {
             const DATable& da = daTableVector[i];
             reference.set(da.daName);
-            qvsql::bindText(stmt, 1, reference.text);
-            qvsql::bindText(stmt, 2, g_IEDname);
-            qvsql::bindText(stmt, 3, da.ldName);
-            qvsql::bindText(stmt, 4, da.lnName);
-            qvsql::bindText(stmt, 5, da.doName);
-            qvsql::bindText(stmt, 6, da.fcName);
-            qvsql::bindText(stmt, 7, da.value);
-            qvsql::bindText(stmt, 8, da.valueType);
-            qvsql::bindText(stmt, 9, da.doDesc);
+            bindTexts(stmt, {reference.text, g_IEDname, da.ldName, da.lnName, da.doName,
+                             da.fcName, da.value, da.valueType, da.doDesc});
             sqlite3_bind_int64(stmt, 10, rowKey(reference.text));
         });
 }
@@ -786,11 +776,6 @@ int writeModel() {
         return 0;
     sqlite3_exec(g_sqliteDB, "ROLLBACK", nullptr, nullptr, nullptr);
     return -1;
-}
-
-void resetCounts() {
-    gDSCount = gDSSubCount = gLDCount = glnTypeCount = gdoTypeCount = gdaTypeCount = 0;
-    genmuTypeCount = gDaValCount = gdaTableCount = 0;
 }
 
 // The stages after the tables exist; -2 for a file that is not a usable model.
@@ -821,6 +806,9 @@ void releaseTable(Record** table) {
 // ---- Stages ----------------------------------------------------------------
 
 int mallocData() {
+    // Every load starts from empty tables.
+    gDSCount = gDSSubCount = gLDCount = glnTypeCount = gdoTypeCount = gdaTypeCount = 0;
+    genmuTypeCount = gDaValCount = gdaTableCount = 0;
     const bool allocated = allocateTable(&gDaValueVector, kDaValueCapacity) &&
                            allocateTable(&genumTypeVector, kEnumTypeCapacity) &&
                            allocateTable(&gdsVector, kDataSetCapacity) &&
@@ -1014,7 +1002,6 @@ int addRealTimeDB() {
 }  // namespace qvaddied
 
 int zq_addIEDRealDB(char* cid_file) {
-    qvaddied::resetCounts();
     if (qvaddied::mallocData() != 0) return -1;
     const int result = qvaddied::loadModel(cid_file);
     qvaddied::freeData();

@@ -206,7 +206,7 @@ extern sqlite3* g_sqliteDB;
 
 // Stages, in the order of one load. Each returns 0, or -1 after one line on
 // standard error naming the problem.
-int mallocData();
+int mallocData();  // also sets every table count to 0
 int freeData();
 int readICD(const char* file_name);
 int initDATable();

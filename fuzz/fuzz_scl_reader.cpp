@@ -1,0 +1,57 @@
+// Feeds arbitrary bytes, as an SCL file, through the model reader, the type
+// expansion, the instance values and the classification. The store is not
+// touched.
+#include <libxml/xmlerror.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "qvaddied.h"
+
+namespace {
+
+std::string g_inputPath;
+
+void removeInput() { unlink(g_inputPath.c_str()); }
+
+void ignoreXmlError(void*, const char*, ...) {}
+
+bool writeInput(const uint8_t* data, size_t size) {
+    FILE* file = std::fopen(g_inputPath.c_str(), "wb");
+    if (file == nullptr) return false;
+    const bool written = std::fwrite(data, 1, size, file) == size;
+    return std::fclose(file) == 0 && written;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    const char* dir = std::getenv("TMPDIR");
+    std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/qv-fuzz-scl-XXXXXX";
+    const int fd = mkstemp(path.data());
+    if (fd < 0) {
+        std::perror("mkstemp");
+        std::abort();
+    }
+    close(fd);
+    g_inputPath = path;
+    std::atexit(removeInput);
+    // Parser diagnostics of every malformed input would drown the fuzzer's output.
+    xmlSetGenericErrorFunc(nullptr, ignoreXmlError);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace qvaddied;
+    if (!writeInput(data, size) || mallocData() != 0) return 0;
+    if (readICD(g_inputPath.c_str()) == 0 && initDATable() == 0) {
+        initDaValue();
+        read_daConfTypes();
+    }
+    freeData();
+    return 0;
+}
