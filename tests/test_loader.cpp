@@ -247,6 +247,15 @@ TEST_F(Loader, ReloadReplacesTheRowsOfThatIedOnly) {
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 18 + 2);
 }
 
+TEST_F(Loader, FileWithoutIedAddsAndRemovesNothing) {
+    ASSERT_EQ(load(sample("feeder_terminal.cid")), 0);
+    const Rows before = dumpModel();
+    const std::string types = std::string("<SCL><DataTypeTemplates>") + kMeasurementTypes +
+                              "</DataTypeTemplates></SCL>";
+    ASSERT_EQ(load(writeFile("types.scd", types)), 0);
+    EXPECT_EQ(dumpModel(), before);
+}
+
 TEST_F(Loader, TextsLongerThanTheirFieldsAreCut) {
     const std::string longDesc(300, 'd');
     const std::string device = "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T\">"
