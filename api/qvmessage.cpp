@@ -1,4 +1,345 @@
-// The message bus: routes from the configuration store, System V queues.
+// The message bus: routes from the configuration store, one System V queue
+// per receiving process.
+//
+// A sender loads the routes of its own process once (zq_publisherMsg); each
+// send then puts one MSGINFO on the queue of every receiver whose route
+// carries the kind's bit. A receiver waits on its own queue and hands every
+// record to its callback.
 #include "qvmessage.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "internal/qvbuildconfig.h"
+
+namespace {
+
+constexpr int kQueueFlags = IPC_CREAT | 0666;
+constexpr int kProcessNameSize = 128;
+constexpr int kProcessDirSize = 1024;
+constexpr std::size_t kCmdlineSize = 128;
+constexpr std::size_t kReceiveTextSize = 8192;
+constexpr useconds_t kReceiveRetryPauseMicros = 100 * 1000;
+
+// What a sender hands to the kernel: the record is laid over the queue
+// message, so its first eight bytes are the type field and the text is the
+// record's size; the tail keeps the kernel's read of the text inside the
+// buffer.
+struct alignas(long) SendBuffer {
+    MSGINFO record;
+    char tail[sizeof(long)];
+};
+static_assert(sizeof(SendBuffer) == 1200, "the send buffer is type field plus 1192 bytes");
+
+// The receive buffer: the type field and the largest text a receiver asks for.
+struct alignas(long) ReceiveBuffer {
+    char bytes[sizeof(long) + kReceiveTextSize];
+};
+static_assert(sizeof(ReceiveBuffer) == 8200, "the receive buffer is type field plus 8192");
+
+ProcessMsgAssociation* s_pAssociations = nullptr;
+int s_count = 0;
+
+// Shared by every receiving loop of the process and read afresh at each
+// receive; atomic because a loop re-opens the queue and a later
+// subscription replaces the callback while other loops run.
+std::atomic<int> s_msgid{0};
+std::atomic<funptr> s_fptr{nullptr};
+std::atomic<key_t> s_queueKey{0};  // the own queue's key, for re-opening a removed queue
+
+bool argumentGiven(bool given, const char* operation) {
+    if (given) return true;
+    std::fprintf(stderr, "%s: a required argument is null\n", operation);
+    return false;
+}
+
+key_t queueKeyOf(int processNo) {
+    return static_cast<key_t>(static_cast<long long>(processNo) + QV_QUEUE_KEY_OFFSET);
+}
+
+// Appends text to a field of `size` bytes, cutting what does not fit.
+void appendCut(char* field, std::size_t size, const char* text) {
+    const std::size_t used = std::strlen(field);
+    if (used + 1 >= size) return;
+    std::size_t n = std::strlen(text);
+    if (n > size - 1 - used) n = size - 1 - used;
+    std::memcpy(field + used, text, n);
+    field[used + n] = '\0';
+}
+
+// Appends " <argument>" for each argument after argument zero, up to the
+// first empty one. An argument that the buffer cuts off is dropped whole.
+void appendArguments(char* processname, const char* cmdline, std::size_t size) {
+    const char* end = cmdline + size;
+    const char* arg = static_cast<const char*>(std::memchr(cmdline, '\0', size));
+    if (arg == nullptr) return;
+    for (++arg; arg < end && *arg != '\0';) {
+        const char* terminator = static_cast<const char*>(std::memchr(arg, '\0', end - arg));
+        if (terminator == nullptr) return;
+        appendCut(processname, kProcessNameSize, " ");
+        appendCut(processname, kProcessNameSize, arg);
+        arg = terminator + 1;
+    }
+}
+
+// Reads the link to the executable into processdir and splits it into the
+// directory (kept in processdir, with its "/") and the file name.
+int readExecutablePath(char* processdir, char* processname, int len) {
+    ssize_t n = -1;
+    if (len > 0) {
+        n = readlink("/proc/self/exe", processdir, static_cast<std::size_t>(len));
+    } else {
+        errno = EINVAL;
+    }
+    if (n >= len) {  // the path does not fit with its terminator
+        n = -1;
+        errno = ENAMETOOLONG;
+    }
+    if (n <= 0) {
+        std::perror("readlink  err\n");
+        return -1;
+    }
+    processdir[n] = '\0';
+    char* slash = std::strrchr(processdir, '/');
+    if (slash == nullptr) {
+        std::perror("in function get_executable_path strrchr err\n");
+        return -1;
+    }
+    processname[0] = '\0';
+    appendCut(processname, kProcessNameSize, slash + 1);
+    slash[1] = '\0';
+    return 0;
+}
+
+// The number of the calling process in the configuration store.
+bool ownProcessNo(int* processNo) {
+    char processdir[kProcessDirSize];
+    char processname[kProcessNameSize];
+    if (get_executable_path(processdir, processname, kProcessDirSize) != 0) return false;
+    if (zq_openConfDB() != 0) return false;
+    return zq_getProcessNoByName(processname, processNo) == 0;
+}
+
+// ---- Sending --------------------------------------------------------------------
+
+// Puts the record on the receiver's queue without waiting; a full queue
+// costs the message, never the sender's time.
+void sendAlongRoute(const ProcessMsgAssociation& route, SendBuffer& buffer) {
+    const int msgid = msgget(queueKeyOf(route.recvProcessNo), kQueueFlags);
+    if (msgid == -1) {
+        std::perror("msgget failed\n");
+        return;
+    }
+    if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == -1) std::perror("msgsnd failed\n");
+}
+
+// Sends one payload of the given kind along every route that carries the
+// kind's bit. Always 0: the sender learns nothing of the receivers.
+template <typename Payload>
+int sendKind(MsgType kind, const Payload* payload, const char* operation) {
+    if (!argumentGiven(payload != nullptr, operation)) return 0;
+    SendBuffer buffer;
+    std::memset(&buffer, 0, sizeof buffer);
+    buffer.record.msgType = kind;
+    std::memcpy(&buffer.record.msgInfo, payload, sizeof(Payload));
+    const int kindBit = 1 << (kind - 1);
+    for (int i = 0; i < s_count; ++i) {
+        if (s_pAssociations[i].msgType & kindBit) sendAlongRoute(s_pAssociations[i], buffer);
+    }
+    return 0;
+}
+
+// ---- Receiving ------------------------------------------------------------------
+
+void recoverFromReceiveFailure(int error) {
+    if (error == EINTR) return;  // a signal: receive again at once
+    usleep(kReceiveRetryPauseMicros);
+    if (error == EIDRM || error == EINVAL) {
+        // The queue was removed under the loop; open (re-create) it by its key.
+        const int msgid = msgget(s_queueKey, kQueueFlags);
+        if (msgid != -1) s_msgid = msgid;
+    }
+}
+
+[[noreturn]] void receiveLoop() {
+    ReceiveBuffer buffer;
+    for (;;) {
+        std::memset(buffer.bytes, 0, sizeof(MSGINFO));
+        if (msgrcv(s_msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
+            const int error = errno;
+            std::perror("msgrcv err\n");
+            recoverFromReceiveFailure(error);
+            continue;
+        }
+        s_fptr.load()(reinterpret_cast<LPMSGINFO>(buffer.bytes));
+    }
+}
+
+void reportSyncQueueFailure() { std::fprintf(stderr, "msgget failed with error: %d\n", errno); }
+void reportAsyncQueueFailure() { std::perror("msgget failed\n"); }
+
+// Finds the own process number, opens the own queue and installs the
+// callback; the two forms report a failed queue open differently.
+int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)()) {
+    int processNo = 0;
+    if (!argumentGiven(callback != nullptr, operation) ||
+        !ownProcessNo(&processNo))
+        return -1;
+    const key_t key = queueKeyOf(processNo);
+    const int msgid = msgget(key, kQueueFlags);
+    if (msgid == -1) {
+        reportQueueFailure();
+        return -1;
+    }
+    s_queueKey = key;
+    s_msgid = msgid;
+    s_fptr = callback;
+    return 0;
+}
+
+}  // namespace
+
+int get_executable_path(char* processdir, char* processname, int len) {
+    if (processdir == nullptr || processname == nullptr) {
+        errno = EINVAL;
+        std::perror("readlink  err\n");
+        return -1;
+    }
+    if (readExecutablePath(processdir, processname, len) != 0) return -1;
+    char cmdline[kCmdlineSize];
+    std::memset(cmdline, 0, sizeof cmdline);
+    const int fd = open("/proc/self/cmdline", O_RDONLY);
+    const ssize_t n = fd == -1 ? -1 : read(fd, cmdline, sizeof cmdline);
+    if (n < 0) {
+        std::perror("in function get_executable_path read err\n");
+        if (fd != -1) close(fd);
+        return -1;
+    }
+    appendArguments(processname, cmdline, sizeof cmdline);
+    close(fd);
+    return 0;
+}
+
+void* recv_msg_thread(void* /*arg*/) { receiveLoop(); }
+
+int zq_publisherMsg(void) {
+    char processdir[kProcessDirSize];
+    char processname[kProcessNameSize];
+    if (get_executable_path(processdir, processname, kProcessDirSize) != 0) return -1;
+    const int opened = zq_openConfDB();
+    if (opened != 0) return opened;
+    // A reload replaces the table; the old one goes first, so a failed
+    // reload leaves an empty table behind.
+    std::free(s_pAssociations);
+    s_pAssociations = nullptr;
+    s_count = 0;
+    const int counted = zq_getProcessMsgAssociationsNum(processname, &s_count);
+    if (counted != 0) return counted;
+    // At least one entry, so that an empty table is not taken for a failure.
+    const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
+    s_pAssociations =
+        static_cast<ProcessMsgAssociation*>(std::malloc(entries * sizeof(ProcessMsgAssociation)));
+    if (s_pAssociations == nullptr) {
+        s_count = 0;
+        std::perror("malloc err\n");
+        return -1;
+    }
+    return zq_getProcessMsgAssociations(processname, s_pAssociations, &s_count);
+}
+
+int zq_subscriberMsg_sync(funptr callback) {
+    if (subscribe(callback, "zq_subscriberMsg_sync", reportSyncQueueFailure) != 0) return -1;
+    receiveLoop();
+}
+
+int zq_subscriberMsg_async(funptr callback) {
+    if (subscribe(callback, "zq_subscriberMsg_async", reportAsyncQueueFailure) != 0) return -1;
+    pthread_t thread;
+    const int created = pthread_create(&thread, nullptr, recv_msg_thread, nullptr);
+    if (created != 0) {
+        errno = created;
+        std::perror("Create pthread error!\n");
+        return -1;
+    }
+    return 0;
+}
+
+int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
+    if (!argumentGiven(lpMsgInfo != nullptr, "zq_sendMsg")) return 0;
+    UNIONMSG* payload = &lpMsgInfo->msgInfo;
+    switch (lpMsgInfo->msgType) {
+        case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);
+        case SOEINFO_TYPE: return zq_sendSoeMsg(&payload->soeInfo);
+        case PROTECTINFO_TYPE: return zq_sendProMsg(&payload->protectInfo);
+        case SBODOSAVEINFO_TYPE: return zq_sendSBODOSaveMsg(&payload->sbodoInfo);
+        case GENERALMSG_TYPE: return zq_sendGeneralMsg(&payload->generalMsg);
+        case SBOCTRL_TYPE: return zq_sendSBOCtrlMsg(&payload->sboCtrlInfo);
+        case SBOCTRLRET_TYPE: return zq_sendSBOCtrlRetMsg(&payload->sboCtrlRetInfo);
+        case DIGITALOUT_TYPE: return zq_sendDigitalOutMsg(&payload->digitalOutInfo);
+        case DIGITALOUTRET_TYPE: return zq_sendDigitalOutRetMsg(&payload->digitalOutRetInfo);
+        default: return 0;  // kinds 10 to 13 travel only through their own operations
+    }
+}
+
+int zq_sendFileMsg(const LPMSGFILE msgFile) {
+    return sendKind(MSGFILE_TYPE, msgFile, __func__);
+}
+
+int zq_sendSoeMsg(const LPSOEINFO soeInfo) {
+    return sendKind(SOEINFO_TYPE, soeInfo, __func__);
+}
+
+int zq_sendDoubSoeMsg(const LPSOEINFO soeInfo) { return zq_sendSoeMsg(soeInfo); }
+
+int zq_sendProMsg(const LPPROTECTINFO proMsg) {
+    return sendKind(PROTECTINFO_TYPE, proMsg, __func__);
+}
+
+int zq_sendSBODOSaveMsg(const LPSBODOSAVEINFO sbodoInfo) {
+    return sendKind(SBODOSAVEINFO_TYPE, sbodoInfo, __func__);
+}
+
+int zq_sendGeneralMsg(const LPGENERALMSG generalMsg) {
+    return sendKind(GENERALMSG_TYPE, generalMsg, __func__);
+}
+
+int zq_sendSBOCtrlMsg(const LPSBOCTRL sboCtrlMsg) {
+    return sendKind(SBOCTRL_TYPE, sboCtrlMsg, __func__);
+}
+
+int zq_sendSBOCtrlRetMsg(const LPSBOCTRLRET sboCtrlRetMsg) {
+    return sendKind(SBOCTRLRET_TYPE, sboCtrlRetMsg, __func__);
+}
+
+int zq_sendDigitalOutMsg(const LPDIGITALOUT digitalOutMsg) {
+    return sendKind(DIGITALOUT_TYPE, digitalOutMsg, __func__);
+}
+
+int zq_sendDigitalOutRetMsg(const LPDIGITALOUTRET digitalOutRetMsg) {
+    return sendKind(DIGITALOUTRET_TYPE, digitalOutRetMsg, __func__);
+}
+
+int zq_sendFaultMsg(const LPFAULTINFO faultInfo) {
+    return sendKind(FAULTINFO_TYPE, faultInfo, __func__);
+}
+
+int zq_sendTopoMsg(const LPTOPOINFO topoInfo) {
+    return sendKind(TOPOINFO_TYPE, topoInfo, __func__);
+}
+
+int zq_sendRegisterMsg(const LPREGISTERINFO registerInfo) {
+    return sendKind(REGISTERINFO_TYPE, registerInfo, __func__);
+}
+
+int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile) {
+    return sendKind(UPDATEFILE_TYPE, updateMsgFile, __func__);
+}

@@ -8,6 +8,8 @@
 #ifndef QVMESSAGE_H
 #define QVMESSAGE_H
 
+#include <stddef.h>
+
 #include "qvexport.h"
 #include "qvconf.h"
 
@@ -144,6 +146,106 @@ typedef struct MSGINFO {
     UNIONMSG msgInfo;
 } MSGINFO, *LPMSGINFO;
 
+/* ---- Layout on the queue ------------------------------------------------
+ * Every process on the gateway reads these bytes; a change of any size or
+ * offset breaks the bus, so the compiler checks them (in C and C++). */
+#ifdef __cplusplus
+#define QV_MSG_LAYOUT(condition, text) static_assert(condition, text)
+#else
+#define QV_MSG_LAYOUT(condition, text) _Static_assert(condition, text)
+#endif
+#define QV_MSG_FIELD_AT(record, field, offset) \
+    QV_MSG_LAYOUT(offsetof(record, field) == (offset), #record "." #field " moved")
+#define QV_MSG_SIZE(record, size) QV_MSG_LAYOUT(sizeof(record) == (size), #record " resized")
+
+QV_MSG_SIZE(MSGINFO, 1192);
+QV_MSG_FIELD_AT(MSGINFO, msgType, 0);
+QV_MSG_FIELD_AT(MSGINFO, msgInfo, 4);
+QV_MSG_SIZE(UNIONMSG, 1188);
+
+QV_MSG_SIZE(MSGFILE, 260);
+QV_MSG_FIELD_AT(MSGFILE, iedName, 0);
+QV_MSG_FIELD_AT(MSGFILE, fileType, 128);
+QV_MSG_FIELD_AT(MSGFILE, strFileName, 132);
+
+QV_MSG_SIZE(SOEINFO, 272);
+QV_MSG_FIELD_AT(SOEINFO, type, 0);
+QV_MSG_FIELD_AT(SOEINFO, strDa, 4);
+QV_MSG_FIELD_AT(SOEINFO, value, 260);
+QV_MSG_FIELD_AT(SOEINFO, minutes, 264);
+QV_MSG_FIELD_AT(SOEINFO, msec, 268);
+
+QV_MSG_SIZE(PROTECTINFO, 272);
+QV_MSG_FIELD_AT(PROTECTINFO, strDa, 0);
+QV_MSG_FIELD_AT(PROTECTINFO, type, 256);
+QV_MSG_FIELD_AT(PROTECTINFO, minutes, 260);
+QV_MSG_FIELD_AT(PROTECTINFO, msec, 264);
+QV_MSG_FIELD_AT(PROTECTINFO, value, 268);
+
+QV_MSG_SIZE(SBODOSAVEINFO, 280);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, minutes, 0);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, msec, 4);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, strDa, 8);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, type, 264);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, rtuNo, 268);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, source, 272);
+QV_MSG_FIELD_AT(SBODOSAVEINFO, value, 276);
+
+QV_MSG_SIZE(GENERALMSG, 1008);
+QV_MSG_FIELD_AT(GENERALMSG, type, 0);
+QV_MSG_FIELD_AT(GENERALMSG, buf, 4);
+QV_MSG_FIELD_AT(GENERALMSG, dataLen, 1004);
+
+QV_MSG_SIZE(SBOCTRL, 268);
+QV_MSG_FIELD_AT(SBOCTRL, strDa, 0);
+QV_MSG_FIELD_AT(SBOCTRL, type, 256);
+QV_MSG_FIELD_AT(SBOCTRL, duration, 260);
+QV_MSG_FIELD_AT(SBOCTRL, source, 264);
+
+QV_MSG_SIZE(SBOCTRLRET, 276);
+QV_MSG_FIELD_AT(SBOCTRLRET, strDa, 0);
+QV_MSG_FIELD_AT(SBOCTRLRET, function, 256);
+QV_MSG_FIELD_AT(SBOCTRLRET, count, 260);
+QV_MSG_FIELD_AT(SBOCTRLRET, duration, 264);
+QV_MSG_FIELD_AT(SBOCTRLRET, timeOut, 268);
+QV_MSG_FIELD_AT(SBOCTRLRET, source, 272);
+
+QV_MSG_SIZE(DIGITALOUT, 264);
+QV_MSG_FIELD_AT(DIGITALOUT, strDa, 0);
+QV_MSG_FIELD_AT(DIGITALOUT, bVal, 256);
+QV_MSG_FIELD_AT(DIGITALOUT, source, 260);
+
+QV_MSG_SIZE(DIGITALOUTRET, 260);
+QV_MSG_FIELD_AT(DIGITALOUTRET, strDa, 0);
+QV_MSG_FIELD_AT(DIGITALOUTRET, bVal, 256);
+
+QV_MSG_SIZE(FAULTINFO, 268);
+QV_MSG_FIELD_AT(FAULTINFO, strDa, 0);
+QV_MSG_FIELD_AT(FAULTINFO, value, 256);
+QV_MSG_FIELD_AT(FAULTINFO, minutes, 260);
+QV_MSG_FIELD_AT(FAULTINFO, msec, 264);
+
+QV_MSG_SIZE(TOPOINFO, 260);
+QV_MSG_FIELD_AT(TOPOINFO, strDa, 0);
+QV_MSG_FIELD_AT(TOPOINFO, value, 256);
+
+QV_MSG_SIZE(REGISTERINFO, 1188);
+QV_MSG_FIELD_AT(REGISTERINFO, devcieid, 0);
+QV_MSG_FIELD_AT(REGISTERINFO, key, 32);
+QV_MSG_FIELD_AT(REGISTERINFO, result, 1056);
+QV_MSG_FIELD_AT(REGISTERINFO, desc, 1060);
+QV_MSG_FIELD_AT(REGISTERINFO, version, 1124);
+
+QV_MSG_SIZE(UPDATEFILE, 648);
+QV_MSG_FIELD_AT(UPDATEFILE, iedName, 0);
+QV_MSG_FIELD_AT(UPDATEFILE, all_flag, 512);
+QV_MSG_FIELD_AT(UPDATEFILE, fileType, 516);
+QV_MSG_FIELD_AT(UPDATEFILE, strFileName, 520);
+
+#undef QV_MSG_SIZE
+#undef QV_MSG_FIELD_AT
+#undef QV_MSG_LAYOUT
+
 /* Called once per received message with the receiving loop's own buffer;
  * the record is valid until the callback returns. */
 typedef void (*funptr)(LPMSGINFO);
@@ -170,6 +272,16 @@ QV_API int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile);
 
 #ifdef __cplusplus
 }
+
+/* Internal to the library (not exported); declared here for its tests. */
+
+/* Fills processdir (len bytes) with the executable's directory, ending in
+ * "/", and processname (128 bytes) with the process name: the executable's
+ * file name and each argument after one blank, at most 127 bytes. */
+int get_executable_path(char* processdir, char* processname, int len);
+
+/* The receiving thread of zq_subscriberMsg_async; never returns. */
+void* recv_msg_thread(void* arg);
 #endif
 
 #endif /* QVMESSAGE_H */
