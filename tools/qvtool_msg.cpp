@@ -1,0 +1,330 @@
+// qvtool commands on the message bus: send a record of any kind, watch the
+// records that arrive for the tool.
+//
+// The library routes by the calling process's name (executable file name
+// plus arguments), so "qvtool send soe ..." could never match a configured
+// sender. send therefore builds the record, then re-executes the tool with
+// no arguments, handing the record over in an environment variable; the
+// child is the process named "qvtool" and sends along that process's routes.
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "qvmessage.h"
+#include "qvtool.h"
+
+namespace qvtool {
+
+namespace {
+
+const char* const kRecordVariable = "QVTOOL_SEND_RECORD";
+
+// A payload field, located relative to the start of the payload union.
+struct Field {
+    const char* name;
+    size_t offset;
+    size_t size;
+    bool text;
+};
+
+struct Kind {
+    const char* name;
+    int type;
+    std::vector<Field> fields;
+    int (*send)(UNIONMSG* payload);
+};
+
+#define QV_INT(record, field) \
+    Field { #field, offsetof(record, field), sizeof(int), false }
+#define QV_TEXT(record, field) \
+    Field { #field, offsetof(record, field), sizeof(record::field), true }
+
+// Indexed by kind number - 1.
+const std::vector<Kind>& kinds() {
+    static const std::vector<Kind> table = {
+        {"file", MSGFILE_TYPE,
+         {QV_TEXT(MSGFILE, iedName), QV_INT(MSGFILE, fileType), QV_TEXT(MSGFILE, strFileName)},
+         [](UNIONMSG* p) { return zq_sendFileMsg(&p->msgFile); }},
+        {"soe", SOEINFO_TYPE,
+         {QV_INT(SOEINFO, type), QV_TEXT(SOEINFO, strDa), QV_INT(SOEINFO, value),
+          QV_INT(SOEINFO, minutes), QV_INT(SOEINFO, msec)},
+         [](UNIONMSG* p) { return zq_sendSoeMsg(&p->soeInfo); }},
+        {"protect", PROTECTINFO_TYPE,
+         {QV_TEXT(PROTECTINFO, strDa), QV_INT(PROTECTINFO, type), QV_INT(PROTECTINFO, minutes),
+          QV_INT(PROTECTINFO, msec), QV_INT(PROTECTINFO, value)},
+         [](UNIONMSG* p) { return zq_sendProMsg(&p->protectInfo); }},
+        {"sbodosave", SBODOSAVEINFO_TYPE,
+         {QV_INT(SBODOSAVEINFO, minutes), QV_INT(SBODOSAVEINFO, msec),
+          QV_TEXT(SBODOSAVEINFO, strDa), QV_INT(SBODOSAVEINFO, type),
+          QV_INT(SBODOSAVEINFO, rtuNo), QV_INT(SBODOSAVEINFO, source),
+          QV_INT(SBODOSAVEINFO, value)},
+         [](UNIONMSG* p) { return zq_sendSBODOSaveMsg(&p->sbodoInfo); }},
+        {"general", GENERALMSG_TYPE,
+         {QV_INT(GENERALMSG, type), QV_TEXT(GENERALMSG, buf), QV_INT(GENERALMSG, dataLen)},
+         [](UNIONMSG* p) { return zq_sendGeneralMsg(&p->generalMsg); }},
+        {"sboctrl", SBOCTRL_TYPE,
+         {QV_TEXT(SBOCTRL, strDa), QV_INT(SBOCTRL, type), QV_INT(SBOCTRL, duration),
+          QV_INT(SBOCTRL, source)},
+         [](UNIONMSG* p) { return zq_sendSBOCtrlMsg(&p->sboCtrlInfo); }},
+        {"sboctrlret", SBOCTRLRET_TYPE,
+         {QV_TEXT(SBOCTRLRET, strDa), QV_INT(SBOCTRLRET, function), QV_INT(SBOCTRLRET, count),
+          QV_INT(SBOCTRLRET, duration), QV_INT(SBOCTRLRET, timeOut),
+          QV_INT(SBOCTRLRET, source)},
+         [](UNIONMSG* p) { return zq_sendSBOCtrlRetMsg(&p->sboCtrlRetInfo); }},
+        {"digitalout", DIGITALOUT_TYPE,
+         {QV_TEXT(DIGITALOUT, strDa), QV_INT(DIGITALOUT, bVal), QV_INT(DIGITALOUT, source)},
+         [](UNIONMSG* p) { return zq_sendDigitalOutMsg(&p->digitalOutInfo); }},
+        {"digitaloutret", DIGITALOUTRET_TYPE,
+         {QV_TEXT(DIGITALOUTRET, strDa), QV_INT(DIGITALOUTRET, bVal)},
+         [](UNIONMSG* p) { return zq_sendDigitalOutRetMsg(&p->digitalOutRetInfo); }},
+        {"fault", FAULTINFO_TYPE,
+         {QV_TEXT(FAULTINFO, strDa), QV_INT(FAULTINFO, value), QV_INT(FAULTINFO, minutes),
+          QV_INT(FAULTINFO, msec)},
+         [](UNIONMSG* p) { return zq_sendFaultMsg(&p->faultInfo); }},
+        {"topo", TOPOINFO_TYPE, {QV_TEXT(TOPOINFO, strDa), QV_INT(TOPOINFO, value)},
+         [](UNIONMSG* p) { return zq_sendTopoMsg(&p->topoInfo); }},
+        {"register", REGISTERINFO_TYPE,
+         {QV_TEXT(REGISTERINFO, devcieid), QV_TEXT(REGISTERINFO, key),
+          QV_INT(REGISTERINFO, result), QV_TEXT(REGISTERINFO, desc),
+          QV_TEXT(REGISTERINFO, version)},
+         [](UNIONMSG* p) { return zq_sendRegisterMsg(&p->registerInfo); }},
+        {"updatefile", UPDATEFILE_TYPE,
+         {QV_TEXT(UPDATEFILE, iedName), QV_INT(UPDATEFILE, all_flag),
+          QV_INT(UPDATEFILE, fileType), QV_TEXT(UPDATEFILE, strFileName)},
+         [](UNIONMSG* p) { return zq_sendUpdateFileMsg(&p->updateFile); }},
+    };
+    return table;
+}
+
+#undef QV_INT
+#undef QV_TEXT
+
+const Kind* kindByName(const std::string& name) {
+    for (const Kind& kind : kinds()) {
+        if (name == kind.name) return &kind;
+    }
+    return nullptr;
+}
+
+const Kind* kindByType(int type) {
+    const std::vector<Kind>& table = kinds();
+    if (type < 1 || type > static_cast<int>(table.size())) return nullptr;
+    return &table[static_cast<size_t>(type - 1)];
+}
+
+int kindBit(int type) { return 1 << (type - 1); }
+
+const Field* fieldByName(const Kind& kind, const std::string& name) {
+    for (const Field& field : kind.fields) {
+        if (name == field.name) return &field;
+    }
+    return nullptr;
+}
+
+char* fieldAt(UNIONMSG* payload, const Field& field) {
+    return reinterpret_cast<char*>(payload) + field.offset;
+}
+
+// ---- send, the part that parses -------------------------------------------------
+
+// Sets one "field=value" argument into the payload.
+int setField(const Kind& kind, const std::string& assignment, UNIONMSG* payload) {
+    const size_t equals = assignment.find('=');
+    if (equals == std::string::npos)
+        return usageError("send: %s is not FIELD=VALUE", assignment.c_str());
+    const std::string name = assignment.substr(0, equals);
+    const std::string value = assignment.substr(equals + 1);
+    const Field* field = fieldByName(kind, name);
+    if (field == nullptr) return usageError("send: %s has no field %s", kind.name, name.c_str());
+    if (field->text) {
+        if (value.size() >= field->size)
+            return usageError("send: %s is %zu bytes long; at most %zu fit", name.c_str(),
+                              value.size(), field->size - 1);
+        std::memcpy(fieldAt(payload, *field), value.c_str(), value.size() + 1);
+        return kOk;
+    }
+    int number = 0;
+    if (!parseInt(value, &number))
+        return usageError("send: %s=%s is not an integer", name.c_str(), value.c_str());
+    std::memcpy(fieldAt(payload, *field), &number, sizeof number);
+    return kOk;
+}
+
+std::string toHex(const void* data, size_t size) {
+    static const char digits[] = "0123456789abcdef";
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    std::string hex;
+    for (size_t i = 0; i < size; ++i) {
+        hex += digits[bytes[i] >> 4];
+        hex += digits[bytes[i] & 0xF];
+    }
+    return hex;
+}
+
+bool fromHex(const char* hex, void* data, size_t size) {
+    if (std::strlen(hex) != 2 * size) return false;
+    unsigned char* bytes = static_cast<unsigned char*>(data);
+    for (size_t i = 0; i < size; ++i) {
+        unsigned int byte = 0;
+        if (std::sscanf(hex + 2 * i, "%2x", &byte) != 1) return false;
+        bytes[i] = static_cast<unsigned char>(byte);
+    }
+    return true;
+}
+
+int runSend(const Args& args) {
+    const Kind* kind = kindByName(args.positional[0]);
+    if (kind == nullptr)
+        return usageError("send: unknown kind %s (see qvtool send --help)",
+                          args.positional[0].c_str());
+    MSGINFO record;
+    std::memset(&record, 0, sizeof record);
+    record.msgType = kind->type;
+    bool dataLenGiven = false;
+    for (size_t i = 1; i < args.positional.size(); ++i) {
+        const int set = setField(*kind, args.positional[i], &record.msgInfo);
+        if (set != kOk) return set;
+        dataLenGiven |= args.positional[i].compare(0, 8, "dataLen=") == 0;
+    }
+    if (kind->type == GENERALMSG_TYPE && !dataLenGiven) {
+        record.msgInfo.generalMsg.dataLen = static_cast<int>(std::strlen(record.msgInfo.generalMsg.buf));
+    }
+    const std::string hex = toHex(&record, sizeof record);
+    const std::string name = toolFileName();
+    if (setenv(kRecordVariable, hex.c_str(), 1) != 0) {
+        complain("cannot hand the record over: %s", std::strerror(errno));
+        return kFailed;
+    }
+    std::fflush(stdout);
+    char* const childArgs[] = {const_cast<char*>(name.c_str()), nullptr};
+    execv("/proc/self/exe", childArgs);
+    complain("cannot re-execute the tool: %s", std::strerror(errno));
+    return kFailed;
+}
+
+// ---- send, the child that sends -------------------------------------------------
+
+// How many of the sender's routes carry the kind; -1 when it has none at all.
+int routesCarrying(const std::string& sender, int type) {
+    int count = 0;
+    if (zq_getProcessMsgAssociationsNum(sender.c_str(), &count) != 0) return -1;
+    std::vector<ProcessMsgAssociation> routes(static_cast<size_t>(count) + 64);
+    if (zq_getProcessMsgAssociations(sender.c_str(), routes.data(), &count) != 0) return -1;
+    int carrying = 0;
+    for (int i = 0; i < count; ++i) {
+        if (routes[static_cast<size_t>(i)].msgType & kindBit(type)) ++carrying;
+    }
+    return carrying;
+}
+
+// ---- watch ------------------------------------------------------------------
+
+void printRecord(LPMSGINFO record) {
+    const Kind* kind = kindByType(record->msgType);
+    if (kind == nullptr) {
+        std::printf("unknown kind=%d\n", record->msgType);
+    } else {
+        std::string line = kind->name;
+        for (const Field& field : kind->fields) {
+            const char* at = fieldAt(&record->msgInfo, field);
+            line += std::string(" ") + field.name + "=";
+            if (field.text) {
+                line += "\"" + printable(at, field.size) + "\"";
+            } else {
+                int number = 0;
+                std::memcpy(&number, at, sizeof number);
+                line += std::to_string(number);
+            }
+        }
+        std::puts(line.c_str());
+    }
+    std::fflush(stdout);
+}
+
+int runWatch(const Args&) {
+    const std::string name = toolFileName() + " watch";
+    if (!openConfStore()) return kFailed;
+    std::fprintf(stderr, "qvtool: watching the queue of process \"%s\"\n", name.c_str());
+    zq_subscriberMsg_sync(printRecord);  // returns only when it could not subscribe
+    complain("cannot subscribe as process \"%s\"; is it in ProcessConfig?", name.c_str());
+    return kFailed;
+}
+
+}  // namespace
+
+std::string kindNames(int mask) {
+    std::string names;
+    for (const Kind& kind : kinds()) {
+        if ((mask & kindBit(kind.type)) == 0) continue;
+        if (!names.empty()) names += ",";
+        names += kind.name;
+    }
+    return names.empty() ? "-" : names;
+}
+
+bool isSendChild(int argc) { return argc == 1 && std::getenv(kRecordVariable) != nullptr; }
+
+int runSendChild() {
+    MSGINFO record;
+    const bool decoded = fromHex(std::getenv(kRecordVariable), &record, sizeof record);
+    unsetenv(kRecordVariable);
+    const Kind* kind = decoded ? kindByType(record.msgType) : nullptr;
+    if (kind == nullptr) {
+        complain("%s does not hold a message record", kRecordVariable);
+        return kFailed;
+    }
+    const std::string sender = toolFileName();
+    if (!openConfStore()) return kFailed;
+    const int carrying = routesCarrying(sender, kind->type);
+    if (carrying < 0) {
+        complain("process \"%s\" is not in ProcessConfig; nothing sent", sender.c_str());
+        return kFailed;
+    }
+    if (carrying == 0 || zq_publisherMsg() != 0) {
+        complain("no route from process \"%s\" carries %s messages; nothing sent",
+                 sender.c_str(), kind->name);
+        return kFailed;
+    }
+    kind->send(&record.msgInfo);
+    std::printf("sent %s as process \"%s\" along %d route%s\n", kind->name, sender.c_str(),
+                carrying, carrying == 1 ? "" : "s");
+    return kOk;
+}
+
+const std::vector<Command>& messageCommands() {
+    static const std::string sendDetails = [] {
+        std::string text =
+            "Sends one record along the routes of the process named \"qvtool\" (the tool's\n"
+            "file name, no arguments): configure that process in ProcessConfig and give it\n"
+            "routes (ProcessMsgAssociation) to the receivers. Fields not given are 0 or\n"
+            "empty; general's dataLen defaults to the length of buf. Integers may be\n"
+            "written 0x.. for hexadecimal.\n\nKinds and their fields:\n";
+        for (const Kind& kind : kinds()) {
+            char head[32];
+            std::snprintf(head, sizeof head, "  %-14s", kind.name);
+            text += head;
+            for (const Field& field : kind.fields) {
+                text += std::string(" ") + field.name + (field.text ? "=TEXT" : "=INT");
+            }
+            text += "\n";
+        }
+        return text + "\nExample: qvtool send soe strDa='QVFTU1LD0/GGIO1$ST$Ind1$stVal' value=1\n";
+    }();
+    static const std::vector<Command> commands = {
+        {"send", "send KIND [FIELD=VALUE ...]", "send a message of any kind as process \"qvtool\"",
+         sendDetails.c_str(), {}, {}, 1, -1, runSend},
+        {"watch", "watch", "print every message sent to process \"qvtool watch\"",
+         "Subscribes as the process named \"qvtool watch\" (configure it in ProcessConfig and\n"
+         "route messages to it) and prints one line per message, as it arrives: the kind\n"
+         "name, then FIELD=VALUE for every field of the payload, texts in quotes. Runs\n"
+         "until it is killed. It takes no arguments, since they would change its name.\n",
+         {}, {}, 0, 0, runWatch},
+    };
+    return commands;
+}
+
+}  // namespace qvtool
