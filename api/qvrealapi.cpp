@@ -766,6 +766,398 @@ int zq_getDAsByParams(const char* iedName, const char* ldName, const char* lnNam
 
 // ---- Terminal access list -----------------------------------------------------
 
+#include <string_view>
+#include <tuple>
+
+// The three registry tables share these frames: each record type names its
+// fields once (fieldsOf), in table column order, and is bound and read
+// through that list.
+namespace {
+
+// A record's text field holds at most size - 1 characters, terminated or not.
+template <std::size_t N>
+void bindValue(sqlite3_stmt* stmt, int index, const char (&field)[N]) {
+    sqlite3_bind_text(stmt, index, field, static_cast<int>(strnlen(field, N - 1)),
+                      SQLITE_STATIC);
+}
+
+// A text argument, bound up to its terminator. Taking a view rather than a
+// pointer keeps record fields on the bounded overload above.
+void bindValue(sqlite3_stmt* stmt, int index, std::string_view text) {
+    sqlite3_bind_text(stmt, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
+void bindValue(sqlite3_stmt* stmt, int index, int value) { sqlite3_bind_int(stmt, index, value); }
+
+// Binds the values to parameters 1, 2, 3 ... in order (none for an empty list).
+template <typename... Values>
+void bindValues([[maybe_unused]] sqlite3_stmt* stmt, const Values&... values) {
+    [[maybe_unused]] int index = 1;
+    (bindValue(stmt, index++, values), ...);
+}
+
+template <std::size_t N>
+void readColumn(sqlite3_stmt* row, int column, char (&field)[N]) {
+    copyColumnText(row, column, field);
+}
+
+void readColumn(sqlite3_stmt* row, int column, int& field) {
+    field = sqlite3_column_int(row, column);
+}
+
+auto fieldsOf(LTUAccess& a) {
+    return std::tie(a.date_time, a.deviceid, a.accessmodel, a.desc, a.key, a.version);
+}
+
+auto fieldsOf(LTUInfor& t) {
+    return std::tie(t.id, t.QVsoftware_version, t.QVhardware_version, t.SGsoftware_version,
+                    t.SGhardware_version, t.name, t.addr, t.failedcount, t.state, t.desc);
+}
+
+auto fieldsOf(TopoInfor& n) {
+    return std::tie(n.id, n.type, n.m_rln, n.name, n.l_link, n.r_link, n.power_flag, n.iedName,
+                    n.substation);
+}
+
+// Binding only reads the fields.
+template <typename Record>
+void bindRecord(sqlite3_stmt* stmt, const Record& record) {
+    std::apply([stmt](const auto&... fields) { bindValues(stmt, fields...); },
+               fieldsOf(const_cast<Record&>(record)));
+}
+
+// Reads a row whose select list is the record's fields in order.
+template <typename Record>
+void readRecord(sqlite3_stmt* row, Record& record) {
+    std::apply(
+        [row](auto&... fields) {
+            int column = 0;
+            (readColumn(row, column++, fields), ...);
+        },
+        fieldsOf(record));
+}
+
+void printWriterPrepareError() {
+    std::fprintf(stderr, "sqlite3_prepare_v2 err:%s\n", sqlite3_errmsg(s_sqliteDB));
+}
+
+// Prepares sql once and writes `rows` rows under one hold of the store lock:
+// bindRow(stmt, i) binds row i, which is stepped to done and reset. There is
+// no transaction: the first failing row ends the run, the rows before it stay.
+template <typename BindRow>
+int runWriter(const char* sql, int rows, BindRow bindRow) {
+    StoreLock lock;
+    qvsql::Statement stmt;
+    if (stmt.prepare(s_sqliteDB, sql) != SQLITE_OK) {
+        printWriterPrepareError();
+        return -1;
+    }
+    for (int i = 0; i < rows; ++i) {
+        bindRow(stmt.get(), i);
+        if (stepWithBusyRetry(stmt.get()) != SQLITE_DONE) {
+            printStepError();
+            return -1;
+        }
+        sqlite3_reset(stmt.get());
+    }
+    return 0;
+}
+
+// A writer of one row whose parameters are the given values.
+template <typename... Values>
+int writeRow(const char* sql, const Values&... values) {
+    return runWriter(sql, 1, [&](sqlite3_stmt* stmt, int) { bindValues(stmt, values...); });
+}
+
+// The statements of one registry table that cover the whole table.
+struct RegistryTable {
+    const char* insertSql;
+    const char* deleteAllSql;
+    const char* countSql;
+    const char* listSql;
+};
+
+// Inserts `count` records under one statement; a single add is a run of one.
+template <typename Record>
+int addRecords(const RegistryTable& table, const Record* records, int count,
+               const char* operation) {
+    if (!storeIsOpen(operation)) return -1;
+    if (count > 0 && !argumentGiven(records, operation)) return -1;
+    return runWriter(table.insertSql, count,
+                     [records](sqlite3_stmt* stmt, int i) { bindRecord(stmt, records[i]); });
+}
+
+int deleteAll(const RegistryTable& table, const char* operation) {
+    if (!storeIsOpen(operation)) return -1;
+    return writeRow(table.deleteAllSql);
+}
+
+// A delete whose one parameter is the caller's key text.
+int deleteByKey(const char* sql, const char* key, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(key, operation)) return -1;
+    return writeRow(sql, key);
+}
+
+// The count and list of a whole table, with *pCount 0 until they succeed.
+int countAll(const RegistryTable& table, int* pCount, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(pCount, operation)) return -1;
+    *pCount = 0;
+    return countRows(table.countSql, noBinds, pCount);
+}
+
+template <typename Record>
+int listAll(const RegistryTable& table, Record* records, int* pCount, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(records, operation) ||
+        !argumentGiven(pCount, operation))
+        return -1;
+    *pCount = 0;
+    return listRows(table.listSql, noBinds, readRecord<Record>, records, pCount);
+}
+
+// The first record whose key column equals the caller's key text.
+template <typename Record>
+int lookupByKey(const char* sql, const char* key, Record* record, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(key, operation) ||
+        !argumentGiven(record, operation))
+        return -1;
+    return lookupRow(
+        sql, [key](sqlite3_stmt* stmt) { bindValues(stmt, key); }, readRecord<Record>, record);
+}
+
+// The access list has no delete of all entries.
+const RegistryTable kAccessList{
+    "insert into ltu_access_list values(?,?,?,?,?,?)", nullptr,
+    "select count(*) from ltu_access_list",
+    "select date_time,deviceid,accessmodel,desc,key,version  from ltu_access_list"};
+
+}  // namespace
+
+int zq_addLTUAccess(const LTUAccess* pLTUAccess) {
+    return addRecords(kAccessList, pLTUAccess, 1, __func__);
+}
+
+int zq_deleteLTUAccessByDeviceid(const char* deviceid) {
+    return deleteByKey("delete from ltu_access_list where deviceid=?", deviceid, __func__);
+}
+
+int zq_getAllLTUAccessNum(int* pCount) { return countAll(kAccessList, pCount, __func__); }
+
+int zq_getAllLTUAccess(LTUAccess* pLTUAccess, int* pCount) {
+    return listAll(kAccessList, pLTUAccess, pCount, __func__);
+}
+
 // ---- Terminal information -----------------------------------------------------
 
+namespace {
+
+const RegistryTable kTerminals{
+    "insert into LTUInfor values(?,?,?,?,?,?,?,?,?,?)", "delete from LTUInfor",
+    "select count(*) from LTUInfor",
+    "select id,QVsoftware_version,QVhardware_version,SGsoftware_version,SGhardware_version,name,addr,failedcount,state,desc from LTUInfor"};
+
+}  // namespace
+
+int zq_addLTUInfor(const LTUInfor* pLTUInfor) {
+    return addRecords(kTerminals, pLTUInfor, 1, __func__);
+}
+
+int zq_addLTUInfors(const LTUInfor* pLTUInfors, int count) {
+    return addRecords(kTerminals, pLTUInfors, count, __func__);
+}
+
+int zq_deleteAllLTUInfors(void) { return deleteAll(kTerminals, __func__); }
+
+int zq_deleteLTUInforByName(const char* name) {
+    return deleteByKey("delete from LTUInfor where name=?", name, __func__);
+}
+
+int zq_getAllLTUInforsNum(int* pCount) { return countAll(kTerminals, pCount, __func__); }
+
+int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount) {
+    return listAll(kTerminals, pLTUInfors, pCount, __func__);
+}
+
+int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor) {
+    return lookupByKey(
+        "select id,QVsoftware_version,QVhardware_version,SGsoftware_version,SGhardware_version,name,addr,failedcount,state,desc  from LTUInfor where name=?",
+        name, pLTUInfor, __func__);
+}
+
+// The record's id and name are not written: the row is chosen by `name`.
+int zq_setLTUInforByName(const char* name, const LTUInfor* pLTUInfor) {
+    if (!storeIsOpen(__func__) || !argumentGiven(name, __func__) ||
+        !argumentGiven(pLTUInfor, __func__))
+        return -1;
+    const LTUInfor& t = *pLTUInfor;
+    return writeRow(
+        "update LTUInfor set QVsoftware_version=? ,QVhardware_version=? ,SGsoftware_version=? ,SGhardware_version=? ,addr=?, failedcount=? ,state=? ,desc=? where name=?",
+        t.QVsoftware_version, t.QVhardware_version, t.SGsoftware_version, t.SGhardware_version,
+        t.addr, t.failedcount, t.state, t.desc, name);
+}
+
+int zq_setLTUInforStateByName(const char* name, int state) {
+    if (!storeIsOpen(__func__) || !argumentGiven(name, __func__)) return -1;
+    return writeRow("update LTUInfor set state=?  where name=?", state, name);
+}
+
+// A name that no row carries is reported like a failed step.
+int zq_getLTUInforStateByName(const char* name, int* pState) {
+    if (!storeIsOpen(__func__) || !argumentGiven(name, __func__) ||
+        !argumentGiven(pState, __func__))
+        return -1;
+    return runQuery(
+        "select state from LTUInfor where name=? ",
+        [name](sqlite3_stmt* stmt) { bindValues(stmt, name); },
+        [pState](sqlite3_stmt* stmt) {
+            if (qvsql::stepAnnouncingBusy(stmt) != SQLITE_ROW) {
+                printStepError();
+                return -1;
+            }
+            *pState = sqlite3_column_int(stmt, 0);
+            return 0;
+        });
+}
+
+// No row and a failed step both give -1 without a message.
+int zq_getLTUInforById(int id, LTUInfor* pLTUInfor) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pLTUInfor, __func__)) return -1;
+    return runQuery(
+        "select id,QVsoftware_version,QVhardware_version,SGsoftware_version,SGhardware_version,name,addr,failedcount,state,desc from LTUInfor where id=? ",
+        [id](sqlite3_stmt* stmt) { bindValues(stmt, id); },
+        [pLTUInfor](sqlite3_stmt* stmt) {
+            if (qvsql::stepAnnouncingBusy(stmt) != SQLITE_ROW) return -1;
+            readRecord(stmt, *pLTUInfor);
+            return 0;
+        });
+}
+
 // ---- Feeder topology ----------------------------------------------------------
+
+namespace {
+
+const RegistryTable kTopology{
+    "insert into TopoInfor values(?,?,?,?,?,?,?,?,?)", "delete from TopoInfor",
+    "select count(*) from TopoInfor",
+    "select id,type,m_rln,name,l_link,r_link,power_flag,iedName,substation from TopoInfor"};
+
+// The nodes that share one side's link with a given node.
+struct Side {
+    char (TopoInfor::*link)[sizeof(TopoInfor::l_link)];
+    const char* countSql;
+    const char* listSql;
+};
+
+const Side kLeft{&TopoInfor::l_link, "select count(*) from TopoInfor where l_link=?",
+                 "select id,type,m_rln,name,l_link,r_link,power_flag,iedName,substation from TopoInfor  where l_link=?"};
+const Side kRight{&TopoInfor::r_link, "select count(*) from TopoInfor where r_link=?",
+                  "select id,type,m_rln,name,l_link,r_link,power_flag,iedName,substation from TopoInfor  where r_link=?"};
+
+// The node is looked up before the store lock is taken: the lookup takes the
+// lock itself and the lock is not re-entrant.
+bool findNode(const char* name, TopoInfor& node) {
+    return zq_getTopoInforByLNName(name, &node) == 0;
+}
+
+// The link field of the found node, bound up to its terminator.
+auto linkBinder(const TopoInfor& node, const Side& side) {
+    return [&node, &side](sqlite3_stmt* stmt) { bindValues(stmt, node.*side.link); };
+}
+
+bool isTheNode(sqlite3_stmt* row, const char* name) {
+    const auto* m_rln = reinterpret_cast<const char*>(sqlite3_column_text(row, 2));
+    return std::strcmp(m_rln != nullptr ? m_rln : "", name) == 0;
+}
+
+// Shared rows less the node itself; never below 0, so that a node changed
+// since the lookup cannot give a negative count.
+int countNeighbours(const char* name, const Side& side, int* pCount, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(name, operation) ||
+        !argumentGiven(pCount, operation))
+        return -1;
+    TopoInfor node{};
+    if (!findNode(name, node)) return -1;
+    *pCount = 0;
+    return runQuery(side.countSql, linkBinder(node, side), [pCount](sqlite3_stmt* stmt) {
+        return forEachRow(stmt, [pCount](sqlite3_stmt* row) {
+            *pCount = std::max(sqlite3_column_int(row, 0) - 1, 0);
+            return false;
+        });
+    });
+}
+
+// Passes over exactly one row, the first whose m_rln is the given name, as the
+// count takes away exactly one.
+int listNeighbours(const char* name, const Side& side, TopoInfor* nodes, int* pCount,
+                   const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(name, operation) ||
+        !argumentGiven(nodes, operation) || !argumentGiven(pCount, operation))
+        return -1;
+    TopoInfor node{};
+    if (!findNode(name, node)) return -1;
+    *pCount = 0;
+    int filled = 0;
+    bool nodePassed = false;
+    const int result =
+        runQuery(side.listSql, linkBinder(node, side), [&](sqlite3_stmt* stmt) {
+            return forEachRow(stmt, [&](sqlite3_stmt* row) {
+                if (!nodePassed && isTheNode(row, name))
+                    nodePassed = true;
+                else
+                    readRecord(row, nodes[filled++]);
+                return true;
+            });
+        });
+    if (result == 0) *pCount = filled;
+    return result;
+}
+
+}  // namespace
+
+int zq_addTopoInfor(const TopoInfor* pTopoInfor) {
+    return addRecords(kTopology, pTopoInfor, 1, __func__);
+}
+
+int zq_addTopoInfors(const TopoInfor* pTopoInfors, int count) {
+    return addRecords(kTopology, pTopoInfors, count, __func__);
+}
+
+int zq_deleteAllTopoInfors(void) { return deleteAll(kTopology, __func__); }
+
+int zq_deleteTopoInforByLNName(const char* name) {
+    return deleteByKey("delete from TopoInfor where m_rln=?", name, __func__);
+}
+
+int zq_getAllTopoInforsNum(int* pCount) { return countAll(kTopology, pCount, __func__); }
+
+int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount) {
+    return listAll(kTopology, pTopoInfors, pCount, __func__);
+}
+
+int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor) {
+    return lookupByKey(
+        "select id,type,m_rln,name,l_link,r_link,power_flag,iedName,substation from TopoInfor where m_rln=?",
+        name, pTopoInfor, __func__);
+}
+
+int zq_getTopoInforPower(TopoInfor* pTopoInfor) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pTopoInfor, __func__)) return -1;
+    return lookupRow(
+        "select id,type,m_rln,name,l_link,r_link,power_flag,iedName,substation from TopoInfor where power_flag=1",
+        noBinds, readRecord<TopoInfor>, pTopoInfor);
+}
+
+int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount) {
+    return countNeighbours(name, kLeft, pCount, __func__);
+}
+
+int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount) {
+    return listNeighbours(name, kLeft, pTopoInfors, pCount, __func__);
+}
+
+int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount) {
+    return countNeighbours(name, kRight, pCount, __func__);
+}
+
+int zq_getRightTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount) {
+    return listNeighbours(name, kRight, pTopoInfors, pCount, __func__);
+}

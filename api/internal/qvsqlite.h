@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 namespace qvsql {
@@ -18,6 +19,17 @@ constexpr useconds_t kBusyPauseMicros = 2000;
 inline int stepWithBusyRetry(sqlite3_stmt* stmt) {
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) usleep(kBusyPauseMicros);
+    return rc;
+}
+
+// The same, announcing each wait with a line on stdout.
+inline int stepAnnouncingBusy(sqlite3_stmt* stmt) {
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
+        std::puts("sqlite3_step SQLITE_BUSY");
+        std::fflush(stdout);
+        usleep(kBusyPauseMicros);
+    }
     return rc;
 }
 

@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "qvrealapi.h"
 
@@ -107,5 +109,31 @@ void RealStoreTest::SetUp() {
 }
 
 void RealStoreTest::TearDown() { zq_closeRealDB(); }
+
+std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()>& op,
+                            int& result) {
+    sqlite3* holder = openOrFail(dbPath);
+    EXPECT_EQ(sqlite3_exec(holder, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
+    int pipeFds[2];
+    EXPECT_EQ(pipe(pipeFds), 0);
+    std::fflush(stdout);
+    const int savedStdout = dup(STDOUT_FILENO);
+    dup2(pipeFds[1], STDOUT_FILENO);
+    std::string seen;
+    std::thread releaser([&] {
+        char c;
+        while (seen.find('\n') == std::string::npos && read(pipeFds[0], &c, 1) == 1) seen += c;
+        sqlite3_exec(holder, "commit", nullptr, nullptr, nullptr);
+    });
+    result = op();
+    std::fflush(stdout);
+    dup2(savedStdout, STDOUT_FILENO);
+    close(savedStdout);
+    close(pipeFds[1]);
+    releaser.join();
+    close(pipeFds[0]);
+    sqlite3_close(holder);
+    return seen;
+}
 
 }  // namespace qvtest

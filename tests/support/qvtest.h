@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,12 @@ void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
 // Every row of a query, each column as text ("NULL" for a NULL column).
 Rows query(const std::string& dbPath, const std::string& sql);
 long long queryInt(const std::string& dbPath, const std::string& sql);
+
+// Runs op while another connection holds the database exclusively; the holder
+// lets go once op has printed a line on stdout. Returns what op printed by
+// then and op's result in `result`.
+std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()>& op,
+                            int& result);
 
 // Removes a store file and its journals.
 void removeStore(const std::string& dbPath);
