@@ -159,16 +159,6 @@ void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
     }
 }
 
-int stepAnnouncingBusy(sqlite3_stmt* stmt) {
-    int rc;
-    while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
-        std::puts("sqlite3_step SQLITE_BUSY");
-        std::fflush(stdout);
-        usleep(qvsql::kBusyPauseMicros);
-    }
-    return rc;
-}
-
 // Runs the query, handing its rows to onRow: 0 when it ran to the end or
 // onRow stopped it, -1 (with a message) when it could not run.
 int execute(Query query, const RowHandler& onRow) {
@@ -180,7 +170,7 @@ int execute(Query query, const RowHandler& onRow) {
     }
     bindParams(stmt.get(), query.params);
     for (;;) {
-        const int rc = query.announceBusy ? stepAnnouncingBusy(stmt.get())
+        const int rc = query.announceBusy ? qvsql::stepAnnouncingBusy(stmt.get())
                                           : qvsql::stepWithBusyRetry(stmt.get());
         if (rc == SQLITE_DONE) return 0;
         if (rc != SQLITE_ROW) {

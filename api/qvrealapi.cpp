@@ -7,9 +7,15 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvsqlite.h"
@@ -249,10 +255,6 @@ int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter) {
 
 // ---- Data sets and members ----------------------------------------------------
 
-#include <climits>
-#include <string>
-#include <vector>
-
 namespace {
 
 // One optional condition of a filtered query. A null text is a condition not
@@ -463,8 +465,6 @@ int zq_getDataSetSubsByParams(const char* iedName, const char* dsName, const cha
 }
 
 // ---- Bulk and data-set values -------------------------------------------------
-
-#include <algorithm>
 
 namespace {
 
@@ -765,9 +765,6 @@ int zq_getDAsByParams(const char* iedName, const char* ldName, const char* lnNam
 }
 
 // ---- Terminal access list -----------------------------------------------------
-
-#include <string_view>
-#include <tuple>
 
 // The three registry tables share these frames: each record type names its
 // fields once (fieldsOf), in table column order, and is bound and read

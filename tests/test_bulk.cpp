@@ -21,7 +21,7 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-int storeLockValue() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETVAL); }
+using qvtest::storeLockValue;
 
 const char* const kA = "IED1LD0/MMXU1$MX$TotW$mag$f";
 const char* const kB = "IED1LD0/MMXU1$MX$Hz$mag$f";
@@ -30,9 +30,7 @@ const char* const kD = "IED1LD0/GGIO1$ST$Ind2$stVal";
 const char* const kE = "IED2LD0/MMXU1$MX$TotW$mag$f";
 const char* const kNoRow = "IED1LD0/MMXU1$MX$Nope$mag$f";
 
-std::string key(const char* reference) {
-    return std::to_string(RSHash(reference, static_cast<unsigned>(std::strlen(reference))));
-}
+std::string key(const char* reference) { return std::to_string(qvtest::rowKey(reference)); }
 
 std::vector<DaNameRow> nameRows(const std::vector<const char*>& references) {
     std::vector<DaNameRow> rows(references.size());

@@ -47,9 +47,7 @@ int load(const std::string& path) { return zq_addIEDRealDB(const_cast<char*>(pat
 
 std::string sample(const char* name) { return qvtest::sourcePath(std::string("samples/") + name); }
 
-long long key(const std::string& reference) {
-    return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
-}
+using qvtest::rowKey;
 
 // Every row of the four model tables, in insertion order.
 Rows dumpModel() {
@@ -145,8 +143,8 @@ TEST_F(Loader, MemberReferencesTurnDotsIntoDollarsAndKeyTheValueRows) {
                     {"IED1LD0/MMXU1$MX$A", "IED1", "dsAin", "LD0", "MMXU", "1", "A", "", "MX"}}));
     const std::string leaf = "IED1LD0/MMXU1$MX$A$phsA$cVal$mag$f";
     EXPECT_EQ(query(realDbPath(), "select hashID,type,value,quality,timestamp from DAValue"),
-              (Rows{{std::to_string(key(leaf)), "1.0", "0.0", "0", "0.0"},
-                    {std::to_string(key("IED1LD0/MMXU1$MX$A")), "1.0", "0.0", "0", "0.0"}}));
+              (Rows{{std::to_string(rowKey(leaf)), "1.0", "0.0", "0", "0.0"},
+                    {std::to_string(rowKey("IED1LD0/MMXU1$MX$A")), "1.0", "0.0", "0", "0.0"}}));
     // The leaf member's value row meets its attribute row; the whole-DO one meets none.
     EXPECT_EQ(query(realDbPath(), "select d.daName from DAValue v join DA d using(hashID)"),
               (Rows{{leaf}}));
@@ -171,7 +169,7 @@ TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
     ASSERT_EQ(load(sclFile(device, "")), 0);
     auto row = [](const char* ln, const char* doName, const char* type) {
         const std::string ref = std::string("IED1LD0/GGIO") + ln + "$ST$" + doName + "$stVal";
-        return std::vector<std::string>{std::to_string(key(ref)), type};
+        return std::vector<std::string>{std::to_string(rowKey(ref)), type};
     };
     // GGIO2 Ind1 is in dsDin and dsGgio: the first data set gives its class.
     EXPECT_EQ(query(realDbPath(), "select hashID,type from DAValue order by rowid"),
@@ -191,7 +189,7 @@ TEST_F(Loader, SampleModelGivesTheAgreedReferencesAndLiveValues) {
         {"QVFTU1MEAS/MMTR1$ST$TotWh$actVal", "5.0"},
     };
     for (const auto& [reference, type] : agreed) {
-        const std::string hash = std::to_string(key(reference));
+        const std::string hash = std::to_string(rowKey(reference));
         EXPECT_EQ(query(realDbPath(), "select daName from DA where hashID=" + hash),
                   (Rows{{reference}}));
         EXPECT_EQ(query(realDbPath(), "select type from DAValue where hashID=" + hash),

@@ -24,11 +24,9 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-int storeLockValue() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETVAL); }
+using qvtest::storeLockValue;
 
-std::string key(const char* reference) {
-    return std::to_string(RSHash(reference, static_cast<unsigned>(std::strlen(reference))));
-}
+std::string key(const char* reference) { return std::to_string(qvtest::rowKey(reference)); }
 
 std::string describe(const DataSet& s) {
     return std::string(s.iedName) + "|" + s.name + "|" + s.ldInst + "|" + s.desc;

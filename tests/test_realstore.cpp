@@ -18,24 +18,16 @@ using qvtest::execSql;
 using qvtest::query;
 using qvtest::queryInt;
 using qvtest::realDbPath;
+using qvtest::storeLockValue;
 using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 namespace {
 
-int storeLockValue() {
-    const int semid = semget(QV_SEM_KEY, 1, 0666);
-    return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
-}
-
-long long key(const std::string& reference) {
-    return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
-}
-
 void addValueRow(const std::string& reference, double value = 0.0, int quality = 0) {
     execSql(realDbPath(), "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
-                              std::to_string(key(reference)) + ",1," + std::to_string(value) +
+                              std::to_string(qvtest::rowKey(reference)) + ",1," + std::to_string(value) +
                               "," + std::to_string(quality) + ",0)");
 }
 
@@ -249,7 +241,7 @@ TEST(StoreLock, ForkedIncrementersLoseNoUpdate) {
             sqlite3* db = nullptr;
             sqlite3_open(realDbPath().c_str(), &db);
             sqlite3_busy_timeout(db, 10000);
-            for (int n = 0; n < kIncrements; ++n) incrementUnderStoreLock(semid, db, key(kRef));
+            for (int n = 0; n < kIncrements; ++n) incrementUnderStoreLock(semid, db, qvtest::rowKey(kRef));
             sqlite3_close(db);
             _exit(0);
         }

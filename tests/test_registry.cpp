@@ -23,7 +23,7 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-int storeLockValue() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETVAL); }
+using qvtest::storeLockValue;
 
 // Records are zeroed whole, so that equal fields mean equal bytes.
 template <typename Record>

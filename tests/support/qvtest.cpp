@@ -1,6 +1,8 @@
 #include "qvtest.h"
 
 #include <sqlite3.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,6 +86,15 @@ long long queryInt(const std::string& dbPath, const std::string& sql) {
         return -1;
     }
     return std::stoll(rows[0][0]);
+}
+
+int storeLockValue() {
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
+}
+
+long long rowKey(const std::string& reference) {
+    return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
 }
 
 void removeStore(const std::string& dbPath) {

@@ -32,6 +32,12 @@ long long queryInt(const std::string& dbPath, const std::string& sql);
 std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()>& op,
                             int& result);
 
+// The store lock's semaphore value: 1 free, 0 taken, -1 no semaphore yet.
+int storeLockValue();
+
+// The row key of a DA reference, as the library binds it.
+long long rowKey(const std::string& reference);
+
 // Removes a store file and its journals.
 void removeStore(const std::string& dbPath);
 
