@@ -36,9 +36,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kWriters = 3;
 constexpr int kReaders = 2;
-constexpr int kSequence = 150;        // values each writer writes
-constexpr int kLoads = 3;             // successful loads the loader needs
-constexpr int kLoadAttempts = 100;    // per load, while the store is busy
+constexpr int kSequence = 300;      // values each writer writes
+constexpr int kLoads = 3;           // successful loads the loader needs
+constexpr int kLoadAttempts = 100;  // per load, while the store is busy
 constexpr auto kChildDeadline = std::chrono::seconds(15);
 constexpr auto kParentDeadline = std::chrono::seconds(18);
 

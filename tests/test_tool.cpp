@@ -282,13 +282,40 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
 
     run = tool({"--help"});
     EXPECT_EQ(run.code, 0);
-    for (const char* command : {"init", "load", "get", "set", "datasets", "members", "attrs",
-                                "dump", "processes", "routes", "setting", "send", "watch"}) {
+    for (const char* command :
+         {"init", "load", "get", "set", "datasets", "members", "attrs", "dump", "processes",
+          "routes", "setting", "send", "watch", "terminals", "access", "topology"}) {
         EXPECT_THAT(run.out, HasSubstr(std::string("\n  ") + command)) << command;
         ToolRun help = tool({command, "--help"});
         EXPECT_EQ(help.code, 0) << command;
         EXPECT_THAT(help.out, StartsWith(std::string("usage: qvtool ") + command)) << command;
     }
+}
+
+TEST_F(Tool, RegistryListsTerminalsAccessListAndTopology) {
+    ASSERT_EQ(tool({"init"}).code, 0);
+    for (const char* command : {"terminals", "access", "topology"}) {
+        ToolRun run = tool({command});
+        EXPECT_EQ(run.code, 1) << command;
+        EXPECT_THAT(run.err, StartsWith("qvtool: no ")) << command;
+    }
+    execSql(realDbPath(),
+            "insert into LTUInfor values(1,'1.2','A','2.0','B','ltu1','10.0.0.7',2,1,'pole 7');"
+            "insert into ltu_access_list values('2024-05-01 10:00','dev-1',2,'meter','k==','v1');"
+            "insert into TopoInfor values(1,'breaker','XCBR1','CB1','','XCBR2',1,'QVFTU1','N');"
+            "insert into TopoInfor values(2,'switch','XCBR2','SW2','XCBR1','',0,'QVFTU1','N');");
+    EXPECT_THAT(lines(tool({"terminals"}).out),
+                testing::ElementsAre(
+                    "ID  NAME  ADDR      STATE  FAILED  QV SW/HW  SG SW/HW  DESCRIPTION",
+                    "1   ltu1  10.0.0.7  1      2       1.2/A     2.0/B     pole 7"));
+    EXPECT_THAT(lines(tool({"access"}).out),
+                testing::ElementsAre("DATE              DEVICE  MODEL  VERSION  KEY  DESCRIPTION",
+                                     "2024-05-01 10:00  dev-1   2      v1       k==  meter"));
+    EXPECT_THAT(lines(tool({"topology"}).out),
+                testing::ElementsAre(
+                    "ID  TYPE     LN     NAME  LEFT   RIGHT  POWER  IED     SUBSTATION",
+                    "1   breaker  XCBR1  CB1          XCBR2  yes    QVFTU1  N",
+                    "2   switch   XCBR2  SW2   XCBR1         no     QVFTU1  N"));
 }
 
 namespace {

@@ -24,7 +24,7 @@ namespace qvtool {
 namespace {
 
 std::vector<const std::vector<Command>*> families() {
-    return {&storeCommands(), &confCommands(), &messageCommands()};
+    return {&storeCommands(), &confCommands(), &messageCommands(), &registryCommands()};
 }
 
 const Command* findCommand(const std::string& name) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+struct ProcessMsgAssociation;
+
 namespace qvtool {
 
 // Exit codes that scripts rely on.
@@ -50,6 +52,9 @@ int runSendChild();
 
 // The names of the message kinds whose bits are set in a route's mask.
 std::string kindNames(int mask);
+
+// The routes whose sender is the named process; false for an unknown name.
+bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes);
 
 // One line on standard error, prefixed with "qvtool: ".
 void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));

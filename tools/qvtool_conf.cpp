@@ -55,16 +55,7 @@ int runRoutes(const Args& args) {
     if (!openConfStore() || !knownProcess(sender, &number)) return kFailed;
     std::map<int, std::string> names;
     std::vector<ProcessMsgAssociation> routes;
-    const bool fetched =
-        processNames(&names) &&
-        fetchList(
-            &routes,
-            [&](int* count) { return zq_getProcessMsgAssociationsNum(sender.c_str(), count); },
-            [&](ProcessMsgAssociation* rows, int* count) {
-                return zq_getProcessMsgAssociations(sender.c_str(), rows, count);
-            },
-            kListRoom);
-    if (!fetched) return kFailed;
+    if (!processNames(&names) || !fetchRoutes(sender, &routes)) return kFailed;
     Table table({"TO", "NO", "MASK", "KINDS"});
     for (const ProcessMsgAssociation& route : routes) {
         auto receiver = names.find(route.recvProcessNo);
@@ -130,6 +121,16 @@ int runSetting(const Args& args) {
 }
 
 }  // namespace
+
+bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes) {
+    return fetchList(
+        routes,
+        [&](int* count) { return zq_getProcessMsgAssociationsNum(sender.c_str(), count); },
+        [&](ProcessMsgAssociation* rows, int* count) {
+            return zq_getProcessMsgAssociations(sender.c_str(), rows, count);
+        },
+        kListRoom);
+}
 
 const std::vector<Command>& confCommands() {
     static const std::vector<Command> commands = {

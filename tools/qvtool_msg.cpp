@@ -210,13 +210,11 @@ int runSend(const Args& args) {
 
 // How many of the sender's routes carry the kind; -1 when it has none at all.
 int routesCarrying(const std::string& sender, int type) {
-    int count = 0;
-    if (zq_getProcessMsgAssociationsNum(sender.c_str(), &count) != 0) return -1;
-    std::vector<ProcessMsgAssociation> routes(static_cast<size_t>(count) + 64);
-    if (zq_getProcessMsgAssociations(sender.c_str(), routes.data(), &count) != 0) return -1;
+    std::vector<ProcessMsgAssociation> routes;
+    if (!fetchRoutes(sender, &routes)) return -1;
     int carrying = 0;
-    for (int i = 0; i < count; ++i) {
-        if (routes[static_cast<size_t>(i)].msgType & kindBit(type)) ++carrying;
+    for (const ProcessMsgAssociation& route : routes) {
+        if (route.msgType & kindBit(type)) ++carrying;
     }
     return carrying;
 }
