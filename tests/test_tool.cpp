@@ -180,9 +180,15 @@ TEST_F(Tool, SetThenGetRoundTripsValueAndQuality) {
     EXPECT_EQ(run.err, "qvtool: no value row for QVFTU1MEAS/MMXU1$MX$NoSuch$mag$f\n");
 }
 
-TEST_F(Tool, MembersAndAttrsApplyEveryFilterGiven) {
+TEST_F(Tool, DataSetsMembersAndAttrsApplyEveryFilterGiven) {
     provision();
-    ToolRun run = tool({"members", "--ds", "dsAin", "--fc", "MX"});
+    ToolRun run = tool({"datasets"});
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(static_cast<long long>(lines(run.out).size()) - 1,
+              count("select count(*) from DataSet"));
+    EXPECT_THAT(run.out, HasSubstr("\nQVFTU1  dsAin "));
+
+    run = tool({"members", "--ds", "dsAin", "--fc", "MX"});
     ASSERT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(static_cast<long long>(lines(run.out).size()) - 1,
               count("select count(*) from DataSetSub where dsName='dsAin' and fc='MX'"));
@@ -247,6 +253,10 @@ TEST_F(Tool, ProcessesRoutesAndSettingsOfTheSampleConfiguration) {
                                                      "qvtool watch   4   0x2   soe"));
     EXPECT_EQ(tool({"routes", "qvtool watch"}).code, 1);  // known, but sends nothing
     EXPECT_EQ(tool({"routes", "nobody"}).code, 1);
+    // The sample knows "qvtool watch", not this build's tool.
+    run = tool({"watch"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.err, HasSubstr("cannot subscribe as process \"" + toolName() + " watch\""));
 
     EXPECT_EQ(tool({"setting", "get", "qv104 -p 2404", "port"}).out, "2404\n");
     run = tool({"setting", "set", "qv104 -p 2404", "port", "2405"});
