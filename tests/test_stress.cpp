@@ -28,7 +28,9 @@
 using qvtest::execSql;
 using qvtest::queryInt;
 using qvtest::realDbPath;
+using qvtest::rowKey;
 using qvtest::sourcePath;
+using qvtest::storeLockValue;
 
 namespace {
 
@@ -345,10 +347,6 @@ std::string writeOtherModel() {
     return path;
 }
 
-long long rowKey(const std::string& reference) {
-    return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
-}
-
 double storedValue(const std::string& reference) {
     return static_cast<double>(queryInt(
         realDbPath(), "select value from DAValue where hashID=" + std::to_string(rowKey(reference))));
@@ -419,11 +417,6 @@ TEST_F(Stress, WritersAndReadersNeverSeeALostTornOrBackwardValue) { run(false); 
 TEST_F(Stress, LoadsOfAnotherIedUnderTrafficLandWholeOrNotAtAll) { run(true); }
 
 namespace {
-
-int storeLockValue() {
-    const int semid = semget(QV_SEM_KEY, 1, 0666);
-    return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
-}
 
 bool readByte(int fd) {
     char byte = 0;
