@@ -68,7 +68,8 @@ void copyRef(DaNameRow& row, const std::string& text) {
 // One child's view: its failure slot and its deadline.
 class Child {
 public:
-    Child(Shared* shared, int slot) : shared_(shared), slot_(slot), end_(Clock::now() + kChildDeadline) {}
+    Child(Shared* shared, int slot)
+        : shared_(shared), slot_(slot), end_(Clock::now() + kChildDeadline) {}
     bool expired() const { return Clock::now() > end_; }
     bool fail(const char* format, ...) __attribute__((format(printf, 2, 3))) {
         char* text = shared_->failure[slot_];
@@ -106,7 +107,8 @@ bool savePair(Child& child, int writer, int seq) {
     const double values[2] = {double(seq), double(seq)};
     const int qualities[2] = {seq, seq};
     for (;;) {
-        if (zq_saveDAValues1(names, values, qualities, 2) != 0) return child.fail("pair save failed");
+        if (zq_saveDAValues1(names, values, qualities, 2) != 0)
+            return child.fail("pair save failed");
         double read[2] = {-1, -1};
         int readQ[2] = {-1, -1};
         if (zq_getDAValues1(names, 2, read, readQ) != 0) return child.fail("pair read failed");
@@ -169,7 +171,8 @@ bool readPairs(Child& child, const Options& options, Seen& seen) {
         if (!options.withLoader && (a != b || qualities[2 * w] != qualities[2 * w + 1]))
             return child.fail("torn pair of writer %d: %g and %g", w, a, b);
         if (a < seen.pairs[w] || b < seen.pairs[w])
-            return child.fail("pair of writer %d went back from %g to %g/%g", w, seen.pairs[w], a, b);
+            return child.fail("pair of writer %d went back from %g to %g/%g", w, seen.pairs[w],
+                              a, b);
         seen.pairs[w] = std::min(a, b);
     }
     return true;
@@ -200,7 +203,8 @@ bool readDataSets(Child& child, const Options& options, Seen& seen) {
     const double high = *std::max_element(values.begin(), values.begin() + count);
     if (!options.withLoader && low != high)
         return child.fail("torn data set: %g to %g", low, high);
-    if (low < seen.dataSet) return child.fail("data set went back from %g to %g", seen.dataSet, low);
+    if (low < seen.dataSet)
+        return child.fail("data set went back from %g to %g", seen.dataSet, low);
     seen.dataSet = low;
     // A load lands whole or not at all.
     int members = 0;
@@ -348,8 +352,8 @@ std::string writeOtherModel() {
 }
 
 double storedValue(const std::string& reference) {
-    return static_cast<double>(queryInt(
-        realDbPath(), "select value from DAValue where hashID=" + std::to_string(rowKey(reference))));
+    return static_cast<double>(queryInt(realDbPath(), "select value from DAValue where hashID=" +
+                                                          std::to_string(rowKey(reference))));
 }
 
 class Stress : public testing::Test {
@@ -371,8 +375,9 @@ protected:
         options_.dataSetMembers = static_cast<int>(queryInt(
             realDbPath(), std::string("select count(*) from DataSetSub where dsName='") +
                               kDataSet + "' and iedName='" + kIed + "'"));
-        options_.otherIedMembers = static_cast<int>(queryInt(
-            realDbPath(), std::string("select count(*) from DataSetSub where iedName='") + kIed + "'"));
+        options_.otherIedMembers = static_cast<int>(
+            queryInt(realDbPath(),
+                     std::string("select count(*) from DataSetSub where iedName='") + kIed + "'"));
         options_.otherModel = writeOtherModel();
     }
 

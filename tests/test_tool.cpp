@@ -142,6 +142,15 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsTheConfSampleOnce) {
 
     EXPECT_EQ(tool({"init", "--fresh"}).code, 0);
     EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessConfig"), 0);
+
+    // A sample that fails half way leaves nothing behind.
+    const std::string broken = std::string(QV_TEST_STORE_DIR) + "/broken_sample.sql";
+    std::ofstream(broken) << "insert into ProcessConfig values(1,'a','');\ninsert into Nowhere "
+                             "values(1);\n";
+    run = tool({"init", "--conf-sample", broken});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.err, HasSubstr("no such table: Nowhere"));
+    EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessConfig"), 0);
 }
 
 TEST_F(Tool, LoadPrintsProgressAndTheCountsOfTheStore) {

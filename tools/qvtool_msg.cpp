@@ -8,6 +8,7 @@
 // child is the process named "qvtool" and sends along that process's routes.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -176,6 +177,22 @@ bool fromHex(const char* hex, void* data, size_t size) {
     return true;
 }
 
+// Becomes the process named after the tool's file alone; returns only when
+// that fails.
+int reexecuteToSend(const MSGINFO& record) {
+    const std::string hex = toHex(&record, sizeof record);
+    const std::string name = toolFileName();
+    if (setenv(kRecordVariable, hex.c_str(), 1) != 0) {
+        complain("cannot hand the record over: %s", std::strerror(errno));
+        return kFailed;
+    }
+    std::fflush(stdout);
+    char* const childArgs[] = {const_cast<char*>(name.c_str()), nullptr};
+    execv("/proc/self/exe", childArgs);
+    complain("cannot re-execute the tool: %s", std::strerror(errno));
+    return kFailed;
+}
+
 int runSend(const Args& args) {
     const Kind* kind = kindByName(args.positional[0]);
     if (kind == nullptr)
@@ -191,24 +208,15 @@ int runSend(const Args& args) {
         dataLenGiven |= args.positional[i].compare(0, 8, "dataLen=") == 0;
     }
     if (kind->type == GENERALMSG_TYPE && !dataLenGiven) {
-        record.msgInfo.generalMsg.dataLen = static_cast<int>(std::strlen(record.msgInfo.generalMsg.buf));
+        GENERALMSG& general = record.msgInfo.generalMsg;
+        general.dataLen = static_cast<int>(std::strlen(general.buf));
     }
-    const std::string hex = toHex(&record, sizeof record);
-    const std::string name = toolFileName();
-    if (setenv(kRecordVariable, hex.c_str(), 1) != 0) {
-        complain("cannot hand the record over: %s", std::strerror(errno));
-        return kFailed;
-    }
-    std::fflush(stdout);
-    char* const childArgs[] = {const_cast<char*>(name.c_str()), nullptr};
-    execv("/proc/self/exe", childArgs);
-    complain("cannot re-execute the tool: %s", std::strerror(errno));
-    return kFailed;
+    return reexecuteToSend(record);
 }
 
 // ---- send, the child that sends -------------------------------------------------
 
-// How many of the sender's routes carry the kind; -1 when it has none at all.
+// How many of the sender's routes carry the kind; -1 for an unknown sender.
 int routesCarrying(const std::string& sender, int type) {
     std::vector<ProcessMsgAssociation> routes;
     if (!fetchRoutes(sender, &routes)) return -1;

@@ -12,7 +12,6 @@
 #include <sstream>
 
 #include "qvaddied.h"
-#include "qvconf.h"
 #include "qvrealapi.h"
 #include "qvtool.h"
 
@@ -63,15 +62,19 @@ void removeStoreFiles(const std::string& path) {
     for (const char* suffix : {"", "-journal", "-wal", "-shm"}) unlink((path + suffix).c_str());
 }
 
-// Runs SQL on a store file, creating the file when needed.
+// Runs SQL on a store file, creating the file when needed. All of it or,
+// when a statement fails, none of it.
 bool runSql(const std::string& path, const std::string& sql, const std::string& source) {
     sqlite3* db = nullptr;
-    bool ok = sqlite3_open(path.c_str(), &db) == SQLITE_OK;
+    bool ok = sqlite3_open(path.c_str(), &db) == SQLITE_OK &&
+              sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
     char* error = nullptr;
-    if (ok && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) ok = false;
+    ok = ok && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) == SQLITE_OK &&
+         sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
     if (!ok) {
         complain("%s on %s failed: %s", source.c_str(), path.c_str(),
                  error != nullptr ? error : sqlite3_errmsg(db));
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     sqlite3_free(error);
     sqlite3_close(db);
@@ -219,7 +222,7 @@ int runDataSets(const Args&) {
 }
 
 int runMembers(const Args& args) {
-    const char* f[] = {args.value("--ied"),     args.value("--ds"), args.value("--ld"),
+    const char* f[] = {args.value("--ied"),     args.value("--ds"),     args.value("--ld"),
                        args.value("--lnclass"), args.value("--lninst"), args.value("--do"),
                        args.value("--da"),      args.value("--fc")};
     if (!openRealStore()) return kFailed;
@@ -294,8 +297,8 @@ struct MemberValue {
 
 void printDumpJson(const std::string& ied, const std::string& dataSet,
                    const std::vector<MemberValue>& values) {
-    std::printf("{\n  \"ied\": %s,\n  \"dataSet\": %s,\n  \"members\": [", jsonString(ied.c_str()).c_str(),
-                jsonString(dataSet.c_str()).c_str());
+    std::printf("{\n  \"ied\": %s,\n  \"dataSet\": %s,\n  \"members\": [",
+                jsonString(ied.c_str()).c_str(), jsonString(dataSet.c_str()).c_str());
     for (size_t i = 0; i < values.size(); ++i) {
         const MemberValue& v = values[i];
         const std::string value = v.present ? formatDouble(v.value) : "null";
@@ -366,7 +369,8 @@ int runDump(const Args& args) {
 
 const std::vector<Command>& storeCommands() {
     static const std::vector<Command> commands = {
-        {"init", "init [--fresh] [--conf-sample FILE]", "create the real-time and configuration stores",
+        {"init", "init [--fresh] [--conf-sample FILE]",
+         "create the real-time and configuration stores",
          "Creates the store directories and both stores from the shipped schema\n"
          "(realtime.sql and conf.sql of " QV_SCHEMA_DIR ",\n"
          "or of the source tree when they are not installed). An existing store keeps\n"
@@ -400,7 +404,8 @@ const std::vector<Command>& storeCommands() {
          "Exit code 1 when no member matches.\n",
          {"--ied", "--ds", "--ld", "--lnclass", "--lninst", "--do", "--da", "--fc"}, {}, 0, 0,
          runMembers},
-        {"attrs", "attrs [--ied --ld --ln --do --fc]", "list data attributes of the model, filtered",
+        {"attrs", "attrs [--ied --ld --ln --do --fc]",
+         "list data attributes of the model, filtered",
          "Each option takes a value and keeps the attributes whose column equals it:\n"
          "  --ied IED  --ld LDINST  --ln LN (class and instance, e.g. MMXU1)\n"
          "  --do DO (data object path, e.g. PhV$phsA)  --fc FC\n"
