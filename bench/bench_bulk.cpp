@@ -3,17 +3,14 @@
 // on the same store file.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "qvrealapi.h"
 
 namespace {
@@ -39,14 +36,7 @@ sqlite3_int64 rowKey(const char* reference) {
 // kMembers of them also members of one data set.
 void buildStore() {
     zq_closeRealDB();
-    mkdir(QV_TEST_STORE_DIR, 0755);
-    unlink(QV_REALTIME_DB_PATH);
-    std::ifstream schemaFile(std::string(QV_SOURCE_DIR) + "/schema/realtime.sql");
-    std::stringstream schema;
-    schema << schemaFile.rdbuf();
-    sqlite3* db = nullptr;
-    sqlite3_open(QV_REALTIME_DB_PATH, &db);
-    checked(sqlite3_exec(db, schema.str().c_str(), nullptr, nullptr, nullptr), db, "schema");
+    sqlite3* db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
     checked(sqlite3_exec(db, "begin", nullptr, nullptr, nullptr), db, "begin");
     sqlite3_stmt* value = nullptr;
     sqlite3_stmt* member = nullptr;

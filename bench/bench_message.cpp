@@ -20,6 +20,7 @@
 #include <iterator>
 #include <string>
 
+#include "bench_support.h"
 #include "qvmessage.h"
 
 namespace {
@@ -49,15 +50,9 @@ bool configureSelfRoute() {
     char dir[1024];
     char name[128];
     if (get_executable_path(dir, name, sizeof dir) != 0) return false;
-    mkdir(QV_TEST_STORE_DIR, 0755);
-    unlink(QV_CONF_DB_PATH);
-    std::ifstream schemaFile(std::string(QV_SOURCE_DIR) + "/schema/conf.sql");
-    const std::string schema{std::istreambuf_iterator<char>(schemaFile),
-                             std::istreambuf_iterator<char>()};
-    sqlite3* db = nullptr;
+    sqlite3* db = qvbench::freshStore(QV_CONF_DB_PATH, "conf.sql");
     sqlite3_stmt* insert = nullptr;
-    bool ok = sqlite3_open(QV_CONF_DB_PATH, &db) == SQLITE_OK && execSql(db, schema) &&
-              sqlite3_prepare_v2(db, "insert into ProcessConfig(no,processName) values(?,?)", -1,
+    bool ok = sqlite3_prepare_v2(db, "insert into ProcessConfig(no,processName) values(?,?)", -1,
                                  &insert, nullptr) == SQLITE_OK;
     if (ok) {
         sqlite3_bind_int(insert, 1, kSelfNo);
@@ -191,7 +186,10 @@ void BareMsgsndMsgrcv(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK_TEMPLATE(LibraryMessages, DIGITALOUTRET, zq_sendDigitalOutRetMsg)
-    ->Name("Message/LibDigitalOutRet")->UseRealTime();
+    ->Name("Lib/MessageDigitalOutRet")->UseRealTime();
 BENCHMARK_TEMPLATE(LibraryMessages, REGISTERINFO, zq_sendRegisterMsg)
-    ->Name("Message/LibRegisterInfo")->UseRealTime();
-BENCHMARK(BareMsgsndMsgrcv)->Name("Message/BareMsgsndMsgrcv")->UseRealTime();
+    ->Name("Lib/MessageRegisterInfo")->UseRealTime();
+// Both payloads travel as the same 1192-byte record, so one bare pair is the
+// baseline of both; it runs under each name for the report.
+BENCHMARK(BareMsgsndMsgrcv)->Name("Bare/MessageDigitalOutRet")->UseRealTime();
+BENCHMARK(BareMsgsndMsgrcv)->Name("Bare/MessageRegisterInfo")->UseRealTime();

@@ -2,15 +2,12 @@
 // a bare SQLite connection (no store lock, no library), on the same file.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "qvrealapi.h"
 
 namespace {
@@ -19,39 +16,23 @@ constexpr int kRows = 1000;
 
 std::vector<std::string> g_refs;
 
-void execOrDie(sqlite3* db, const std::string& sql) {
-    char* error = nullptr;
-    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
-        std::fprintf(stderr, "bench setup failed: %s\n", error ? error : "?");
-        std::exit(1);
-    }
-}
-
-// A fresh store from the shipped schema with kRows value rows.
 void prepareStore() {
     zq_closeRealDB();
-    mkdir(QV_TEST_STORE_DIR, 0755);
-    unlink(QV_REALTIME_DB_PATH);
-    std::ifstream schema(std::string(QV_SOURCE_DIR) + "/schema/realtime.sql");
-    std::stringstream ddl;
-    ddl << schema.rdbuf();
-    sqlite3* db = nullptr;
-    sqlite3_open(QV_REALTIME_DB_PATH, &db);
-    execOrDie(db, ddl.str());
-    execOrDie(db, "begin");
+    sqlite3* db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
+    qvbench::execOrDie(db, "begin");
     g_refs.clear();
     for (int i = 0; i < kRows; ++i) {
         g_refs.push_back("BENCHLD0/MMXU1$MX$A$phsA$cVal$mag$f" + std::to_string(i));
         const unsigned key = RSHash(g_refs.back().c_str(), g_refs.back().size());
-        execOrDie(db, "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
+        qvbench::execOrDie(db, "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
                           std::to_string(key) + ",1,0,0,0)");
     }
-    execOrDie(db, "commit");
+    qvbench::execOrDie(db, "commit");
     sqlite3_close(db);
     if (zq_openRealDB() != 0) std::exit(1);
 }
 
-class Values : public benchmark::Fixture {
+class Lib : public benchmark::Fixture {
 public:
     void SetUp(const benchmark::State&) override { prepareStore(); }
     void TearDown(const benchmark::State&) override { zq_closeRealDB(); }
@@ -77,7 +58,7 @@ public:
     sqlite3_stmt* stmt = nullptr;
 };
 
-BENCHMARK_F(Values, LibSaveDouble)(benchmark::State& state) {
+BENCHMARK_F(Lib, SaveDouble)(benchmark::State& state) {
     int i = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(zq_saveDoubDAValue(g_refs[i].c_str(), i * 0.5));
@@ -97,7 +78,7 @@ BENCHMARK_F(Bare, SaveDouble)(benchmark::State& state) {
     }
 }
 
-BENCHMARK_F(Values, LibSaveDoubleWithQuality)(benchmark::State& state) {
+BENCHMARK_F(Lib, SaveDoubleWithQuality)(benchmark::State& state) {
     int i = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(zq_saveDoubDAValue1(g_refs[i].c_str(), i * 0.5, i & 0xff));
@@ -118,7 +99,7 @@ BENCHMARK_F(Bare, SaveDoubleWithQuality)(benchmark::State& state) {
     }
 }
 
-BENCHMARK_F(Values, LibGetDouble)(benchmark::State& state) {
+BENCHMARK_F(Lib, GetDouble)(benchmark::State& state) {
     int i = 0;
     double value = 0;
     for (auto _ : state) {
@@ -138,7 +119,7 @@ BENCHMARK_F(Bare, GetDouble)(benchmark::State& state) {
     }
 }
 
-BENCHMARK_F(Values, LibGetDoubleWithQuality)(benchmark::State& state) {
+BENCHMARK_F(Lib, GetDoubleWithQuality)(benchmark::State& state) {
     int i = 0;
     double value = 0;
     int quality = 0;

@@ -1,0 +1,45 @@
+// Benchmark set-up shared by the benchmark files: stores created from the
+// shipped schema in the private store directory of this build.
+#ifndef QV_BENCH_SUPPORT_H
+#define QV_BENCH_SUPPORT_H
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace qvbench {
+
+// Runs SQL or ends the benchmark run: a broken set-up measures nothing.
+inline void execOrDie(sqlite3* db, const std::string& sql) {
+    char* error = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        std::fprintf(stderr, "bench set-up failed: %s\n", error ? error : "?");
+        std::exit(1);
+    }
+}
+
+// An empty store at dbPath, from one of the schema files ("realtime.sql",
+// "conf.sql"). Returns an open connection to it; the caller closes it.
+inline sqlite3* freshStore(const char* dbPath, const char* schemaFile) {
+    mkdir(QV_TEST_STORE_DIR, 0755);
+    unlink(dbPath);
+    std::ifstream in(std::string(QV_SOURCE_DIR) + "/schema/" + schemaFile);
+    const std::string schema{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    sqlite3* db = nullptr;
+    if (sqlite3_open(dbPath, &db) != SQLITE_OK) {
+        std::fprintf(stderr, "bench set-up: cannot open %s\n", dbPath);
+        std::exit(1);
+    }
+    execOrDie(db, schema);
+    return db;
+}
+
+}  // namespace qvbench
+
+#endif  // QV_BENCH_SUPPORT_H
