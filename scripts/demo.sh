@@ -12,7 +12,7 @@ ldconfig
 
 ref='QVFTU1MEAS/MMXU1$MX$TotW$mag$f'
 set -x
-qvtool init --conf-sample samples/conf_sample.sql
+qvtool init --fresh --conf-sample samples/conf_sample.sql
 qvtool load samples/feeder_terminal.cid
 qvtool set "$ref" 231.5 1
 qvtool get "$ref"
