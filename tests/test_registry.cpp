@@ -1,8 +1,6 @@
-// Terminal access list and terminal information: exact rows written and read,
-// batches that stop at a refused row, lookups by hostile names, a busy store.
-#include <sys/ipc.h>
-#include <sys/sem.h>
-
+// Terminal access list, terminal information and feeder topology: exact rows
+// written and read, counts that agree with lists, batches that stop at a
+// refused row, hostile names, a busy store and failures that free the lock.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,19 +9,13 @@
 #include "qvrealapi.h"
 #include "qvtest.h"
 
-using qvtest::execSql;
-using qvtest::query;
-using qvtest::queryInt;
-using qvtest::realDbPath;
-using qvtest::Rows;
-using qvtest::stdoutWhileHeld;
-using testing::HasSubstr;
+using namespace qvtest;
+using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 namespace {
-
-using qvtest::storeLockValue;
 
 // Records are zeroed whole, so that equal fields mean equal bytes.
 template <typename Record>
@@ -34,18 +26,20 @@ Record zeroed() {
 }
 
 template <typename Record>
-bool sameBytes(const Record& a, const Record& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
+bool sameBytes(const Record& a, const Record& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// The count a successful lister or counter sets, starting from 7.
+template <typename Op, typename... Out>
+int counted(Op op, Out*... out) {
+    int count = 7;
+    EXPECT_EQ(op(out..., &count), 0);
+    return count;
 }
 
 LTUAccess accessEntry(const char* deviceid, int model, const std::string& key = "k") {
-    auto a = zeroed<LTUAccess>();
-    qvsql::copyText(a.date_time, "2024-05-01 10:00:00");
+    LTUAccess a{"2024-05-01 10:00:00", "", model, "feeder 7", "", "V1.2.3"};  // no padding
     qvsql::copyText(a.deviceid, deviceid);
-    a.accessmodel = model;
-    qvsql::copyText(a.desc, "feeder 7");
     qvsql::copyText(a.key, key.c_str());
-    qvsql::copyText(a.version, "V1.2.3");
     return a;
 }
 
@@ -64,27 +58,84 @@ LTUInfor terminal(int id, const char* name, int state = 0) {
     return t;
 }
 
-// Refuses an insert into `table` whose `column` holds `value`.
-void refuseInsert(const std::string& table, const std::string& column, const std::string& value) {
-    execSql(realDbPath(), "create trigger refuse before insert on " + table + " when new." +
-                              column + "='" + value +
-                              "' begin select raise(abort, 'refused'); end");
+TopoInfor node(int id, const char* m_rln, const char* name, const char* left, const char* right,
+               int power = 0) {
+    TopoInfor n{id, "switch", "", "", "", "", power, "", "North"};  // no padding
+    qvsql::copyText(n.m_rln, m_rln);
+    qvsql::copyText(n.name, name);
+    qvsql::copyText(n.l_link, left);
+    qvsql::copyText(n.r_link, right);
+    qvsql::copyText(n.iedName, std::string(31, 'I').c_str());  // a full field
+    return n;
 }
 
-class Registry : public qvtest::RealStoreTest {};
+void refuseInsert(const std::string& table, const std::string& column) {
+    execSql(realDbPath(), "create trigger refuse_" + table + " before insert on " + table +
+                              " when new." + column + "='bad' begin select raise(abort, 'refused'); end");
+}
+
+// The m_rln of every node a list delivers; the count must say as many.
+template <typename Lister, typename Counter>
+std::vector<std::string> neighbours(Lister list, Counter count, const char* name) {
+    std::vector<TopoInfor> nodes(16);
+    const int listed = counted(list, name, nodes.data());
+    EXPECT_EQ(counted(count, name), listed) << name;
+    std::vector<std::string> names;
+    for (int i = 0; i < listed; ++i) names.emplace_back(nodes[i].m_rln);
+    return names;
+}
+
+std::vector<std::string> left(const char* name) {
+    return neighbours(zq_getLeftTopoInforsByLNName, zq_getLeftTopoInforsNumByLNName, name);
+}
+
+std::vector<std::string> right(const char* name) {
+    return neighbours(zq_getRightTopoInforsByLNName, zq_getRightTopoInforsNumByLNName, name);
+}
+
+class Registry : public RealStoreTest {};
+
+class Topology : public RealStoreTest {
+protected:
+    // B's name differs from its m_rln and D's name is A's m_rln; D's right
+    // link is A's left link; B has power flag 2, D and F flag 1.
+    const std::vector<TopoInfor> feeder{node(1, "LN_A", "LN_A", "bus1", "bus2"),
+                                        node(2, "LN_B", "branchB", "bus1", "bus3", 2),
+                                        node(3, "LN_C", "LN_C", "bus1", "bus4"),
+                                        node(4, "LN_D", "LN_A", "bus9", "bus1", 1),
+                                        node(5, "LN_E", "LN_E", "bus5", "bus2"),
+                                        node(6, "LN_F", "LN_F", "bus6", "bus7", 1)};
+    void SetUp() override {
+        RealStoreTest::SetUp();
+        ASSERT_EQ(zq_addTopoInfors(feeder.data(), static_cast<int>(feeder.size())), 0);
+    }
+};
 
 }  // namespace
 
-TEST_F(Registry, AnEmptyAccessListCountsZeroAndLeavesTheArray) {
-    int count = 7;
-    EXPECT_EQ(zq_getAllLTUAccessNum(&count), 0);
-    EXPECT_EQ(count, 0);
-    LTUAccess list[1] = {accessEntry("untouched", 1)};
-    count = 7;
-    EXPECT_EQ(zq_getAllLTUAccess(list, &count), 0);
-    EXPECT_EQ(count, 0);
-    EXPECT_STREQ(list[0].deviceid, "untouched");
-    EXPECT_EQ(zq_deleteLTUAccessByDeviceid("nobody"), 0);
+TEST_F(Registry, EmptyTablesFindNothingAndLeaveTheOutputs) {
+    LTUAccess access[1] = {accessEntry("untouched", 1)};
+    LTUInfor terminals[1] = {terminal(1, "untouched")};
+    TopoInfor nodes[1] = {node(9, "untouched", "", "", "")};
+    EXPECT_EQ(counted(zq_getAllLTUAccess, access), 0);
+    EXPECT_EQ(counted(zq_getAllLTUInfors, terminals), 0);
+    EXPECT_EQ(counted(zq_getAllTopoInfors, nodes), 0);
+    int count = 42;
+    CaptureStderr();
+    EXPECT_EQ(zq_getLTUInforByName("LTU-A", terminals), -1);
+    EXPECT_EQ(zq_getLTUInforById(1, terminals), -1);
+    EXPECT_EQ(zq_getTopoInforByLNName("LN_A", nodes), -1);
+    EXPECT_EQ(zq_getTopoInforPower(nodes), -1);
+    EXPECT_EQ(zq_getLeftTopoInforsNumByLNName("LN_A", &count), -1);
+    EXPECT_EQ(zq_getRightTopoInforsByLNName("LN_A", nodes, &count), -1);
+    EXPECT_EQ(GetCapturedStderr(), "");
+    CaptureStderr();
+    EXPECT_EQ(zq_getLTUInforStateByName("LTU-A", &count), -1);  // reported like a failure
+    EXPECT_THAT(GetCapturedStderr(), testing::StartsWith("sqlite3_step err "));
+    EXPECT_EQ(count, 42);
+    EXPECT_STREQ(access[0].deviceid, "untouched");
+    EXPECT_STREQ(terminals[0].name, "untouched");
+    EXPECT_STREQ(nodes[0].m_rln, "untouched");
 }
 
 TEST_F(Registry, AccessEntriesRoundTripAndGoByDevice) {
@@ -96,203 +147,187 @@ TEST_F(Registry, AccessEntriesRoundTripAndGoByDevice) {
               (Rows{{"2024-05-01 10:00:00", "D1", "-42", "feeder 7", "V1.2.3", "255", "integer"},
                     {"2024-05-01 10:00:00", "D2", "7", "feeder 7", "V1.2.3", "1", "integer"},
                     {"2024-05-01 10:00:00", "D1", "0", "feeder 7", "V1.2.3", "1", "integer"}}));
-    int count = 0;
-    ASSERT_EQ(zq_getAllLTUAccessNum(&count), 0);
-    ASSERT_EQ(count, 3);
+    EXPECT_EQ(counted(zq_getAllLTUAccessNum), 3);
     std::vector<LTUAccess> list(3, zeroed<LTUAccess>());
-    ASSERT_EQ(zq_getAllLTUAccess(list.data(), &count), 0);
-    ASSERT_EQ(count, 3);
+    ASSERT_EQ(counted(zq_getAllLTUAccess, list.data()), 3);
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(sameBytes(list[i], entries[i])) << i;
-
     EXPECT_EQ(zq_deleteLTUAccessByDeviceid("D1"), 0);  // both entries of D1
     EXPECT_EQ(query(realDbPath(), "select deviceid from ltu_access_list"), (Rows{{"D2"}}));
 }
 
-TEST_F(Registry, TerminalsRoundTripByListNameAndId) {
-    const LTUInfor stored[] = {terminal(5, "LTU-A", 1), terminal(-3, "LTU-B", 2)};
-    for (const LTUInfor& t : stored) ASSERT_EQ(zq_addLTUInfor(&t), 0);
+TEST_F(Registry, TerminalsRoundTripAndChangeByName) {
+    const LTUInfor stored[] = {terminal(5, "LTU-A", 1), terminal(-3, "LTU-B", 2), terminal(7, "LTU-A")};
+    ASSERT_EQ(zq_addLTUInfor(&stored[0]), 0);
+    ASSERT_EQ(zq_addLTUInfors(stored + 1, 2), 0);
     EXPECT_EQ(query(realDbPath(), "select * from LTUInfor where id=-3"),
               (Rows{{"-3", "QS1.0.7", "QH2", "SS3", "SH4.5.6", "LTU-B", "10.0.0.7:2404", "3", "2",
                      "pole 12"}}));
-    int count = 0;
-    ASSERT_EQ(zq_getAllLTUInforsNum(&count), 0);
-    EXPECT_EQ(count, 2);
-    std::vector<LTUInfor> list(2, zeroed<LTUInfor>());
-    ASSERT_EQ(zq_getAllLTUInfors(list.data(), &count), 0);
-    ASSERT_EQ(count, 2);
-    EXPECT_TRUE(sameBytes(list[0], stored[0]));
-    EXPECT_TRUE(sameBytes(list[1], stored[1]));
+    EXPECT_EQ(counted(zq_getAllLTUInforsNum), 3);
+    std::vector<LTUInfor> list(3, zeroed<LTUInfor>());
+    ASSERT_EQ(counted(zq_getAllLTUInfors, list.data()), 3);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(sameBytes(list[i], stored[i])) << i;
+    auto byName = zeroed<LTUInfor>();
+    auto byId = zeroed<LTUInfor>();
+    ASSERT_EQ(zq_getLTUInforByName("LTU-A", &byName), 0);  // the first of the two
+    ASSERT_EQ(zq_getLTUInforById(-3, &byId), 0);          // a negative identifier
+    EXPECT_TRUE(sameBytes(byName, stored[0]) && sameBytes(byId, stored[1]));
 
-    auto found = zeroed<LTUInfor>();
-    ASSERT_EQ(zq_getLTUInforByName("LTU-B", &found), 0);
-    EXPECT_TRUE(sameBytes(found, stored[1]));
-    found = zeroed<LTUInfor>();
-    ASSERT_EQ(zq_getLTUInforById(-3, &found), 0);  // a negative identifier
-    EXPECT_TRUE(sameBytes(found, stored[1]));
-    int state = 0;
-    ASSERT_EQ(zq_getLTUInforStateByName("LTU-A", &state), 0);
-    EXPECT_EQ(state, 1);
-}
-
-TEST_F(Registry, AnEmptyTerminalTableFindsNothing) {
-    int count = 7;
-    EXPECT_EQ(zq_getAllLTUInforsNum(&count), 0);
-    EXPECT_EQ(count, 0);
-    count = 7;
-    LTUInfor list[1] = {terminal(1, "untouched")};
-    EXPECT_EQ(zq_getAllLTUInfors(list, &count), 0);
-    EXPECT_EQ(count, 0);
-    int state = 42;
-    CaptureStderr();
-    EXPECT_EQ(zq_getLTUInforByName("LTU-A", &list[0]), -1);
-    EXPECT_EQ(zq_getLTUInforById(1, &list[0]), -1);
-    EXPECT_EQ(GetCapturedStderr(), "");
-    CaptureStderr();
-    EXPECT_EQ(zq_getLTUInforStateByName("LTU-A", &state), -1);  // reported like a failure
-    EXPECT_THAT(GetCapturedStderr(), testing::StartsWith("sqlite3_step err "));
-    EXPECT_EQ(state, 42);
-    EXPECT_STREQ(list[0].name, "untouched");
-}
-
-TEST_F(Registry, SettingByNameKeepsIdAndNameAndReachesEveryNamesake) {
-    const LTUInfor rows[] = {terminal(1, "LTU-A"), terminal(2, "LTU-A"), terminal(3, "LTU-C")};
-    ASSERT_EQ(zq_addLTUInfors(rows, 3), 0);
+    // Setting by name keeps id and name and reaches every namesake.
     LTUInfor change = terminal(99, "renamed", 8);
     qvsql::copyText(change.QVsoftware_version, "new");
-    qvsql::copyText(change.desc, "moved");
-    change.failedcount = 0;
     ASSERT_EQ(zq_setLTUInforByName("LTU-A", &change), 0);
-    ASSERT_EQ(zq_setLTUInforStateByName("LTU-C", 6), 0);
-    EXPECT_EQ(zq_setLTUInforByName("nobody", &change), 0);
-    EXPECT_EQ(zq_setLTUInforStateByName("nobody", 1), 0);
-    EXPECT_EQ(zq_deleteLTUInforByName("nobody"), 0);
-    EXPECT_EQ(query(realDbPath(),
-                    "select id,name,QVsoftware_version,failedcount,state,desc from LTUInfor"),
-              (Rows{{"1", "LTU-A", "new", "0", "8", "moved"},
-                    {"2", "LTU-A", "new", "0", "8", "moved"},
-                    {"3", "LTU-C", "QS1.0.7", "3", "6", "pole 12"}}));
-    auto found = zeroed<LTUInfor>();
-    ASSERT_EQ(zq_getLTUInforByName("LTU-A", &found), 0);
-    EXPECT_EQ(found.id, 1);  // the first of the two
-
+    ASSERT_EQ(zq_setLTUInforStateByName("LTU-B", 6), 0);
+    EXPECT_EQ(query(realDbPath(), "select id,name,QVsoftware_version,state from LTUInfor"),
+              (Rows{{"5", "LTU-A", "new", "8"}, {"-3", "LTU-B", "QS1.0.7", "6"},
+                    {"7", "LTU-A", "new", "8"}}));
     ASSERT_EQ(zq_deleteLTUInforByName("LTU-A"), 0);
-    EXPECT_EQ(query(realDbPath(), "select id from LTUInfor"), (Rows{{"3"}}));
+    EXPECT_EQ(query(realDbPath(), "select id from LTUInfor"), (Rows{{"-3"}}));
     ASSERT_EQ(zq_deleteAllLTUInfors(), 0);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from LTUInfor"), 0);
 }
 
-TEST_F(Registry, ABatchStopsAtTheRefusedTerminal) {
-    refuseInsert("LTUInfor", "name", "bad");
-    const LTUInfor batch[] = {terminal(1, "t1"), terminal(2, "t2"), terminal(3, "bad"),
-                              terminal(4, "t4")};
-    EXPECT_EQ(zq_addLTUInfors(batch, 0), 0);
+TEST_F(Registry, ABatchStopsAtTheRefusedRecord) {
+    refuseInsert("LTUInfor", "name");
+    refuseInsert("TopoInfor", "m_rln");
+    const LTUInfor terminals[] = {terminal(1, "t1"), terminal(2, "bad"), terminal(3, "t3")};
+    const TopoInfor nodes[] = {node(1, "LN_A", "a", "x", "y"), node(2, "bad", "b", "x", "y")};
     EXPECT_EQ(zq_addLTUInfors(nullptr, -1), 0);
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from LTUInfor"), 0);
     CaptureStderr();
-    EXPECT_EQ(zq_addLTUInfors(batch, 4), -1);
-    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err refused\n");
-    EXPECT_EQ(query(realDbPath(), "select name from LTUInfor"), (Rows{{"t1"}, {"t2"}}));
+    EXPECT_EQ(zq_addLTUInfors(terminals, 3), -1);
+    EXPECT_EQ(zq_addTopoInfors(nodes, 2), -1);
+    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err refused\nsqlite3_step err refused\n");
+    EXPECT_EQ(query(realDbPath(), "select name from LTUInfor"), (Rows{{"t1"}}));
+    EXPECT_EQ(query(realDbPath(), "select m_rln from TopoInfor"), (Rows{{"LN_A"}}));
     EXPECT_EQ(storeLockValue(), 1);
-}
-
-// Names are bound, never pasted into the statement: quotes and column names
-// are plain names.
-TEST_F(Registry, HostileNamesAreOnlyNames) {
-    const std::string longName(1000, 'n');
-    const LTUInfor rows[] = {terminal(1, "LTU-A", 1), terminal(2, "state", 5),
-                             terminal(3, "\" or \"\"=\"", 7)};
-    ASSERT_EQ(zq_addLTUInfors(rows, 3), 0);
-    execSql(realDbPath(), "insert into LTUInfor values(4,'','','','','" + longName + "','',0,9,'" +
-                              std::string(1000, 'd') + "')");
-    int state = -1;
-    ASSERT_EQ(zq_getLTUInforStateByName("state", &state), 0);
-    EXPECT_EQ(state, 5);
-    ASSERT_EQ(zq_getLTUInforStateByName("\" or \"\"=\"", &state), 0);
-    EXPECT_EQ(state, 7);
-    ASSERT_EQ(zq_getLTUInforStateByName(longName.c_str(), &state), 0);
-    EXPECT_EQ(state, 9);
-    CaptureStderr();
-    for (const char* name : {"name", "id", "' or 1=1 --", "LTU-A\" or name=\"state"}) {
-        state = -1;
-        EXPECT_EQ(zq_getLTUInforStateByName(name, &state), -1) << name;
-        EXPECT_EQ(state, -1) << name;
-        EXPECT_EQ(zq_setLTUInforStateByName(name, 0), 0);
-        EXPECT_EQ(zq_deleteLTUInforByName(name), 0);
-    }
-    GetCapturedStderr();
-    EXPECT_EQ(query(realDbPath(), "select id,state from LTUInfor"),
-              (Rows{{"1", "1"}, {"2", "5"}, {"3", "7"}, {"4", "9"}}));
-
-    // Over-long stored texts are cut to their fields, terminator included.
-    auto found = zeroed<LTUInfor>();
-    ASSERT_EQ(zq_getLTUInforById(4, &found), 0);
-    EXPECT_EQ(std::string(found.name), longName.substr(0, 32));
-    EXPECT_EQ(std::strlen(found.desc), 255u);
-    EXPECT_EQ(found.state, 9);
 }
 
 TEST_F(Registry, LookupsByStateAndIdAnnounceABusyStore) {
     const LTUInfor t = terminal(12, "LTU-A", 4);
     ASSERT_EQ(zq_addLTUInfor(&t), 0);
+    auto whileHeld = [](const std::function<int()>& lookup) {
+        int result = -1;
+        EXPECT_EQ(stdoutWhileHeld(realDbPath(), lookup, result), "sqlite3_step SQLITE_BUSY\n");
+        return result;
+    };
     int state = 0;
-    int result = -1;
-    EXPECT_EQ(stdoutWhileHeld(
-                  realDbPath(), [&] { return zq_getLTUInforStateByName("LTU-A", &state); },
-                  result),
-              "sqlite3_step SQLITE_BUSY\n");
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(state, 4);
     auto found = zeroed<LTUInfor>();
-    EXPECT_EQ(stdoutWhileHeld(
-                  realDbPath(), [&] { return zq_getLTUInforById(12, &found); }, result),
-              "sqlite3_step SQLITE_BUSY\n");
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(whileHeld([&] { return zq_getLTUInforStateByName("LTU-A", &state); }), 0);
+    EXPECT_EQ(whileHeld([&] { return zq_getLTUInforById(12, &found); }), 0);
+    EXPECT_EQ(state, 4);
     EXPECT_TRUE(sameBytes(found, t));
-}
-
-TEST_F(Registry, FailuresReportAndFreeTheLock) {
-    refuseInsert("ltu_access_list", "deviceid", "bad");
-    const LTUAccess bad = accessEntry("bad", 1);
-    CaptureStderr();
-    EXPECT_EQ(zq_addLTUAccess(&bad), -1);
-    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err refused\n");
-    EXPECT_EQ(storeLockValue(), 1);
-
-    execSql(realDbPath(), "drop table ltu_access_list; drop table LTUInfor");
-    LTUInfor t = terminal(1, "LTU-A");
-    int count = 7;
-    CaptureStderr();
-    EXPECT_EQ(zq_deleteLTUAccessByDeviceid("D1"), -1);
-    EXPECT_EQ(zq_addLTUInfors(&t, 1), -1);
-    EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
-    EXPECT_EQ(count, 0);
-    count = 7;
-    EXPECT_EQ(zq_getAllLTUInfors(nullptr, &count), -1);  // refused before the store
-    EXPECT_EQ(zq_getLTUInforById(1, nullptr), -1);
-    EXPECT_EQ(zq_getLTUInforById(1, &t), -1);
-    // The connection learns of the dropped tables at its next step.
-    EXPECT_EQ(GetCapturedStderr(),
-              "sqlite3_step err no such table: ltu_access_list\n"
-              "sqlite3_prepare_v2 err:no such table: LTUInfor\n"
-              "sqlite3_prepare_v2 err no such table: ltu_access_list\n"
-              "zq_getAllLTUInfors: a required argument is null\n"
-              "zq_getLTUInforById: a required argument is null\n"
-              "sqlite3_prepare_v2 err no such table: LTUInfor\n");
-    EXPECT_EQ(count, 7);
-    EXPECT_EQ(storeLockValue(), 1);
 }
 
 TEST(RegistryClosed, OperationsOnAClosedStoreFail) {
     zq_closeRealDB();
     int count = 7;
-    const LTUInfor t = terminal(1, "LTU-A");
+    TopoInfor nodes[1] = {};
     CaptureStderr();
     EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
-    EXPECT_EQ(zq_addLTUInfor(&t), -1);
-    EXPECT_EQ(zq_setLTUInforStateByName("LTU-A", 1), -1);
-    EXPECT_EQ(zq_deleteAllLTUInfors(), -1);
-    const std::string messages = GetCapturedStderr();
-    EXPECT_THAT(messages, HasSubstr("zq_getAllLTUAccessNum: the real-time store is not open"));
-    EXPECT_THAT(messages, HasSubstr("zq_deleteAllLTUInfors: the real-time store is not open"));
+    EXPECT_EQ(zq_getLeftTopoInforsByLNName("LN_A", nodes, &count), -1);
+    EXPECT_EQ(zq_addTopoInfors(nodes, 1), -1);
+    const std::string notOpen = ": the real-time store is not open (call zq_openRealDB first)\n";
+    EXPECT_EQ(GetCapturedStderr(), "zq_getAllLTUAccessNum" + notOpen + "zq_getLeftTopoInforsByLNName" +
+                                       notOpen + "zq_addTopoInfors" + notOpen);
     EXPECT_EQ(count, 7);
+    EXPECT_EQ(storeLockValue(), 1);
+}
+
+TEST_F(Topology, NodesRoundTripWhole) {
+    EXPECT_EQ(query(realDbPath(), "select * from TopoInfor where id=2"),
+              (Rows{{"2", "switch", "LN_B", "branchB", "bus1", "bus3", "2", std::string(31, 'I'),
+                     "North"}}));
+    EXPECT_EQ(counted(zq_getAllTopoInforsNum), 6);
+    std::vector<TopoInfor> all(6);
+    ASSERT_EQ(counted(zq_getAllTopoInfors, all.data()), 6);
+    EXPECT_EQ(std::memcmp(all.data(), feeder.data(), 6 * sizeof(TopoInfor)), 0);
+    TopoInfor found{};
+    ASSERT_EQ(zq_getTopoInforByLNName("LN_E", &found), 0);
+    EXPECT_TRUE(sameBytes(found, feeder[4]));
+    ASSERT_EQ(zq_getTopoInforPower(&found), 0);
+    EXPECT_STREQ(found.m_rln, "LN_D");  // the first of two; flag 2 is no power node
+}
+
+TEST_F(Topology, NeighboursShareOneSidesLinkAndCountsAgreeWithLists) {
+    EXPECT_THAT(left("LN_A"), ElementsAre("LN_B", "LN_C"));  // not D, whose right link is bus1
+    EXPECT_THAT(left("LN_B"), ElementsAre("LN_A", "LN_C"));
+    EXPECT_THAT(left("LN_D"), IsEmpty());
+    EXPECT_THAT(right("LN_A"), ElementsAre("LN_E"));
+    EXPECT_THAT(right("LN_B"), IsEmpty());
+    // Two nodes with one m_rln: the other one is a neighbour.
+    const TopoInfor twin = node(7, "LN_C", "LN_C", "bus1", "bus8");
+    ASSERT_EQ(zq_addTopoInfor(&twin), 0);
+    EXPECT_THAT(left("LN_C"), ElementsAre("LN_A", "LN_B", "LN_C"));
+    ASSERT_EQ(zq_deleteTopoInforByLNName("LN_C"), 0);  // both
+    EXPECT_THAT(left("LN_A"), ElementsAre("LN_B"));
+    ASSERT_EQ(zq_deleteAllTopoInfors(), 0);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from TopoInfor"), 0);
+}
+
+// Names are bound, never pasted into the statement: quotes, SQL fragments and
+// column names are plain names.
+TEST_F(Topology, HostileNamesAreOnlyNames) {
+    const std::string longText(1000, 'L');
+    const LTUInfor t = terminal(1, "LTU-A", 5);
+    ASSERT_EQ(zq_addLTUInfor(&t), 0);
+    execSql(realDbPath(), "insert into LTUInfor values(2,'','','','','" + longText + "','',0,9,'" +
+                              longText + "'); insert into TopoInfor values(8,'" + longText + "','" +
+                              longText + "','n','" + longText + "','r',0,'" + longText + "','s')");
+    int state = -1;
+    ASSERT_EQ(zq_getLTUInforStateByName(longText.c_str(), &state), 0);
+    EXPECT_EQ(state, 9);
+    CaptureStderr();
+    for (const char* name : {"name", "id", "m_rln", "' or 1=1 --", "\" or \"\"=\"", "LTU-A\" or name=\"state"}) {
+        TopoInfor found;
+        state = -1;
+        EXPECT_EQ(zq_getLTUInforStateByName(name, &state), -1) << name;
+        EXPECT_EQ(zq_getTopoInforByLNName(name, &found), -1) << name;
+        EXPECT_EQ(zq_getLeftTopoInforsNumByLNName(name, &state), -1) << name;
+        EXPECT_EQ(state, -1) << name;
+        EXPECT_EQ(zq_setLTUInforStateByName(name, 0), 0) << name;
+        EXPECT_EQ(zq_deleteLTUInforByName(name) + zq_deleteTopoInforByLNName(name), 0) << name;
+    }
+    GetCapturedStderr();
+    EXPECT_EQ(query(realDbPath(), "select id,state from LTUInfor"), (Rows{{"1", "5"}, {"2", "9"}}));
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from TopoInfor"), 7);
+
+    // Over-long stored texts are cut to their fields, terminator included; a
+    // link cut so matches nothing: no neighbours, and never a negative count.
+    auto terminalFound = zeroed<LTUInfor>();
+    ASSERT_EQ(zq_getLTUInforById(2, &terminalFound), 0);
+    EXPECT_EQ(std::string(terminalFound.name), longText.substr(0, 32));
+    EXPECT_EQ(std::strlen(terminalFound.desc), 255u);
+    TopoInfor nodeFound;
+    ASSERT_EQ(zq_getTopoInforByLNName(longText.c_str(), &nodeFound), 0);
+    EXPECT_EQ(std::string(nodeFound.m_rln), longText.substr(0, 63));
+    EXPECT_EQ(std::string(nodeFound.type), longText.substr(0, 15));
+    EXPECT_THAT(left(longText.c_str()), IsEmpty());
+}
+
+TEST_F(Topology, FailuresReportAndFreeTheLock) {
+    // A view whose third row cannot be computed.
+    execSql(realDbPath(), "alter table TopoInfor rename to Nodes;"
+                          "create view TopoInfor as select * from Nodes where case when id>2 and"
+                          " l_link='bus1' then abs(-9223372036854775808) else 1 end");
+    std::vector<TopoInfor> nodes(4);
+    int count = 42;
+    CaptureStderr();
+    EXPECT_EQ(zq_getLeftTopoInforsByLNName("LN_A", nodes.data(), &count), -1);
+    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err integer overflow\n");
+    EXPECT_EQ(count, 0);
+    EXPECT_STREQ(nodes[0].m_rln, "LN_B");  // filled before the failure
+    EXPECT_EQ(storeLockValue(), 1);
+
+    execSql(realDbPath(), "drop table ltu_access_list; drop table LTUInfor");
+    const LTUInfor t = terminal(1, "LTU-A");
+    count = 7;
+    CaptureStderr();
+    EXPECT_EQ(zq_deleteLTUAccessByDeviceid("D1"), -1);
+    EXPECT_EQ(zq_addLTUInfors(&t, 1), -1);
+    EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
+    // The connection learns of the dropped tables at its next step.
+    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err no such table: ltu_access_list\n"
+                                   "sqlite3_prepare_v2 err:no such table: LTUInfor\n"
+                                   "sqlite3_prepare_v2 err no such table: ltu_access_list\n");
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(storeLockValue(), 1);
 }
