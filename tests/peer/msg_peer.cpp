@@ -4,45 +4,24 @@
 //   path   prints the directory and the process name that the library sees;
 //   sync   subscribes in this thread, writes every record to stdout;
 //   async  subscribes with a receiving thread, same output, ends at stdin EOF;
+//          a failed subscription prints its result as text instead;
 //   pub    sends what stdin asks for and answers each command with the int
 //          result on stdout. A command is one byte and a whole MSGINFO:
 //          'P' zq_publisherMsg, 'M' zq_sendMsg, 'K' the kind's own operation,
 //          'D' zq_sendDoubSoeMsg.
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "qvmessage.h"
 
 namespace {
 
-constexpr int kSubscriptionFailed = 3;
-
-bool readFully(int fd, void* buffer, size_t size) {
-    char* at = static_cast<char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = read(fd, at, size);
-        if (n <= 0) return false;
-        at += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+void writeOut(const void* data, size_t size) {
+    if (std::fwrite(data, size, 1, stdout) != 1 || std::fflush(stdout) != 0) std::_Exit(1);
 }
 
-void writeFully(int fd, const void* buffer, size_t size) {
-    const char* at = static_cast<const char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = write(fd, at, size);
-        if (n <= 0) std::_Exit(1);
-        at += n;
-        size -= static_cast<size_t>(n);
-    }
-}
-
-void writeRecord(LPMSGINFO record) { writeFully(STDOUT_FILENO, record, sizeof(MSGINFO)); }
+void writeRecord(LPMSGINFO record) { writeOut(record, sizeof(MSGINFO)); }
 
 int sendWithKindOperation(MSGINFO& record) {
     UNIONMSG& p = record.msgInfo;
@@ -77,10 +56,10 @@ int runCommand(char command, MSGINFO& record) {
 int publish() {
     char command = 0;
     MSGINFO record;
-    while (readFully(STDIN_FILENO, &command, 1) &&
-           readFully(STDIN_FILENO, &record, sizeof record)) {
+    while (std::fread(&command, 1, 1, stdin) == 1 &&
+           std::fread(&record, sizeof record, 1, stdin) == 1) {
         const int result = runCommand(command, record);
-        writeFully(STDOUT_FILENO, &result, sizeof result);
+        writeOut(&result, sizeof result);
     }
     return 0;
 }
@@ -93,11 +72,14 @@ int printPath() {
     return 0;
 }
 
-int subscribeAsync() {
-    if (zq_subscriberMsg_async(writeRecord) != 0) return kSubscriptionFailed;
-    char byte;
-    while (read(STDIN_FILENO, &byte, 1) > 0) {
+// Prints the subscription's result once it returns: at once when it failed,
+// for the async form when stdin ends.
+int subscribe(bool async) {
+    const int result =
+        async ? zq_subscriberMsg_async(writeRecord) : zq_subscriberMsg_sync(writeRecord);
+    while (result == 0 && std::getchar() != EOF) {
     }
+    std::printf("subscription returned %d\n", result);
     return 0;
 }
 
@@ -108,11 +90,5 @@ int main() {
     const std::string role = mode ? mode : "";
     if (role == "path") return printPath();
     if (role == "pub") return publish();
-    if (role == "async") return subscribeAsync();
-    if (role == "sync") {
-        zq_subscriberMsg_sync(writeRecord);
-        return kSubscriptionFailed;
-    }
-    std::fprintf(stderr, "qv_msg_peer: unknown QV_MSG_PEER_MODE\n");
-    return 2;
+    return subscribe(role == "async");
 }
