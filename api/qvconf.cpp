@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <functional>
@@ -242,15 +243,16 @@ int countRows(const Query& query, int* pCount) {
     });
 }
 
-// Every row into the caller's array from index 0; the count is delivered
-// only when all rows were read.
+// Every row into the caller's array from index 0, at most `capacity` of
+// them; the count is delivered only when the query ran to its end.
 template <typename Record>
-int listRows(const Query& query, Record* records, int* pCount) {
+int listRows(const Query& query, Record* records, int* pCount, int capacity = INT_MAX) {
     if (!argumentGiven(pCount, query.operation)) return -1;
     *pCount = 0;
     if (!argumentGiven(records, query.operation)) return -1;
     int delivered = 0;
-    const int result = execute(query, [records, &delivered](sqlite3_stmt* stmt) {
+    const int result = execute(query, [records, &delivered, capacity](sqlite3_stmt* stmt) {
+        if (delivered == capacity) return false;
         fillRecord(Columns(stmt), records[delivered++]);
         return true;
     });
@@ -323,8 +325,13 @@ int zq_getProcessMsgAssociationsNum(const char* sendProcess, int* pCount) {
 
 int zq_getProcessMsgAssociations(const char* sendProcess, ProcessMsgAssociation* pAssociations,
                                  int* pCount) {
+    return listRoutesOf(sendProcess, pAssociations, INT_MAX, pCount);
+}
+
+int listRoutesOf(const char* sendProcess, ProcessMsgAssociation* routes, int capacity,
+                 int* pCount) {
     return listRows({"zq_getProcessMsgAssociations", kListRoutesSql, {kProcessNo}, sendProcess},
-                    pAssociations, pCount);
+                    routes, pCount, capacity);
 }
 
 // ---- Device model associations ------------------------------------------------------

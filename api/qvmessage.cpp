@@ -253,7 +253,8 @@ int zq_publisherMsg(void) {
         std::perror("malloc err\n");
         return -1;
     }
-    return zq_getProcessMsgAssociations(processname, s_pAssociations, &s_count);
+    // Routes added since the count are left for the next load.
+    return listRoutesOf(processname, s_pAssociations, static_cast<int>(entries), &s_count);
 }
 
 int zq_subscriberMsg_sync(funptr callback) {

@@ -103,6 +103,12 @@ TEST_F(ConfStore, ProcessesRoutesAndScales) {
     EXPECT_EQ(counted(zq_getProcessMsgAssociations, "qvtool watch", routes), "0/0");
     EXPECT_EQ(counted(zq_getProcessMsgAssociationsNum, "qvnone"), "-1/0");
     EXPECT_EQ(counted(zq_getProcessMsgAssociations, "qvnone", routes), "-1/0");
+    // The publisher's bounded fetch never writes past the table it sized.
+    ProcessMsgAssociation bounded[2] = {{0, 0, 0}, {-7, -7, -7}};
+    int n = 0;
+    EXPECT_EQ(listRoutesOf("qvctrl", bounded, 1, &n), 0);
+    EXPECT_EQ(n, 1);
+    EXPECT_EQ(bounded[1].msgType, -7);
 
     EXPECT_EQ(counted(zq_getScaleConfigsNum), "0/3");
     ScaleConfig scale = patterned<ScaleConfig>();
