@@ -34,9 +34,7 @@ protected:
 // A record filled with a pattern, to see that an operation left it alone.
 template <typename Record>
 Record patterned() {
-    Record record;
-    std::memset(&record, 0x5A, sizeof record);
-    return record;
+    return qvtest::filledRecord<Record>(0x5A);
 }
 
 template <typename Record>

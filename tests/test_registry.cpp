@@ -20,9 +20,7 @@ namespace {
 // Records are zeroed whole, so that equal fields mean equal bytes.
 template <typename Record>
 Record zeroed() {
-    Record r;
-    std::memset(&r, 0, sizeof r);
-    return r;
+    return qvtest::filledRecord<Record>(0);
 }
 
 template <typename Record>

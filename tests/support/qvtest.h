@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,15 @@ int storeLockValue();
 
 // The row key of a DA reference, as the library binds it.
 long long rowKey(const std::string& reference);
+
+// A record whose every byte is `byte`: zero to compare records byte for byte,
+// a pattern to see that an operation left a record alone.
+template <typename Record>
+Record filledRecord(unsigned char byte) {
+    Record record;
+    std::memset(&record, byte, sizeof record);
+    return record;
+}
 
 // Removes a store file and its journals.
 void removeStore(const std::string& dbPath);
