@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvconf_internal.h"
 #include "internal/qvsqlite.h"
 
 using qvsql::bindText;

@@ -20,6 +20,8 @@
 #include <cstring>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvconf_internal.h"
+#include "internal/qvmessage_internal.h"
 
 namespace {
 

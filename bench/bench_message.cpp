@@ -21,6 +21,7 @@
 #include <string>
 
 #include "bench_support.h"
+#include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
 
 namespace {

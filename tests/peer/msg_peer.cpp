@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
 
 namespace {
