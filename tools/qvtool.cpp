@@ -121,6 +121,7 @@ private:
 
 std::string cellText(const Json& cell) {
     if (cell.is_string()) return cell.get<std::string>();
+    if (cell.is_number_float()) return formatDouble(cell.get<double>());
     return cell.is_null() ? "-" : jsonText(cell);
 }
 

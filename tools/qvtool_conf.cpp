@@ -15,6 +15,20 @@ namespace qvtool {
 
 namespace {
 
+struct Action {
+    const char* name;
+    int (*run)(const Args& args);
+};
+
+// Runs the action that the first argument names ("process add ...").
+int runAction(const char* command, const Args& args, const std::vector<Action>& actions) {
+    for (const Action& action : actions) {
+        if (args.positional[0] == action.name) return action.run(args);
+    }
+    return usageError("%s: unknown action %s (%s or %s)", command, args.positional[0].c_str(),
+                      actions[0].name, actions[1].name);
+}
+
 bool knownProcess(const std::string& name, int* number) {
     if (zq_getProcessNoByName(name.c_str(), number) == 0) return true;
     complain("no process named \"%s\" in the configuration store", name.c_str());
@@ -109,7 +123,6 @@ int changeConf(const std::vector<std::pair<const char*, Binder>>& statements) {
         sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
     }
     sqlite3_close(db);
-    waitingForStore(nullptr);
     return ok ? changed : -1;
 }
 
@@ -121,7 +134,8 @@ Binder bindNumbers(int first, int second, int third = 0) {
     };
 }
 
-int processAdd(const std::vector<std::string>& words) {
+int processAdd(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     int number = 0;
     if (words.size() < 3 || words.size() > 4 || !parseInt(words[2], &number))
         return usageError("process add: usage: qvtool process add NAME NUMBER [DESCRIPTION]");
@@ -154,7 +168,8 @@ int processAdd(const std::vector<std::string>& words) {
     return kOk;
 }
 
-int processRemove(const std::vector<std::string>& words) {
+int processRemove(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     if (words.size() != 2) return usageError("process remove: usage: qvtool process remove NAME");
     int number = 0;
     if (!openConfStore()) return kFailed;
@@ -172,10 +187,7 @@ int processRemove(const std::vector<std::string>& words) {
 }
 
 int runProcess(const Args& args) {
-    const std::vector<std::string>& words = args.positional;
-    if (words[0] == "add") return processAdd(words);
-    if (words[0] == "remove") return processRemove(words);
-    return usageError("process: unknown action %s (add or remove)", words[0].c_str());
+    return runAction("process", args, {{"add", processAdd}, {"remove", processRemove}});
 }
 
 // The two ends of a route, by process name.
@@ -202,7 +214,8 @@ int printRoutes(const std::vector<std::string>& words, int to) {
     return kOk;
 }
 
-int routeAdd(const std::vector<std::string>& words) {
+int routeAdd(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     if (words.size() < 4) return usageError("route add: usage: qvtool route add FROM TO KIND...");
     int from = 0, to = 0, mask = 0;
     if (!kindMask(kindsNamed(words), &mask)) return kUsage;
@@ -220,7 +233,8 @@ int routeAdd(const std::vector<std::string>& words) {
     return printRoutes(words, to);
 }
 
-int routeRemove(const std::vector<std::string>& words) {
+int routeRemove(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     if (words.size() < 3)
         return usageError("route remove: usage: qvtool route remove FROM TO [KIND...]");
     int from = 0, to = 0, mask = ~0;  // no kind named: all of them
@@ -238,10 +252,7 @@ int routeRemove(const std::vector<std::string>& words) {
 }
 
 int runRoute(const Args& args) {
-    const std::vector<std::string>& words = args.positional;
-    if (words[0] == "add") return routeAdd(words);
-    if (words[0] == "remove") return routeRemove(words);
-    return usageError("route: unknown action %s (add or remove)", words[0].c_str());
+    return runAction("route", args, {{"add", routeAdd}, {"remove", routeRemove}});
 }
 
 // ---- setting ----------------------------------------------------------------
@@ -296,10 +307,7 @@ int settingSet(const Args& args) {
 }
 
 int runSetting(const Args& args) {
-    const std::string& action = args.positional[0];
-    if (action == "get") return settingGet(args);
-    if (action == "set") return settingSet(args);
-    return usageError("setting: unknown action %s (get or set)", action.c_str());
+    return runAction("setting", args, {{"get", settingGet}, {"set", settingSet}});
 }
 
 }  // namespace

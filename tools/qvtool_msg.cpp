@@ -334,7 +334,7 @@ int reexecuteToWatch(const WatchOptions& options) {
 }
 
 int runWatch(const Args& args) {
-    if (args.options.size() > (args.has("--timeout") ? 1u : 0u)) {
+    if (!args.options.empty()) {
         WatchOptions options;
         return parseWatchOptions(args, &options) ? reexecuteToWatch(options) : kUsage;
     }
