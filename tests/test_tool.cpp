@@ -135,8 +135,8 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsAConfSampleOnceAndWhole) {
     ToolRun run = tool({"init", "--conf-sample", sample});
     ASSERT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "real-time store " + realDbPath() + ": created\nconfiguration store " +
-                           confDbPath() + ": created\nconfiguration store " + confDbPath() +
-                           ": " + sample + " run\n");
+                           confDbPath() + ": created\nconfiguration store " + confDbPath() + ": " +
+                           sample + " run\n");
     EXPECT_EQ(count("sqlite_master where name in ('DAValue','DA','DataSet','DataSetSub',"
                     "'LTUInfor','ltu_access_list','TopoInfor')"),
               "7");
@@ -182,47 +182,59 @@ TEST_F(Tool, LoadCountsTheStoreAndSetGetRoundTripValueAndQuality) {
 TEST_F(Tool, ListingsInJsonAreTheStoredRowsUnderTheRecordsFieldNames) {
     provision();
     // Texts that JSON must escape, and one that is not UTF-8.
-    execSql(realDbPath(),
-            "insert into LTUInfor values(7,'1.0','2','3','4','ltu \"7\"','addr\t1',2,1,'caf\xc3\xa9');"
-            "insert into ltu_access_list values('2026-01-01','dev\\1',3,'d','k','v');"
-            "insert into TopoInfor values(1,'sw','LN1','LN1','a','b',1,'QVFTU1','S1');");
-    const std::string ds = "json_object('fcdaName',fcdaName,'iedName',iedName,'dsName',dsName,"
-                           "'ldInst',ldInst,'lnClass',lnClass,'lnInst',lnInst,'doName',doName,"
-                           "'daName',daName,'fc',fc) from DataSetSub ";
-    const std::string da = "json_object('daName',daName,'iedName',iedName,'ldName',ldName,'lnName',"
-                           "lnName,'doName',doName,'fcName',fcName,'value',value,'valueType',"
-                           "valueType,'doDesc',doDesc) from DA ";
+    execSql(
+        realDbPath(),
+        "insert into LTUInfor values(7,'1.0','2','3','4','ltu \"7\"','addr\t1',2,1,'caf\xc3\xa9');"
+        "insert into ltu_access_list values('2026-01-01','dev\\1',3,'d','k','v');"
+        "insert into TopoInfor values(1,'sw','LN1','LN1','a','b',1,'QVFTU1','S1');");
+    const std::string ds =
+        "json_object('fcdaName',fcdaName,'iedName',iedName,'dsName',dsName,"
+        "'ldInst',ldInst,'lnClass',lnClass,'lnInst',lnInst,'doName',doName,"
+        "'daName',daName,'fc',fc) from DataSetSub ";
+    const std::string da =
+        "json_object('daName',daName,'iedName',iedName,'ldName',ldName,'lnName',"
+        "lnName,'doName',doName,'fcName',fcName,'value',value,'valueType',"
+        "valueType,'doDesc',doDesc) from DA ";
     const struct {
         Words args;
         std::string db, sql;
     } cases[] = {
-        {{"datasets"}, realDbPath(),
+        {{"datasets"},
+         realDbPath(),
          "select json_object('iedName',iedName,'name',dsName,'ldInst',ldInst,'desc',dsDesc) "
          "from DataSet"},
         // Either path notation, and the same option names as attrs.
-        {{"members", "--ds", "dsAin", "--do", "PhV$phsA"}, realDbPath(),
+        {{"members", "--ds", "dsAin", "--do", "PhV$phsA"},
+         realDbPath(),
          "select " + ds + "where dsName='dsAin' and doName='PhV.phsA'"},
         {{"members", "--ied", "QVFTU1", "--ld", "CTRL", "--ln", "XCBR1", "--da", "stVal", "--fc",
           "ST"},
          realDbPath(),
-         "select " + ds + "where ldInst='CTRL' and lnClass='XCBR' and lnInst='1' and daName='stVal'"},
-        {{"members", "--lnclass", "MMXU", "--da", "cVal$mag$f"}, realDbPath(),
+         "select " + ds +
+             "where ldInst='CTRL' and lnClass='XCBR' and lnInst='1' and daName='stVal'"},
+        {{"members", "--lnclass", "MMXU", "--da", "cVal$mag$f"},
+         realDbPath(),
          "select " + ds + "where lnClass='MMXU' and daName='cVal.mag.f'"},
         {{"attrs", "--ied", "QVFTU1", "--ld", "MEAS", "--ln", "MMXU1", "--do", "PhV.phsA", "--fc",
           "MX"},
-         realDbPath(), "select " + da + "where lnName='MMXU1' and doName='PhV$phsA' and fcName='MX'"},
-        {{"processes"}, confDbPath(),
+         realDbPath(),
+         "select " + da + "where lnName='MMXU1' and doName='PhV$phsA' and fcName='MX'"},
+        {{"processes"},
+         confDbPath(),
          "select json_object('no',no,'processName',processName,'processDescribe',processDescribe)"
          " from ProcessConfig"},
-        {{"terminals"}, realDbPath(),
+        {{"terminals"},
+         realDbPath(),
          "select json_object('id',id,'QVsoftware_version',QVsoftware_version,"
          "'QVhardware_version',QVhardware_version,'SGsoftware_version',SGsoftware_version,"
          "'SGhardware_version',SGhardware_version,'name',name,'addr',addr,'failedcount',"
          "failedcount,'state',state,'desc',desc) from LTUInfor"},
-        {{"access"}, realDbPath(),
+        {{"access"},
+         realDbPath(),
          "select json_object('date_time',date_time,'deviceid',deviceid,'accessmodel',accessmodel,"
          "'desc',desc,'key',key,'version',version) from ltu_access_list"},
-        {{"topology"}, realDbPath(),
+        {{"topology"},
+         realDbPath(),
          "select json_object('id',id,'type',type,'m_rln',m_rln,'name',name,'l_link',l_link,"
          "'r_link',r_link,'power_flag',power_flag,'iedName',iedName,'substation',substation) "
          "from TopoInfor"},
@@ -241,7 +253,9 @@ TEST_F(Tool, ListingsInJsonAreTheStoredRowsUnderTheRecordsFieldNames) {
     }
     // Bytes that are not UTF-8 are replaced, not refused.
     execSql(realDbPath(), "update LTUInfor set desc=cast(x'ff41' as text)");
-    EXPECT_EQ(parsed(tool({"terminals", "--json"}).out)[0]["desc"], "\xEF\xBF\xBD" "A");
+    EXPECT_EQ(parsed(tool({"terminals", "--json"}).out)[0]["desc"],
+              "\xEF\xBF\xBD"
+              "A");
 }
 
 TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
@@ -252,7 +266,9 @@ TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
         int code;
         std::string out, err;
     } cases[] = {
-        {{"members", "--ds", "dsNone"}, 0, "IED  DATA SET  LD  LNCLASS  LNINST  DO  DA  FC  REFERENCE\n",
+        {{"members", "--ds", "dsNone"},
+         0,
+         "IED  DATA SET  LD  LNCLASS  LNINST  DO  DA  FC  REFERENCE\n",
          ""},
         {{"attrs", "--fc", "", "--json"}, 0, "[]\n", ""},
         {{"terminals", "--json"}, 0, "[]\n", ""},
@@ -263,7 +279,9 @@ TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
         {{"setting", "get", "qvacq", "nokey", "--json"}, 1, "", "has no setting nokey"},
         {{"get", "QVFTU1MEAS/MMXU1$MX$NoSuch$mag$f"}, 1, "", "no such data attribute"},
         // An attribute of the model outside the classified data sets.
-        {{"get", q}, 1, "",
+        {{"get", q},
+         1,
+         "",
          "only members of the classified data sets (dsAin, dsDin, dsGgio, dsControl, dsEnergy) "
          "have live values"},
         {{"set", q, "1"}, 1, "", "only members of the classified data sets"},
@@ -289,11 +307,13 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     EXPECT_EQ(phsA[1], "        q [MX]");  // no value row
     EXPECT_THAT(shown, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3"));
     // One line per attribute, plus the IED, LD, LN and DO lines.
-    const long long attributes = queryInt(realDbPath(), "select count(*) from DA where ldName='MEAS'");
+    const long long attributes =
+        queryInt(realDbPath(), "select count(*) from DA where ldName='MEAS'");
     const long long objects = queryInt(
-        realDbPath(), "select count(*) from (select distinct lnName, doName from DA where ldName='MEAS')");
-    const long long nodes = queryInt(
-        realDbPath(), "select count(distinct lnName) from DA where ldName='MEAS'");
+        realDbPath(),
+        "select count(*) from (select distinct lnName, doName from DA where ldName='MEAS')");
+    const long long nodes =
+        queryInt(realDbPath(), "select count(distinct lnName) from DA where ldName='MEAS'");
     EXPECT_EQ(static_cast<long long>(shown.size()), 2 + nodes + objects + attributes);
 }
 
@@ -302,11 +322,14 @@ TEST_F(Tool, DumpJsonHoldsEveryMemberWithItsLiveValue) {
     ASSERT_EQ(tool({"set", kTotW, "231.5", "1"}).code, 0);
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "0"}).code, 0);
     Json expected = Json::array();
-    for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub where "
-                                                  "iedName='QVFTU1' and dsName='dsAin'")) {
+    for (const auto& member : query(realDbPath(),
+                                    "select fcdaName from DataSetSub where "
+                                    "iedName='QVFTU1' and dsName='dsAin'")) {
         const std::string& ref = member[0];
         expected.push_back({{"fcdaName", ref},
-                            {"value", ref == kTotW ? 231.5 : ref == kPhsA ? 13.25 : 0.0},
+                            {"value", ref == kTotW   ? 231.5
+                                      : ref == kPhsA ? 13.25
+                                                     : 0.0},
                             {"quality", ref == kTotW ? 1 : 0}});
     }
     ASSERT_GT(expected.size(), 2u);
@@ -320,16 +343,20 @@ TEST_F(Tool, DumpJsonHoldsEveryMemberWithItsLiveValue) {
 
 TEST_F(Tool, ProcessesRoutesAndSettingsOfTheSampleConfiguration) {
     provision();
-    EXPECT_THAT(lines(tool({"processes"}).out),
-                ElementsAre(StartsWith("NO"), StartsWith("1   qvacq"),
-                            StartsWith("2   qv104 -p 2404"), StartsWith("3   qvctrl"),
-                            StartsWith("4   qvtool watch")));
-    EXPECT_THAT(lines(tool({"routes", "qvacq"}).out),
-                ElementsAre("TO             NO  MASK  KINDS", "qv104 -p 2404  2   0x12  soe,general",
-                            "qvtool watch   4   0x2   soe"));
+    EXPECT_THAT(
+        lines(tool({"processes"}).out),
+        ElementsAre(StartsWith("NO"), StartsWith("1   qvacq"), StartsWith("2   qv104 -p 2404"),
+                    StartsWith("3   qvctrl"), StartsWith("4   qvtool watch")));
+    EXPECT_THAT(
+        lines(tool({"routes", "qvacq"}).out),
+        ElementsAre("TO             NO  MASK  KINDS", "qv104 -p 2404  2   0x12  soe,general",
+                    "qvtool watch   4   0x2   soe"));
     EXPECT_EQ(parsed(tool({"routes", "qvacq", "--json"}).out)[0],
-              Json({{"sendProcessNo", 1}, {"recvProcessNo", 2}, {"msgType", 18},
-                    {"recvProcessName", "qv104 -p 2404"}, {"mask", "0x12"},
+              Json({{"sendProcessNo", 1},
+                    {"recvProcessNo", 2},
+                    {"msgType", 18},
+                    {"recvProcessName", "qv104 -p 2404"},
+                    {"mask", "0x12"},
                     {"kinds", "soe,general"}}));
     // The sample knows "qvtool watch", not this build's tool.
     EXPECT_THAT(tool({"watch"}).err,
@@ -338,9 +365,9 @@ TEST_F(Tool, ProcessesRoutesAndSettingsOfTheSampleConfiguration) {
     EXPECT_EQ(tool({"setting", "get", "qv104 -p 2404", "port"}).out, "2404\n");
     EXPECT_EQ(tool({"setting", "set", "qv104 -p 2404", "port", "2405"}).out,
               "port=2405 (listening TCP port)\n");
-    EXPECT_EQ(parsed(tool({"setting", "set", "qv104 -p 2404", "t1", "20", "ack timeout", "--json"})
-                         .out),
-              Json({{"key", "t1"}, {"value", "20"}, {"describe", "ack timeout"}}));
+    EXPECT_EQ(
+        parsed(tool({"setting", "set", "qv104 -p 2404", "t1", "20", "ack timeout", "--json"}).out),
+        Json({{"key", "t1"}, {"value", "20"}, {"describe", "ack timeout"}}));
     EXPECT_EQ(query(confDbPath(), "select key,value,descripe from ProcessMisc where processNo=2"),
               (qvtest::Rows{{"port", "2405", "listening TCP port"}, {"t1", "20", "ack timeout"}}));
     // The library writes existing settings only.
@@ -351,8 +378,9 @@ TEST_F(Tool, ProcessesRoutesAndSettingsOfTheSampleConfiguration) {
 TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
     provision();
     const auto routes = [] {
-        return query(confDbPath(), "select sendProcessNo, recvProcessNo, msgType from "
-                                   "ProcessMsgAssociation where sendProcessNo=5 or recvProcessNo=5");
+        return query(confDbPath(),
+                     "select sendProcessNo, recvProcessNo, msgType from "
+                     "ProcessMsgAssociation where sendProcessNo=5 or recvProcessNo=5");
     };
     const struct {
         Words args;
@@ -360,29 +388,44 @@ TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
         std::string out;
         qvtest::Rows routesAfter;
     } steps[] = {
-        {{"process", "add", "qvtool", "5", "engineer's tool"}, 0,
-         "process \"qvtool\" added as number 5\n", {}},
+        {{"process", "add", "qvtool", "5", "engineer's tool"},
+         0,
+         "process \"qvtool\" added as number 5\n",
+         {}},
         {{"process", "add", "qvtool", "5"}, 0, "process \"qvtool\" is number 5 already\n", {}},
-        {{"process", "add", "qvtool", "6"}, 1, "", {}},       // its number is 5
-        {{"process", "add", "qvother", "5"}, 1, "", {}},      // 5 is taken
-        {{"route", "add", "qvtool", "qvtool watch", "soe", "sboctrl"}, 0,
-         "route \"qvtool\" -> \"qvtool watch\": soe,sboctrl (0x22)\n", {{"5", "4", "34"}}},
-        {{"route", "add", "qvtool", "qvtool watch", "soe", "general"}, 0,
-         "route \"qvtool\" -> \"qvtool watch\": soe,general,sboctrl (0x32)\n", {{"5", "4", "50"}}},
+        {{"process", "add", "qvtool", "6"}, 1, "", {}},   // its number is 5
+        {{"process", "add", "qvother", "5"}, 1, "", {}},  // 5 is taken
+        {{"route", "add", "qvtool", "qvtool watch", "soe", "sboctrl"},
+         0,
+         "route \"qvtool\" -> \"qvtool watch\": soe,sboctrl (0x22)\n",
+         {{"5", "4", "34"}}},
+        {{"route", "add", "qvtool", "qvtool watch", "soe", "general"},
+         0,
+         "route \"qvtool\" -> \"qvtool watch\": soe,general,sboctrl (0x32)\n",
+         {{"5", "4", "50"}}},
         {{"route", "add", "qvtool", "qvtool watch", "nokind"}, 2, "", {{"5", "4", "50"}}},
         {{"route", "add", "qvtool", "nobody", "soe"}, 1, "", {{"5", "4", "50"}}},
-        {{"route", "remove", "qvtool", "qvtool watch", "soe"}, 0,
-         "route \"qvtool\" -> \"qvtool watch\": general,sboctrl (0x30)\n", {{"5", "4", "48"}}},
-        {{"route", "add", "qvacq", "qvtool", "all"}, 0,
+        {{"route", "remove", "qvtool", "qvtool watch", "soe"},
+         0,
+         "route \"qvtool\" -> \"qvtool watch\": general,sboctrl (0x30)\n",
+         {{"5", "4", "48"}}},
+        {{"route", "add", "qvacq", "qvtool", "all"},
+         0,
          "route \"qvacq\" -> \"qvtool\": file,soe,protect,sbodosave,general,sboctrl,sboctrlret,"
          "digitalout,digitaloutret,fault,topo,register,updatefile (0x1FFF)\n",
          {{"5", "4", "48"}, {"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"}, 0,
-         "no route \"qvtool\" -> \"qvtool watch\"\n", {{"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"}, 0,
-         "no route \"qvtool\" -> \"qvtool watch\"\n", {{"1", "5", "8191"}}},
-        {{"process", "remove", "qvtool"}, 0,
-         "process \"qvtool\" (number 5) and its routes removed\n", {}},
+        {{"route", "remove", "qvtool", "qvtool watch"},
+         0,
+         "no route \"qvtool\" -> \"qvtool watch\"\n",
+         {{"1", "5", "8191"}}},
+        {{"route", "remove", "qvtool", "qvtool watch"},
+         0,
+         "no route \"qvtool\" -> \"qvtool watch\"\n",
+         {{"1", "5", "8191"}}},
+        {{"process", "remove", "qvtool"},
+         0,
+         "process \"qvtool\" (number 5) and its routes removed\n",
+         {}},
         {{"process", "remove", "qvtool"}, 0, "no process \"qvtool\"; nothing to remove\n", {}},
     };
     for (const auto& step : steps) {
@@ -403,16 +446,30 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
     EXPECT_NE(access(realDbPath().c_str(), F_OK), 0);
     EXPECT_EQ(tool({"processes"}).code, 1);
 
-    for (const Words& usage : std::vector<Words>{
-             {}, {"nosuch"}, {"help", "nosuch"}, {"get"}, {"get", "a", "b"},
-             {"get", "a", "--timeout", "0"}, {"get", "a", "--timeout", "x"},
-             {"set", kTotW, "12x"}, {"set", kTotW, "1", "q"}, {"members", "--bogus", "x"},
-             {"members", "--ds"}, {"members", "--ln", "XCBR1", "--lninst", "1"},
-             {"dump", "QVFTU1"}, {"setting", "list", "a", "b"}, {"process", "add", "a", "b"},
-             {"route", "add", "a", "b"}, {"send", "nokind"}, {"send", "soe", "value"},
-             {"send", "soe", "nofield=1"}, {"send", "soe", "value=x"},
-             {"send", "topo", "strDa=" + std::string(256, 'x')}, {"watch", "extra"},
-             {"watch", "--kind", "nokind"}, {"watch", "--count", "0"}}) {
+    for (const Words& usage : std::vector<Words>{{},
+                                                 {"nosuch"},
+                                                 {"help", "nosuch"},
+                                                 {"get"},
+                                                 {"get", "a", "b"},
+                                                 {"get", "a", "--timeout", "0"},
+                                                 {"get", "a", "--timeout", "x"},
+                                                 {"set", kTotW, "12x"},
+                                                 {"set", kTotW, "1", "q"},
+                                                 {"members", "--bogus", "x"},
+                                                 {"members", "--ds"},
+                                                 {"members", "--ln", "XCBR1", "--lninst", "1"},
+                                                 {"dump", "QVFTU1"},
+                                                 {"setting", "list", "a", "b"},
+                                                 {"process", "add", "a", "b"},
+                                                 {"route", "add", "a", "b"},
+                                                 {"send", "nokind"},
+                                                 {"send", "soe", "value"},
+                                                 {"send", "soe", "nofield=1"},
+                                                 {"send", "soe", "value=x"},
+                                                 {"send", "topo", "strDa=" + std::string(256, 'x')},
+                                                 {"watch", "extra"},
+                                                 {"watch", "--kind", "nokind"},
+                                                 {"watch", "--count", "0"}}) {
         run = tool(usage);
         EXPECT_EQ(run.code, 2) << testing::PrintToString(usage);
         EXPECT_EQ(run.out, "");
@@ -437,11 +494,15 @@ TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
         signal(SIGPIPE, SIG_IGN);
         dup2(ends[1], STDOUT_FILENO);
     };
-    for (const Words& args : std::vector<Words>{{"datasets"}, {"attrs", "--json"},
-                                                {"get", kTotW}, {"--help"}, {"help", "tree"},
-                                                {"--version"}, {"tree"}}) {
-        for (const auto& redirect : {std::function<void()>(toFullDisk),
-                                     std::function<void()>(toClosedPipe)}) {
+    for (const Words& args : std::vector<Words>{{"datasets"},
+                                                {"attrs", "--json"},
+                                                {"get", kTotW},
+                                                {"--help"},
+                                                {"help", "tree"},
+                                                {"--version"},
+                                                {"tree"}}) {
+        for (const auto& redirect :
+             {std::function<void()>(toFullDisk), std::function<void()>(toClosedPipe)}) {
             const ToolRun run = tool(args, redirect);
             EXPECT_EQ(run.code, 1) << testing::PrintToString(args);
             EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: "))
@@ -473,8 +534,9 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     ToolRun run = tool({"get", kTotW, "--timeout", "1.5"});
     EXPECT_EQ(run.code, 1);
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, "qvtool: waiting for the real-time store ...\n"
-                       "qvtool: gave up waiting for the real-time store after 1.5 s\n");
+    EXPECT_EQ(run.err,
+              "qvtool: waiting for the real-time store ...\n"
+              "qvtool: gave up waiting for the real-time store after 1.5 s\n");
     run = tool({"get", kTotW, "--timeout", "0.2"});
     EXPECT_EQ(run.err, "qvtool: gave up waiting for the real-time store after 0.2 s\n");
 
@@ -500,9 +562,10 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     removeQueue(11);
     // The options make the tool run itself again under the name "TOOL watch".
     const std::string watched = storeFile("watch.out");
-    const pid_t watcher =
-        startTool({"watch", "--kind", "soe,general,register", "--count", "3"}, watched, "/dev/null");
-    ToolRun run = tool({"send", "soe", "strDa=QVFTU1LD0/GGIO1$ST$Ind1$stVal", "value=1", "msec=-5"});
+    const pid_t watcher = startTool({"watch", "--kind", "soe,general,register", "--count", "3"},
+                                    watched, "/dev/null");
+    ToolRun run =
+        tool({"send", "soe", "strDa=QVFTU1LD0/GGIO1$ST$Ind1$stVal", "value=1", "msec=-5"});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "sent soe as process \"" + name + "\" along 1 route\n");
     EXPECT_EQ(tool({"send", "topo", "value=3"}).code, 0);  // not a watched kind
@@ -523,11 +586,14 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     EXPECT_THAT(
         lines(watch.out),
-        ElementsAre(MatchesRegex(stamp + "soe type=0 strDa=\"QVFTU1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" "
-                                         "value=1 minutes=0 msec=-5"),
-                    MatchesRegex(stamp + "general type=7 buf=\"say \\\\\"hi\\\\\"\\\\t\" dataLen=9"),
-                    MatchesRegex(stamp + "register devcieid=\"ltu-7\" key=\"k1\" result=16 desc=\"\" "
-                                         "version=\"" + version + "\"")));
+        ElementsAre(
+            MatchesRegex(stamp + "soe type=0 strDa=\"QVFTU1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" "
+                                 "value=1 minutes=0 msec=-5"),
+            MatchesRegex(stamp + "general type=7 buf=\"say \\\\\"hi\\\\\"\\\\t\" dataLen=9"),
+            MatchesRegex(stamp +
+                         "register devcieid=\"ltu-7\" key=\"k1\" result=16 desc=\"\" "
+                         "version=\"" +
+                         version + "\"")));
 
     // Unconfigured, the tool's process sends nothing.
     ASSERT_EQ(tool({"process", "remove", name}).code, 0);

@@ -348,10 +348,11 @@ const std::vector<Command>& confCommands() {
          "read or change one setting of a process",
          "  setting get PROCESS KEY\n"
          "  setting set PROCESS KEY VALUE [DESCRIPTION]\n\n"
-         "get prints the value alone (--json: {\"key\", \"value\", \"describe\"}). set replaces the value (and the description when\n"
+         "get prints the value alone. set replaces the value (and the description when\n"
          "given; else it is kept) of an existing setting; the library creates none, so a\n"
          "missing key is exit code 1. The library has no operation that lists a process's\n"
-         "settings: ask for each key by name.\n",
+         "settings: ask for each key by name. With --json both print the setting as\n"
+         "{\"key\", \"value\", \"describe\"}.\n",
          {}, {"--json"}, 1, 5, runSetting},
     };
     return commands;

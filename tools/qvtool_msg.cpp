@@ -273,7 +273,8 @@ Json messageJson(const MSGINFO& record, const Kind& kind) {
 
 // "TIME KIND FIELD=VALUE ...", texts quoted and escaped as in JSON.
 std::string messageLine(const Json& message) {
-    std::string line = message["time"].get<std::string>() + " " + message["kind"].get<std::string>();
+    std::string line =
+        message["time"].get<std::string>() + " " + message["kind"].get<std::string>();
     for (auto field = std::next(message.begin(), 3); field != message.end(); ++field)
         line += " " + field.key() + "=" + jsonText(field.value());
     return line;

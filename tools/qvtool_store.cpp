@@ -419,7 +419,8 @@ const std::vector<Command>& storeCommands() {
          "Only the members of the classified data sets (dsAin, dsDin, dsGgio, dsControl,\n"
          "dsEnergy) have live values; exit code 1 when REF has none.\n",
          {}, {"--json"}, 1, 1, runGet},
-        {"set", "set REF VALUE [QUALITY]", "write the live value (and quality) of a data attribute",
+        {"set", "set REF VALUE [QUALITY] [--json]",
+         "write the live value (and quality) of a data attribute",
          "Without QUALITY the stored quality is kept. QUALITY is an integer (0x.. for\n"
          "hexadecimal). Prints the value and quality read back. Exit code 1 when REF\n"
          "has no value row (nothing is written).\n",
