@@ -315,6 +315,18 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     const long long nodes =
         queryInt(realDbPath(), "select count(distinct lnName) from DA where ldName='MEAS'");
     EXPECT_EQ(static_cast<long long>(shown.size()), 2 + nodes + objects + attributes);
+    // In JSON: the attributes' records, each with its live value or null.
+    const Json tree = parsed(tool({"tree", "--ld", "MEAS", "--json"}).out);
+    ASSERT_EQ(static_cast<long long>(tree.size()), attributes);
+    long long live = 0;
+    for (const Json& da : tree) {
+        live += da["liveValue"].is_null() ? 0 : 1;
+        if (da["daName"] == kPhsA) {
+            EXPECT_EQ(da["liveValue"], 13.25);
+        }
+    }
+    EXPECT_EQ(live, queryInt(realDbPath(), "select count(*) from DA join DAValue using (hashID) "
+                                           "where ldName='MEAS'"));
 }
 
 TEST_F(Tool, DumpJsonHoldsEveryMemberWithItsLiveValue) {

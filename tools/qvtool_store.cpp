@@ -317,15 +317,42 @@ int runAttrs(const Args& args) {
 
 // ---- tree -------------------------------------------------------------------
 
-// The attribute's own path within its data object, in dots: the reference
-// less "IED" "LD" "/" "LN" "$" "FC" "$" "DO" "$".
-std::string attributePath(const DA& da) {
-    const std::string prefix = std::string(da.iedName) + da.ldName + "/" + da.lnName + "$" +
-                               da.fcName + "$" + da.doName + "$";
-    std::string path = da.daName;
-    if (path.compare(0, prefix.size(), prefix) == 0) path.erase(0, prefix.size());
+// A path of the model in dots (PhV$phsA -> PhV.phsA).
+std::string dotted(std::string path) {
     std::replace(path.begin(), path.end(), '$', '.');
     return path;
+}
+
+// The attribute's own path within its data object: the reference less
+// "IED" "LD" "/" "LN" "$" "FC" "$" "DO" "$".
+std::string attributePath(const Json& da) {
+    const std::string prefix = da["iedName"].get<std::string>() + da["ldName"].get<std::string>() +
+                               "/" + da["lnName"].get<std::string>() + "$" +
+                               da["fcName"].get<std::string>() + "$" +
+                               da["doName"].get<std::string>() + "$";
+    std::string path = da["daName"];
+    if (path.compare(0, prefix.size(), prefix) == 0) path.erase(0, prefix.size());
+    return dotted(path);
+}
+
+// One line per level that changes from the attribute before (IED, LD, LN,
+// DO), then the attribute's line.
+void printTree(const Json& attributes) {
+    std::vector<std::string> above;
+    for (const Json& da : attributes) {
+        const std::vector<std::string> levels = {da["iedName"], da["ldName"], da["lnName"],
+                                                 dotted(da["doName"])};
+        size_t same = 0;
+        while (same < above.size() && above[same] == levels[same]) ++same;
+        for (size_t level = same; level < levels.size(); ++level)
+            std::printf("%*s%s\n", static_cast<int>(2 * level), "", levels[level].c_str());
+        above = levels;
+        std::string line = std::string(8, ' ') + attributePath(da) + " [" +
+                           da["fcName"].get<std::string>() + "]";
+        if (!da["liveValue"].is_null())
+            line += " = " + formatDouble(da["liveValue"]) + " quality=" + da["quality"].dump();
+        std::puts(line.c_str());
+    }
 }
 
 int runTree(const Args& args) {
@@ -334,26 +361,19 @@ int runTree(const Args& args) {
         !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParams, args.value("--ied"),
                    args.value("--ld"), nullptr, nullptr, nullptr))
         return kFailed;
-    std::vector<std::string> lines;
-    std::vector<std::string> above;  // IED, LD, LN and DO of the line before
+    Json rows = Json::array();
     for (const DA& da : attributes) {
-        std::string dataObject = da.doName;
-        std::replace(dataObject.begin(), dataObject.end(), '$', '.');
-        const std::vector<std::string> levels = {da.iedName, da.ldName, da.lnName, dataObject};
-        size_t same = 0;
-        while (same < above.size() && above[same] == levels[same]) ++same;
-        for (size_t level = same; level < levels.size(); ++level)
-            lines.push_back(std::string(2 * level, ' ') + levels[level]);
-        above = levels;
-        std::string line = std::string(8, ' ') + attributePath(da) + " [" + da.fcName + "]";
         double value = 0;
         int quality = 0;
-        if (zq_getDoubDAValue1(da.daName, &value, &quality) == 0)
-            line += " = " + formatDouble(value) + " quality=" + std::to_string(quality);
-        lines.push_back(line);
+        const bool live = zq_getDoubDAValue1(da.daName, &value, &quality) == 0;
+        Json row = toJson(da);
+        row["liveValue"] = live ? Json(value) : Json();
+        row["quality"] = live ? Json(quality) : Json();
+        rows.push_back(row);
     }
+    if (args.has("--json")) return printRows(args, {}, rows);
     waitingForStore(nullptr);
-    for (const std::string& line : lines) std::puts(line.c_str());
+    printTree(rows);
     return kOk;
 }
 
@@ -447,11 +467,14 @@ const std::vector<Command>& storeCommands() {
          "JSON fields: daName, iedName, ldName, lnName, doName, fcName, value,\n"
          "valueType, doDesc.\n",
          {"--ied", "--ld", "--ln", "--do", "--fc"}, {"--json"}, 0, 0, runAttrs},
-        {"tree", "tree [--ied IED] [--ld LDINST]", "show the model as a tree with live values",
+        {"tree", "tree [--ied IED] [--ld LDINST] [--json]",
+         "show the model as a tree with live values",
          "One line per level: IED, logical device, logical node, data object, then each\n"
          "data attribute with its functional constraint in brackets and, where it has a\n"
-         "value row, \"= VALUE quality=Q\". Paths are written with dots.\n",
-         {"--ied", "--ld"}, {}, 0, 0, runTree},
+         "value row, \"= VALUE quality=Q\". Paths are written with dots. With --json the\n"
+         "attributes as attrs --json prints them, each with liveValue and quality (null\n"
+         "without a value row).\n",
+         {"--ied", "--ld"}, {"--json"}, 0, 0, runTree},
         {"dump", "dump IED DATASET [--json]", "show a data set's live values and qualities",
          "One row per member in member order; a member without a value row (a whole\n"
          "data object) shows \"-\", in JSON null. Exit code 1 when the data set does not\n"
