@@ -228,10 +228,12 @@ int parseArgs(const Command& command, int argc, char** argv, Args* args) {
                               word.c_str(), command.name);
         }
     }
-    double timeout = 0;
-    if (args->has("--timeout") && (!parseDouble(args->options["--timeout"], &timeout) ||
-                                   timeout <= 0))
-        return usageError("%s: --timeout needs a number of seconds above 0", command.name);
+    if (args->has("--timeout")) {
+        double timeout = 0;
+        if (!parseDouble(args->options["--timeout"], &timeout) || timeout <= 0)
+            return usageError("%s: --timeout needs a number of seconds above 0", command.name);
+        StoreWatch::instance().setTimeout(timeout);
+    }
     const int count = static_cast<int>(args->positional.size());
     if (count < command.minArgs || (command.maxArgs >= 0 && count > command.maxArgs)) {
         return usageError("%s: wrong number of arguments; usage: qvtool %s", command.name,
@@ -366,10 +368,11 @@ int runTool(int argc, char** argv) {
         printToolHelp(stdout);
         return kOk;
     }
-    const bool helpOfCommand = name == "help" && argc == 3;
+    const bool helpOfCommand = name == "help";
+    if (helpOfCommand && argc > 3) return usageError("help: usage: qvtool help [COMMAND]");
     const std::string commandName = helpOfCommand ? argv[2] : name;
     const Command* command = findCommand(commandName);
-    if (command == nullptr || (name == "help" && argc > 3)) {
+    if (command == nullptr) {
         return usageError("unknown command \"%s\" (see qvtool --help)", commandName.c_str());
     }
     Args args;
@@ -379,9 +382,6 @@ int runTool(int argc, char** argv) {
         return kOk;
     }
     if (parsed != kOk) return parsed;
-    double timeout = 0;
-    if (args.has("--timeout") && parseDouble(args.options["--timeout"], &timeout))
-        StoreWatch::instance().setTimeout(timeout);
     const int code = command->run(args);
     waitingForStore(nullptr);
     return code;
