@@ -37,7 +37,7 @@ test ! -e "$prefix/include/quorvane/internal"
 
 # The tool and its man page.
 LD_LIBRARY_PATH="$libdir" "$prefix/bin/qvtool" --version | grep -q '^qvtool (quorvane) [0-9]'
-if command -v help2man >/dev/null; then test -s "$prefix/share/man/man1/qvtool.1"; fi
+if command -v help2man >/dev/null; then grep -q "^\.SS watch" "$prefix/share/man/man1/qvtool.1"; fi
 
 # Only the C API is exported.
 extra=$(nm -D --defined-only "$libdir/libqv.so" | awk '{print $3}' | sed 's/@.*//' |
