@@ -285,6 +285,7 @@ TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
          "only members of the classified data sets (dsAin, dsDin, dsGgio, dsControl, dsEnergy) "
          "have live values"},
         {{"set", q, "1"}, 1, "", "only members of the classified data sets"},
+        {{"get", "QVFTU1LD0/LPHD1$ST$PhyHealth"}, 1, "", "it names a whole data object"},
     };
     for (const auto& c : cases) {
         const ToolRun run = tool(c.args);

@@ -172,17 +172,22 @@ int runLoad(const Args& args) {
 
 // ---- get, set ---------------------------------------------------------------
 
-// Why a reference has no value row: unknown, or an attribute that no
-// classified data set holds.
+// Why a reference has no value row: unknown, a whole data object, or an
+// attribute that no classified data set holds.
 void explainMissingValue(const std::string& ref) {
     DA attribute;
-    if (zq_getDAByName(ref.c_str(), &attribute) != 0) {
+    DataSetSub member;
+    if (zq_getDAByName(ref.c_str(), &attribute) == 0) {
+        complain("no value row for %s: only members of the classified data sets (dsAin, dsDin, "
+                 "dsGgio, dsControl, dsEnergy) have live values",
+                 ref.c_str());
+    } else if (zq_getDataSetSubByName(ref.c_str(), &member) == 0) {
+        complain("no value row for %s: it names a whole data object; its data attributes carry "
+                 "the values (see qvtool tree)",
+                 ref.c_str());
+    } else {
         complain("no value row for %s: no such data attribute in the model", ref.c_str());
-        return;
     }
-    complain("no value row for %s: only members of the classified data sets (dsAin, dsDin, "
-             "dsGgio, dsControl, dsEnergy) have live values",
-             ref.c_str());
 }
 
 bool readValue(const std::string& ref, double* value, int* quality) {
