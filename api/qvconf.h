@@ -9,11 +9,11 @@
  * Lists are count-then-fetch, and the count and the fetch are separate
  * queries: rows that another process adds in between would overrun an array
  * sized from the count. Each list therefore has a bounded form, named after
- * it with the suffix N, that takes the array's capacity just before the
- * count argument: it writes at most `capacity` records, sets *pCount to the
- * number written and returns 0 when every matching row fitted, 1 when more
- * rows matched (the array holds the first `capacity` rows, in the usual
- * order), -1 on failure. Prefer the bounded forms.
+ * it with the suffix N, that takes the array's capacity just before the count
+ * argument: it writes at most `capacity` records (none when it is 0 or less),
+ * sets *pCount to the number written and returns 0 when every matching row
+ * fitted, 1 when more rows matched (the array holds the first `capacity`
+ * rows, in the usual order), -1 on failure. Prefer the bounded forms.
  */
 #ifndef QVCONF_H
 #define QVCONF_H

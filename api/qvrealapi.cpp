@@ -403,8 +403,16 @@ Filters memberFilters(const char* iedName, const char* dsName, const char* ldIns
             {"daName", daName},         {"fc", fc}};
 }
 
+int listDataSets(DataSet* pSets, int capacity, int* pCount, const char* operation) {
+    if (!listCanStart(pSets, pCount, operation)) return -1;
+    return listRows("select iedName, dsName,ldInst,dsDesc from DataSet", noBinds, readDataSet,
+                    pSets, capacity, pCount);
+}
+
 // The matching members into at most `capacity` records: 0, 1 when cut, -1.
-int listMatchingMembers(const Filters& filters, DataSetSub* pSubs, int capacity, int* pCount) {
+int listMembersBy(const Filters& filters, DataSetSub* pSubs, int capacity, int* pCount,
+                  const char* operation) {
+    if (!listCanStart(pSubs, pCount, operation)) return -1;
     const std::string sql = filteredSql(
         "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ",
         filters);
@@ -414,19 +422,7 @@ int listMatchingMembers(const Filters& filters, DataSetSub* pSubs, int capacity,
 // The member table of the data-set value operations: members added since
 // their count are left out, which is no failure (0 or -1).
 int listMembers(const Filters& filters, DataSetSub* pSubs, int* pCount, int capacity) {
-    return std::min(listMatchingMembers(filters, pSubs, capacity, pCount), 0);
-}
-
-int listDataSets(DataSet* pSets, int capacity, int* pCount, const char* operation) {
-    if (!listCanStart(pSets, pCount, operation)) return -1;
-    return listRows("select iedName, dsName,ldInst,dsDesc from DataSet", noBinds, readDataSet,
-                    pSets, capacity, pCount);
-}
-
-int listMembersBy(const Filters& filters, DataSetSub* pSubs, int capacity, int* pCount,
-                  const char* operation) {
-    if (!listCanStart(pSubs, pCount, operation)) return -1;
-    return listMatchingMembers(filters, pSubs, capacity, pCount);
+    return std::min(listMembersBy(filters, pSubs, capacity, pCount, "initDaValueDataSetInfo"), 0);
 }
 
 }  // namespace

@@ -9,16 +9,17 @@
  * RSHash needs an open connection (zq_openRealDB) and runs under the
  * inter-process store lock. Results: 0 success, -1 failure.
  *
- * Lists are count-then-fetch: a ...Num operation counts the rows and the
- * list operation fills the caller's array, which the caller sized from that
- * count. The two are separate operations, and another process may add rows
- * in between; the list then writes past the array. Every list therefore has
- * a bounded form, named after it with the suffix N, that takes the array's
+ * Lists are count-then-fetch: a ...Num operation counts the rows and the list
+ * operation fills the caller's array, which the caller sized from that count.
+ * The two are separate operations, and another process may add rows in
+ * between; the list then writes past the array. Every list therefore has a
+ * bounded form, named after it with the suffix N, that takes the array's
  * capacity just before the count argument. It writes at most `capacity`
- * records, sets *pCount to the number written and returns 0 when every
- * matching row fitted, 1 when more rows matched (the array holds the first
- * `capacity` rows, in the usual order), -1 on failure. Prefer the bounded
- * forms; the others write one record per matching row, however many.
+ * records (none when it is 0 or less), sets *pCount to the number written and
+ * returns 0 when every matching row fitted, 1 when more rows matched (the
+ * array holds the first `capacity` rows, in the usual order), -1 on failure.
+ * Prefer the bounded forms; the others write one record per matching row,
+ * however many.
  */
 #ifndef QVREALAPI_H
 #define QVREALAPI_H

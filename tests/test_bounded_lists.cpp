@@ -220,6 +220,12 @@ TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
         EXPECT_EQ(c.list(whole, &delivered), 0);
         EXPECT_EQ(delivered, now);
 
+        // No room at all: a negative capacity writes nothing.
+        Arrays none = c.arrays(0);
+        EXPECT_EQ(c.listN(none, -1, &delivered), 1);
+        EXPECT_EQ(delivered, 0);
+        EXPECT_TRUE(none[0].guardIntact());
+
         // Room for every row: all of them, and result 0.
         Arrays roomy = c.arrays(now);
         EXPECT_EQ(c.listN(roomy, now, &delivered), 0);
