@@ -11,11 +11,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -84,42 +84,31 @@ struct QueueMessage {
     char text[8192];
 };
 
-// Puts a record of kFenceKind behind everything sent to the process, waiting
-// up to kTimeoutMs for room.
-bool sendFence(int processNo) {
-    QueueMessage fence{kFenceKind, {}};
-    const int queue = msgget(queueKey(processNo), IPC_CREAT | 0666);
-    for (int waited = 0; waited < kTimeoutMs; ++waited) {
-        if (msgsnd(queue, &fence, sizeof(MSGINFO), IPC_NOWAIT) == 0) return true;
-        if (errno != EAGAIN) return false;
-        usleep(1000);
+// Polls every millisecond until done() or kTimeoutMs.
+bool eventually(const std::function<bool()>& done) {
+    for (int waited = 0; waited < kTimeoutMs; ++waited, usleep(1000)) {
+        if (done()) return true;
     }
     return false;
+}
+
+// The state of a process's queue; false when it has none.
+bool queueState(int processNo, msqid_ds* state) {
+    const int id = msgget(queueKey(processNo), 0);
+    return id != -1 && msgctl(id, IPC_STAT, state) == 0;
 }
 
 // Waits until the process's queue exists and holds at least `bytes`.
 bool queueHolds(int processNo, msglen_t bytes) {
-    for (int waited = 0; waited < kTimeoutMs; ++waited) {
-        msqid_ds state;
-        const int id = msgget(queueKey(processNo), 0);
-        if (id != -1 && msgctl(id, IPC_STAT, &state) == 0 && state.msg_qbytes >= bytes)
-            return true;
-        usleep(1000);
-    }
-    return false;
-}
-
-bool setQueueBytes(int processNo, msglen_t bytes) {
     msqid_ds state;
-    const int id = msgget(queueKey(processNo), 0);
-    if (id == -1 || msgctl(id, IPC_STAT, &state) != 0) return false;
-    state.msg_qbytes = bytes;
-    return msgctl(id, IPC_SET, &state) == 0;
+    return eventually([&] { return queueState(processNo, &state) && state.msg_qbytes >= bytes; });
 }
 
-msglen_t systemQueueLimit() {
-    struct msginfo limits;
-    return msgctl(0, IPC_INFO, reinterpret_cast<msqid_ds*>(&limits)) < 0 ? 0 : limits.msgmnb;
+// Puts a record of kFenceKind behind everything sent to the process.
+bool sendFence(int processNo) {
+    QueueMessage fence{kFenceKind, {}};
+    const int queue = msgget(queueKey(processNo), IPC_CREAT | 0666);
+    return eventually([&] { return msgsnd(queue, &fence, sizeof(MSGINFO), IPC_NOWAIT) == 0; });
 }
 
 // Takes the next message off a process's queue without a subscriber.
@@ -282,7 +271,7 @@ protected:
         FILE* limit = std::fopen("/proc/sys/kernel/msgmnb", "w");
         if (limit == nullptr) return false;
         std::fprintf(limit, "%lu\n", static_cast<unsigned long>(bytes));
-        return std::fclose(limit) == 0 && systemQueueLimit() == bytes;
+        return std::fclose(limit) == 0;
     }
     static void configure(int no, const std::string& name) {
         qvtest::execSql(qvtest::confDbPath(), "insert into ProcessConfig(no,processName) values(" +
@@ -429,7 +418,10 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
     // created, made as small as the usual default.
     const MSGINFO early = patterned(GENERALMSG_TYPE, 0);
     ASSERT_EQ(sender.command('K', early), 0);
-    ASSERT_TRUE(setQueueBytes(6, 16384));
+    msqid_ds state;
+    ASSERT_TRUE(queueState(6, &state));
+    state.msg_qbytes = 16384;
+    ASSERT_EQ(msgctl(msgget(queueKey(6), 0), IPC_SET, &state), 0);
     Peer subscriber("sync", {"late"});
     MSGINFO received;
     ASSERT_TRUE(subscriber.nextRecord(&received));
@@ -481,10 +473,18 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
         std::thread([&] { whole[0] = readBurst(syncSubscriber, burst, &numbers[0]); }),
         std::thread([&] { whole[1] = readBurst(asyncSubscriber, burst, &numbers[1]); })};
     ASSERT_TRUE(sender.start('T', burst));
+    // What a removal may cost: the records in the queue, and one that the
+    // sender opened the queue for just before.
     const int removals = 3;
+    int bound[2] = {0, 0};
     for (int i = 0; i < removals; ++i) {
         usleep(250 * 1000);
-        for (int no : {2, 3}) EXPECT_EQ(msgctl(msgget(queueKey(no), 0), IPC_RMID, nullptr), 0);
+        for (int no : {2, 3}) {
+            msqid_ds state;
+            ASSERT_TRUE(queueState(no, &state));
+            EXPECT_EQ(msgctl(msgget(queueKey(no), 0), IPC_RMID, nullptr), 0);
+            bound[no - 2] += static_cast<int>(state.msg_qnum) + 1;
+        }
     }
     EXPECT_EQ(sender.result(), 0);
     for (int no : {2, 3}) EXPECT_TRUE(sendFence(no));
@@ -501,9 +501,9 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
         EXPECT_TRUE(std::is_sorted(numbers[i].begin(), numbers[i].end()) &&
                     std::adjacent_find(numbers[i].begin(), numbers[i].end()) == numbers[i].end());
         const int lostRecords = kBurst - static_cast<int>(numbers[i].size());
-        std::printf("%s subscriber: %d of %d records lost to %d queue removals\n",
-                    i == 0 ? "sync" : "async", lostRecords, kBurst, removals);
-        EXPECT_LE(lostRecords, removals);
+        std::printf("%s subscriber: %d of %d records lost to %d queue removals (at most %d)\n",
+                    i == 0 ? "sync" : "async", lostRecords, kBurst, removals, bound[i]);
+        EXPECT_LE(lostRecords, bound[i]);
         EXPECT_EQ(occurrences(errors[i], "msgrcv err\n: "), removals) << errors[i];
     }
 }
