@@ -20,6 +20,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <thread>
 
 #include "internal/qvbuildconfig.h"
@@ -61,6 +63,10 @@ static_assert(sizeof(ReceiveBuffer) == 8200, "the receive buffer is type field p
 
 ProcessMsgAssociation* s_pAssociations = nullptr;
 int s_count = 0;
+// Per route: its receiver's queue stayed full at the last send. The next
+// send then tries once without waiting, so a receiver that stopped reading
+// costs the sender one wait, not one per message.
+std::unique_ptr<std::atomic<bool>[]> s_routeStalled;
 
 // Shared by every receiving loop of the process and read afresh at each
 // receive; atomic because a loop re-opens the queue and a later
@@ -146,11 +152,11 @@ bool ownProcessNo(int* processNo) {
 // ---- Sending --------------------------------------------------------------------
 
 // Puts the record on the queue without waiting in the kernel. A full queue
-// gets short pauses, up to kFullQueuePatience in all, for its receiver to
-// make room. Returns 0, or -1 with errno set.
-int putOnQueue(int msgid, SendBuffer& buffer) {
+// gets short pauses, up to `patience` in all, for its receiver to make room.
+// Returns 0, or -1 with errno set.
+int putOnQueue(int msgid, SendBuffer& buffer, std::chrono::microseconds patience) {
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + kFullQueuePatience;
+    const Clock::time_point deadline = Clock::now() + patience;
     std::chrono::microseconds pause = kFirstFullQueuePause;
     for (;;) {
         if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == 0) return 0;
@@ -161,25 +167,39 @@ int putOnQueue(int msgid, SendBuffer& buffer) {
     }
 }
 
-// Sends the record to one receiver: 0, or -1 when its queue stayed full and
-// the record is lost for it. Other failures are reported and cost the
-// record without changing the result.
-int sendAlongRoute(const ProcessMsgAssociation& route, SendBuffer& buffer) {
-    const int msgid = msgget(queueKeyOf(route.recvProcessNo), kQueueFlags);
+void reportLostToFullQueue(int receiver, int kind, bool stalled) {
+    char reason[48];
+    if (stalled) {
+        std::snprintf(reason, sizeof reason, "is still full");
+    } else {
+        std::snprintf(reason, sizeof reason, "stayed full for %lld ms",
+                      static_cast<long long>(kFullQueuePatience.count()));
+    }
+    std::fprintf(stderr, "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
+                 receiver, reason, kind);
+}
+
+// Sends the record along route i: 0, or -1 when the receiver's queue stayed
+// full and the record is lost for it. Other failures are reported and cost
+// the record without changing the result.
+int sendAlongRoute(int i, SendBuffer& buffer) {
+    const int receiver = s_pAssociations[i].recvProcessNo;
+    const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
     if (msgid == -1) {
         std::perror("msgget failed\n");
         return 0;
     }
-    if (putOnQueue(msgid, buffer) == 0) return 0;
-    if (errno != EAGAIN) {
+    const bool stalled = s_routeStalled[i];
+    const auto patience = stalled ? std::chrono::microseconds(0) : kFullQueuePatience;
+    const int error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+    s_routeStalled[i] = error == EAGAIN;
+    if (error == 0) return 0;
+    if (error != EAGAIN) {
+        errno = error;
         std::perror("msgsnd failed\n");
         return 0;
     }
-    std::fprintf(stderr,
-                 "msgsnd failed: the queue of process %d stayed full for %lld ms; "
-                 "message of kind %d lost\n",
-                 route.recvProcessNo, static_cast<long long>(kFullQueuePatience.count()),
-                 buffer.record.msgType);
+    reportLostToFullQueue(receiver, buffer.record.msgType, stalled);
     return -1;
 }
 
@@ -196,8 +216,7 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
     const int kindBit = 1 << (kind - 1);
     int result = 0;
     for (int i = 0; i < s_count; ++i) {
-        const ProcessMsgAssociation& route = s_pAssociations[i];
-        if ((route.msgType & kindBit) && sendAlongRoute(route, buffer) != 0) result = -1;
+        if ((s_pAssociations[i].msgType & kindBit) && sendAlongRoute(i, buffer) != 0) result = -1;
     }
     return result;
 }
@@ -346,7 +365,8 @@ int zq_publisherMsg(void) {
     const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
     s_pAssociations =
         static_cast<ProcessMsgAssociation*>(std::malloc(entries * sizeof(ProcessMsgAssociation)));
-    if (s_pAssociations == nullptr) {
+    s_routeStalled.reset(new (std::nothrow) std::atomic<bool>[entries]());
+    if (s_pAssociations == nullptr || s_routeStalled == nullptr) {
         s_count = 0;
         std::perror("malloc err\n");
         return -1;
