@@ -260,7 +260,8 @@ QV_API int zq_subscriberMsg_async(funptr callback);
  * carries its kind. A full queue gets up to 50 ms to make room; when it
  * stays full the record is lost for that receiver, a line naming it goes
  * to standard error and the send returns -1 once every route was served.
- * Otherwise the result is 0. */
+ * Until a record gets through to that receiver again, its further records
+ * are tried once without waiting. Otherwise the result is 0. */
 QV_API int zq_sendMsg(const LPMSGINFO lpMsgInfo);
 QV_API int zq_sendFileMsg(const LPMSGFILE msgFile);
 QV_API int zq_sendSoeMsg(const LPSOEINFO soeInfo);
