@@ -149,17 +149,53 @@ bool ownProcessNo(int* processNo) {
     return zq_getProcessNoByName(processname, processNo) == 0;
 }
 
+// ---- Queue capacity -------------------------------------------------------------
+
+// The system's limit for a queue's capacity, which is as far as a process
+// without CAP_SYS_RESOURCE may raise it; 0 when unknown.
+msglen_t systemQueueLimit() {
+    struct msginfo limits;
+    if (msgctl(0, IPC_INFO, reinterpret_cast<msqid_ds*>(&limits)) < 0) return 0;
+    return static_cast<msglen_t>(limits.msgmnb);
+}
+
+bool setCapacity(int msgid, msqid_ds& state, msglen_t bytes) {
+    state.msg_qbytes = bytes;
+    return msgctl(msgid, IPC_SET, &state) == 0;
+}
+
+// Raises the queue's capacity to kQueueCapacity, or else as far as the
+// system allows. Returns the capacity it has, 0 when it cannot be read.
+msglen_t raiseCapacity(int msgid) {
+    msqid_ds state;
+    if (msgctl(msgid, IPC_STAT, &state) != 0) return 0;
+    const msglen_t current = state.msg_qbytes;
+    if (current >= kQueueCapacity || setCapacity(msgid, state, kQueueCapacity))
+        return std::max(current, kQueueCapacity);
+    const msglen_t limit = systemQueueLimit();
+    if (limit > current && setCapacity(msgid, state, std::min(limit, kQueueCapacity)))
+        return std::min(limit, kQueueCapacity);
+    return current;
+}
+
 // ---- Sending --------------------------------------------------------------------
 
 // Puts the record on the queue without waiting in the kernel. A full queue
-// gets short pauses, up to `patience` in all, for its receiver to make room.
-// Returns 0, or -1 with errno set.
+// is first raised to its burst capacity (it may have been created by a sender
+// before its subscriber came), then gets short pauses, up to `patience` in
+// all, for its receiver to make room. Returns 0, or -1 with errno set.
 int putOnQueue(int msgid, SendBuffer& buffer, std::chrono::microseconds patience) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point deadline = Clock::now() + patience;
     std::chrono::microseconds pause = kFirstFullQueuePause;
+    bool raised = false;
     for (;;) {
         if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == 0) return 0;
+        if (errno == EAGAIN && !raised) {
+            raised = true;
+            raiseCapacity(msgid);
+            continue;
+        }
         const Clock::time_point now = Clock::now();
         if (errno != EAGAIN || now >= deadline) return -1;
         std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
@@ -222,33 +258,6 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
 }
 
 // ---- Receiving ------------------------------------------------------------------
-
-// The system's limit for a queue's capacity, which is as far as a process
-// without CAP_SYS_RESOURCE may raise it; 0 when unknown.
-msglen_t systemQueueLimit() {
-    struct msginfo limits;
-    if (msgctl(0, IPC_INFO, reinterpret_cast<msqid_ds*>(&limits)) < 0) return 0;
-    return static_cast<msglen_t>(limits.msgmnb);
-}
-
-bool setCapacity(int msgid, msqid_ds& state, msglen_t bytes) {
-    state.msg_qbytes = bytes;
-    return msgctl(msgid, IPC_SET, &state) == 0;
-}
-
-// Raises the queue's capacity to kQueueCapacity, or else as far as the
-// system allows. Returns the capacity it has, 0 when it cannot be read.
-msglen_t raiseCapacity(int msgid) {
-    msqid_ds state;
-    if (msgctl(msgid, IPC_STAT, &state) != 0) return 0;
-    const msglen_t current = state.msg_qbytes;
-    if (current >= kQueueCapacity || setCapacity(msgid, state, kQueueCapacity))
-        return std::max(current, kQueueCapacity);
-    const msglen_t limit = systemQueueLimit();
-    if (limit > current && setCapacity(msgid, state, std::min(limit, kQueueCapacity)))
-        return std::min(limit, kQueueCapacity);
-    return current;
-}
 
 // Said once per process: later re-openings meet the same limit.
 void reportSmallCapacity(msglen_t capacity) {

@@ -104,6 +104,14 @@ bool queueHolds(int processNo, msglen_t bytes) {
     return eventually([&] { return queueState(processNo, &state) && state.msg_qbytes >= bytes; });
 }
 
+// Sets the process's queue to the usual default capacity of 16384 bytes.
+bool shrinkQueue(int processNo) {
+    msqid_ds state;
+    if (!queueState(processNo, &state)) return false;
+    state.msg_qbytes = 16384;
+    return msgctl(msgget(queueKey(processNo), 0), IPC_SET, &state) == 0;
+}
+
 // Puts a record of kFenceKind behind everything sent to the process.
 bool sendFence(int processNo) {
     QueueMessage fence{kFenceKind, {}};
@@ -419,16 +427,16 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
     // created, made as small as the usual default.
     const MSGINFO early = patterned(GENERALMSG_TYPE, 0);
     ASSERT_EQ(sender.command('K', early), 0);
-    msqid_ds state;
-    ASSERT_TRUE(queueState(6, &state));
-    state.msg_qbytes = 16384;
-    ASSERT_EQ(msgctl(msgget(queueKey(6), 0), IPC_SET, &state), 0);
+    ASSERT_TRUE(shrinkQueue(6));
     Peer subscriber("sync", {"late"});
     MSGINFO received;
     ASSERT_TRUE(subscriber.nextRecord(&received));
     EXPECT_TRUE(arrivedAsSent(received, early));
     ASSERT_TRUE(queueHolds(6, kBurstBytes));  // the subscriber raised it
     ASSERT_TRUE(subscriber.pause());
+    // Small again, as when a sender created it before any subscriber: the
+    // sender raises it when it finds it full.
+    ASSERT_TRUE(shrinkQueue(6));
 
     const int lost = 200;
     const MSGINFO burst = burstOf(kBurst + lost);
