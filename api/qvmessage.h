@@ -257,11 +257,12 @@ QV_API int zq_subscriberMsg_sync(funptr callback);
 QV_API int zq_subscriberMsg_async(funptr callback);
 
 /* Each send puts the record on the queue of every receiver whose route
- * carries its kind. A full queue gets up to 50 ms to make room; when it
- * stays full the record is lost for that receiver, a line naming it goes
- * to standard error and the send returns -1 once every route was served.
- * Until a record gets through to that receiver again, its further records
- * are tried once without waiting. Otherwise the result is 0. */
+ * carries its kind. A full queue is raised to 1000 records where the system
+ * allows it, then gets up to 50 ms to make room; when it stays full the
+ * record is lost for that receiver, a line naming it goes to standard error
+ * and the send returns -1 once every route was served. Until a record gets
+ * through to that receiver again, its further records are tried once
+ * without waiting. Otherwise the result is 0. */
 QV_API int zq_sendMsg(const LPMSGINFO lpMsgInfo);
 QV_API int zq_sendFileMsg(const LPMSGFILE msgFile);
 QV_API int zq_sendSoeMsg(const LPSOEINFO soeInfo);
