@@ -290,6 +290,14 @@ protected:
                                                   std::to_string(from) + "," + std::to_string(to) +
                                                   "," + std::to_string(mask) + ")");
     }
+    // Process 1 sends general messages to processes 2 and 3 ("qv_msg_peer 2", "qv_msg_peer 3").
+    static void publisherToProcesses2And3() {
+        configure(1, "qv_msg_peer publisher");
+        for (int no : {2, 3}) {
+            configure(no, "qv_msg_peer " + std::to_string(no));
+            route(1, no, 0x10);
+        }
+    }
 
 private:
     int savedIpc_ = -1;
@@ -388,11 +396,7 @@ TEST_F(MessageBus, UnconfiguredSubscriberFailsWithoutCreatingAQueue) {
 }
 
 TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
-    configure(1, "qv_msg_peer publisher");
-    for (int no : {2, 3}) {
-        configure(no, "qv_msg_peer " + std::to_string(no));
-        route(1, no, 0x10);
-    }
+    publisherToProcesses2And3();
     USE_QUEUE_LIMIT(kBurstBytes);
     Peer syncSubscriber("sync", {"2"}), asyncSubscriber("async", {"3"});
     Peer sender("pub", {"publisher"});
@@ -470,11 +474,7 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
 // 16384 bytes (13 records), and the async subscriber runs without
 // CAP_SYS_RESOURCE: it says once what capacity it got and goes on.
 TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt) {
-    configure(1, "qv_msg_peer publisher");
-    for (int no : {2, 3}) {
-        configure(no, "qv_msg_peer " + std::to_string(no));
-        route(1, no, 0x10);
-    }
+    publisherToProcesses2And3();
     const msglen_t limit = 16384;
     USE_QUEUE_LIMIT(limit);
     Peer syncSubscriber("sync", {"2"}), asyncSubscriber("async", {"3"}, true);
