@@ -152,17 +152,6 @@ long peakGrowthOfOneLoad(std::string path) {
     return statusKiB("VmHWM:") - before;
 }
 
-double tableCapacityMiB() {
-    using namespace qvaddied;
-    const std::size_t bytes =
-        kDaValueCapacity * sizeof(DaValue) + kEnumTypeCapacity * sizeof(EnumType) +
-        kDataSetCapacity * sizeof(DataSet) + kDataSetSubCapacity * sizeof(DataSetSub) +
-        kLdCapacity * sizeof(LD) + kLnTypeCapacity * sizeof(LNodeType) +
-        kDoTypeCapacity * sizeof(DOType) + kDaTypeCapacity * sizeof(DAType) +
-        kDaTableCapacity * sizeof(DATable);
-    return static_cast<double>(bytes) / (1024.0 * 1024.0);
-}
-
 void BM_LoadLargeModel(benchmark::State& state) {
     mkdir(QV_TEST_STORE_DIR, 0755);
     writeLargeModel();
@@ -178,9 +167,6 @@ void BM_LoadLargeModel(benchmark::State& state) {
     }
     state.counters["DA_rows"] = static_cast<double>(countRows("DA"));
     state.counters["DAValue_rows"] = static_cast<double>(countRows("DAValue"));
-    // The tables are allocated at full capacity and zero-filled; in a process
-    // that has loaded before, calloc clears the recycled blocks in full.
-    state.counters["table_capacity_MiB"] = tableCapacityMiB();
     state.counters["peak_rss_growth_KiB"] = static_cast<double>(peakGrowthOfOneLoad(path));
     unlink(path.c_str());
 }
