@@ -587,19 +587,22 @@ bool typesAreAcyclic() {
 }
 
 // One basic attribute of a logical node type: every logical node of that
-// type has one row per leaf, in leaf order.
+// type has one row per leaf, in leaf order. It names its parts by index in
+// the type tables, which only grow, so that a leaf stays small.
 struct Leaf {
-    char doPath[sizeof(DO::name)];
-    char attributePath[kPathSize];
-    char fc[sizeof(DA::fc)];
-    char bType[sizeof(DA::bType)];
-    char type[sizeof(DA::type)];
+    int doIndex;      // its data object (path) in the logical node type
+    int doTypeIndex;  // the data object's type and the attribute in it (its fc)
+    int daIndex;
+    int daTypeIndex;  // the structure member that gives bType and type; -1: the attribute
+    int bdaIndex;
+    std::string attributePath;
 };
 
 // Leaves of each logical node type, built the first time a node of that
 // type is met (the type tables gain the nested entries then).
 std::vector<std::vector<Leaf>> s_leaves;
 std::vector<bool> s_leavesBuilt;
+long s_leafCount = 0;
 
 // Entries appended to the type tables for nested objects and structures.
 long s_appendedEntries = 0;
@@ -619,21 +622,14 @@ std::string entryKey(std::initializer_list<const char*> parts) {
 }
 
 bool countAppended() {
-    return !tooLarge(++s_appendedEntries, kMaxAttributes,
+    return !tooLarge(++s_appendedEntries, kMaxNestedEntries,
                      "nested data objects and structures in the types");
 }
 
-int addLeaf(std::vector<Leaf>& leaves, const char* doPath, const char* attributePath,
-            const char* fc, const char* bType, const char* type) {
-    if (tooLarge(static_cast<long>(leaves.size()) + 1, kMaxAttributes,
-                 "data attributes in one logical node type"))
-        return -1;
-    Leaf& leaf = appendRecord(leaves);
-    copyText(leaf.doPath, doPath);
-    copyText(leaf.attributePath, attributePath);
-    copyText(leaf.fc, fc);
-    copyText(leaf.bType, bType);
-    copyText(leaf.type, type);
+int addLeaf(std::vector<Leaf>& leaves, Leaf leaf, const char* attributePath) {
+    if (tooLarge(++s_leafCount, kMaxAttributes, "data attributes in the types in use")) return -1;
+    leaf.attributePath = attributePath;
+    leaves.push_back(std::move(leaf));
     return 0;
 }
 
@@ -653,42 +649,48 @@ int appendSubDataObjects(int lnTypeIndex, const char* doPath, int doTypeIndex) {
     return 0;
 }
 
-// The members of a "Struct" attribute: basic members become leaves at once,
-// structured ones are appended to the DO type and expanded in their turn.
-int expandStructure(std::vector<Leaf>& leaves, const char* doPath, int doTypeIndex,
-                    const char* attributePath, const DA& da) {
+// The members of a "Struct" attribute (the DA `at` names): basic members
+// become leaves at once, structured ones are appended to the DO type and
+// expanded in their turn.
+int expandStructure(std::vector<Leaf>& leaves, const Leaf& at, const char* attributePath,
+                    const DA& da) {
     const int structIndex = findType(s_daTypeIndex, da.type);
     if (structIndex < 0) return 0;
-    for (const BDA& bda : daTypeVector[structIndex].bdaVector) {
+    const std::vector<BDA>& members = daTypeVector[structIndex].bdaVector;
+    for (std::size_t k = 0; k < members.size(); ++k) {
+        const BDA& bda = members[k];
         char path[kPathSize];
         if (!formatName(path, sizeof path, "attribute path", "%s$%s", attributePath, bda.name))
             return -1;
         if (!isStruct(bda.bType)) {
-            if (addLeaf(leaves, doPath, path, da.fc, bda.bType, bda.type) != 0) return -1;
+            Leaf member = at;
+            member.daTypeIndex = structIndex;
+            member.bdaIndex = static_cast<int>(k);
+            if (addLeaf(leaves, member, path) != 0) return -1;
             continue;
         }
-        if (hasDa(doTypeIndex, path, bda.type, da.fc)) continue;
+        if (hasDa(at.doTypeIndex, path, bda.type, da.fc)) continue;
         if (!countAppended()) return -1;
         DA added{};
         copyText(added.name, path);
         copyText(added.bType, bda.bType);
         copyText(added.type, bda.type);
         copyText(added.fc, da.fc);
-        doTypeVector[doTypeIndex].daVector.push_back(added);
+        doTypeVector[at.doTypeIndex].daVector.push_back(added);
     }
     return 0;
 }
 
 // The attributes of one data object, including the nested structures that
 // expandStructure appends while the loop runs.
-int expandDataObject(std::vector<Leaf>& leaves, const char* doPath, int doTypeIndex) {
+int expandDataObject(std::vector<Leaf>& leaves, int doIndex, int doTypeIndex) {
     for (std::size_t k = 0; k < doTypeVector[doTypeIndex].daVector.size(); ++k) {
         const DA da = doTypeVector[doTypeIndex].daVector[k];  // the list grows below
         char path[kPathSize];
         if (!formatName(path, sizeof path, "attribute path", "%s", da.name)) return -1;
-        const int result = isStruct(da.bType)
-                               ? expandStructure(leaves, doPath, doTypeIndex, path, da)
-                               : addLeaf(leaves, doPath, path, da.fc, da.bType, da.type);
+        const Leaf at{doIndex, doTypeIndex, static_cast<int>(k), -1, -1, {}};
+        const int result = isStruct(da.bType) ? expandStructure(leaves, at, path, da)
+                                              : addLeaf(leaves, at, path);
         if (result != 0) return -1;
     }
     return 0;
@@ -700,7 +702,7 @@ int expandLogicalNodeType(int lnTypeIndex, std::vector<Leaf>& leaves) {
         const int doTypeIndex = findType(s_doTypeIndex, dataObject.type);
         if (doTypeIndex < 0) continue;
         if (appendSubDataObjects(lnTypeIndex, dataObject.name, doTypeIndex) != 0 ||
-            expandDataObject(leaves, dataObject.name, doTypeIndex) != 0)
+            expandDataObject(leaves, static_cast<int>(i), doTypeIndex) != 0)
             return -1;
     }
     return 0;
@@ -747,21 +749,30 @@ void applyInstanceValue(DATable& record) {
     copyText(record.doDesc, value.doDesc.c_str());
 }
 
-// Fills the row of one leaf of a logical node.
-bool fillRow(DATable& record, const LD& ld, const LN& ln, const Leaf& leaf) {
+// Fills the row of one leaf of a logical node of type lnTypeIndex.
+bool fillRow(DATable& record, const LD& ld, const LN& ln, int lnTypeIndex, const Leaf& leaf) {
+    const char* doPath = lnTypeVector[lnTypeIndex].doVector[leaf.doIndex].name;
+    const DA& da = doTypeVector[leaf.doTypeIndex].daVector[leaf.daIndex];
+    const char* bType = da.bType;
+    const char* type = da.type;
+    if (leaf.daTypeIndex >= 0) {
+        const BDA& member = daTypeVector[leaf.daTypeIndex].bdaVector[leaf.bdaIndex];
+        bType = member.bType;
+        type = member.type;
+    }
+    const char* attributePath = leaf.attributePath.c_str();
     if (!formatName(record.daName, sizeof record.daName, "attribute reference",
-                    "%s/%s$%s$%s$%s", ld.name, ln.name, leaf.fc, leaf.doPath,
-                    leaf.attributePath) ||
+                    "%s/%s$%s$%s$%s", ld.name, ln.name, da.fc, doPath, attributePath) ||
         !formatName(record.daName_nofc, sizeof record.daName_nofc, "attribute reference",
-                    "%s/%s$%s$%s", ld.name, ln.name, leaf.doPath, leaf.attributePath))
+                    "%s/%s$%s$%s", ld.name, ln.name, doPath, attributePath))
         return false;
     record.ied = ld.ied;
     copyText(record.ldName, ld.name);
     copyText(record.lnName, ln.name);
-    copyText(record.doName, leaf.doPath);
-    copyText(record.fcName, leaf.fc);
-    copyText(record.valueType, leaf.bType);
-    copyText(record.type, leaf.type);
+    copyText(record.doName, doPath);
+    copyText(record.fcName, da.fc);
+    copyText(record.valueType, bType);
+    copyText(record.type, type);
     record.value[0] = record.doDesc[0] = '\0';
     applyInstanceValue(record);
     return true;
@@ -1037,7 +1048,7 @@ int freeData() {
     release(s_doKeys);
     release(s_daKeys);
     release(s_valueIndex);
-    s_appendedEntries = 0;
+    s_appendedEntries = s_leafCount = 0;
     return 0;
 }
 
@@ -1144,7 +1155,7 @@ int forEachAttribute(int (*row)(const DATable& record, void* context), void* con
             const std::vector<Leaf>* leaves = leavesOf(lnTypeIndex);
             if (leaves == nullptr) return -1;
             for (const Leaf& leaf : *leaves) {
-                if (!fillRow(record, ld, ln, leaf)) return -1;
+                if (!fillRow(record, ld, ln, lnTypeIndex, leaf)) return -1;
                 const int result = row(record, context);
                 if (result != 0) return result;
             }

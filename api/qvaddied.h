@@ -9,7 +9,8 @@
  *
  * zq_addIEDRealDB results: 0 loaded; -2 the file could not be read as a
  * model (not found, not XML, not SCL, a required attribute missing, a cyclic
- * type, a name too long, or more than two million attributes); -1 the store
+ * type, a name too long, more than a million attributes or 100 000
+ * nested entries in the types); -1 the store
  * could not be opened or written. On -1 and -2 the store is left exactly as
  * it was.
  */

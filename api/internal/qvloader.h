@@ -137,9 +137,10 @@ struct DAConfType {
     int ied;
 };
 
-// More attributes than this refuse the model: beyond it a file of nested
-// types could keep the load going for minutes.
-constexpr long kMaxAttributes = 2000000;
+// Limits that refuse a model: beyond them a small file of nested types
+// could keep a load going for minutes and take gigabytes.
+constexpr long kMaxAttributes = 1000000;
+constexpr long kMaxNestedEntries = 100000;  // sub-data objects and structures, as expanded
 
 extern std::vector<IED> giedVector;
 extern std::vector<DaValue> gDaValueVector;
