@@ -194,6 +194,9 @@ int forEachChild(xmlNodePtr parent, const char* name, Visit visit) {
     return 0;
 }
 
+// The file being parsed, for messages about text that came from an entity.
+const char* s_parsedFile = "";
+
 // libxml2's errors and warnings, one line each, naming file and line.
 void reportXmlError(void*, xmlErrorPtr error) {
     if (error == nullptr || error->message == nullptr) return;
@@ -202,7 +205,7 @@ void reportXmlError(void*, xmlErrorPtr error) {
         message.pop_back();
     std::fprintf(stderr, "SCL %s: %s:%d: %s\n",
                  error->level == XML_ERR_WARNING ? "warning" : "parse error",
-                 error->file != nullptr ? error->file : "-", error->line, message.c_str());
+                 error->file != nullptr ? error->file : s_parsedFile, error->line, message.c_str());
 }
 
 // False, after a line naming the file and the system's reason, when the
@@ -227,12 +230,14 @@ xmlDocPtr parseFile(const char* file) {
     xmlParserCtxtPtr context = xmlNewParserCtxt();
     if (context == nullptr) return nullptr;
     context->sax->serror = reportXmlError;
+    s_parsedFile = file;
     // Errors raised outside the parser context (encoding conversion) too.
     xmlStructuredErrorFunc savedHandler = xmlStructuredError;
     void* savedContext = xmlStructuredErrorContext;
     xmlSetStructuredErrorFunc(nullptr, reportXmlError);
     xmlDocPtr doc = xmlCtxtReadFile(context, file, nullptr, XML_PARSE_NOBLANKS | XML_PARSE_NONET);
     xmlSetStructuredErrorFunc(savedContext, savedHandler);
+    s_parsedFile = "";
     xmlFreeParserCtxt(context);
     return doc;
 }
@@ -1164,7 +1169,8 @@ int forEachAttribute(int (*row)(const DATable& record, void* context), void* con
     return 0;
 }
 
-// Keeps `keys` up to date with the first `count` entries of a list.
+// Whether a list has an entry with `key`; first brings the list's key set
+// up to date with the entries appended since the last call.
 template <typename Entry, typename KeyOf>
 bool hasKey(KeySet& set, const std::vector<Entry>& entries, const std::string& key,
             const KeyOf& keyOf) {

@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes, as an SCL file, through the model reader, the type
-// expansion, the instance values and the classification. The store is not
-// touched.
+// expansion, the instance values, the classification and every attribute
+// row, as `qvtool load --check` does. The store is not touched.
 #include <libxml/xmlerror.h>
 #include <unistd.h>
 
