@@ -93,8 +93,7 @@ Record& appendRecord(std::vector<Record>& table) {
 // name that does not fit fails the load instead of being cut, since a cut
 // reference would name another attribute.
 __attribute__((format(printf, 4, 5))) bool formatName(char* field, std::size_t size,
-                                                      const char* what, const char* format,
-                                                      ...) {
+                                                      const char* what, const char* format, ...) {
     va_list args;
     va_start(args, format);
     const int length = std::vsnprintf(field, size, format, args);
@@ -146,7 +145,9 @@ std::string nodeListText(xmlDocPtr doc, xmlNodePtr list) {
 }
 
 // All text children of an element, entity references replaced.
-std::string elementText(xmlNodePtr element) { return nodeListText(element->doc, element->children); }
+std::string elementText(xmlNodePtr element) {
+    return nodeListText(element->doc, element->children);
+}
 
 // One attribute of an element, read without libxml2's unbounded expansion.
 class Attribute {
@@ -251,8 +252,7 @@ struct Place {
     const char* ln;
 };
 
-int readInstanceChildren(xmlNodePtr parent, const Place& at, const char* path,
-                         const char* doDesc);
+int readInstanceChildren(xmlNodePtr parent, const Place& at, const char* path, const char* doDesc);
 
 // A "DAI": one instance value per "Val" child.
 int readDai(xmlNodePtr dai, const Place& at, const char* path, const char* doDesc) {
@@ -274,8 +274,7 @@ int SDI_parse(xmlNodePtr curNode, const Place& at, const char* doStartName, cons
 }
 
 // The "SDI" and "DAI" children of a "DOI" or "SDI" whose path is `path`.
-int readInstanceChildren(xmlNodePtr parent, const Place& at, const char* path,
-                         const char* doDesc) {
+int readInstanceChildren(xmlNodePtr parent, const Place& at, const char* path, const char* doDesc) {
     for (xmlNodePtr child = parent->children; child != nullptr; child = child->next) {
         int result = 0;
         if (isElement(child, "SDI")) {
@@ -354,8 +353,7 @@ int readLnInfo(xmlNodePtr cur, const Place& at) {
 int readLogicalNode(xmlNodePtr node, std::size_t ldIndex) {
     Attribute inst(node, "inst"), lnClass(node, "lnClass"), lnType(node, "lnType");
     // LN0 has no instance number; every other logical node has one.
-    if ((!isElement(node, "LN0") && !inst.required()) || !lnClass.required() ||
-        !lnType.required())
+    if ((!isElement(node, "LN0") && !inst.required()) || !lnClass.required() || !lnType.required())
         return -1;
     LN ln{};
     if (!formatName(ln.name, sizeof ln.name, "LN name", "%s%s", lnClass.text(), inst.text()))
@@ -694,8 +692,8 @@ int expandDataObject(std::vector<Leaf>& leaves, int doIndex, int doTypeIndex) {
         char path[kPathSize];
         if (!formatName(path, sizeof path, "attribute path", "%s", da.name)) return -1;
         const Leaf at{doIndex, doTypeIndex, static_cast<int>(k), -1, -1, {}};
-        const int result = isStruct(da.bType) ? expandStructure(leaves, at, path, da)
-                                              : addLeaf(leaves, at, path);
+        const int result =
+            isStruct(da.bType) ? expandStructure(leaves, at, path, da) : addLeaf(leaves, at, path);
         if (result != 0) return -1;
     }
     return 0;
@@ -766,8 +764,8 @@ bool fillRow(DATable& record, const LD& ld, const LN& ln, int lnTypeIndex, const
         type = member.type;
     }
     const char* attributePath = leaf.attributePath.c_str();
-    if (!formatName(record.daName, sizeof record.daName, "attribute reference",
-                    "%s/%s$%s$%s$%s", ld.name, ln.name, da.fc, doPath, attributePath) ||
+    if (!formatName(record.daName, sizeof record.daName, "attribute reference", "%s/%s$%s$%s$%s",
+                    ld.name, ln.name, da.fc, doPath, attributePath) ||
         !formatName(record.daName_nofc, sizeof record.daName_nofc, "attribute reference",
                     "%s/%s$%s$%s", ld.name, ln.name, doPath, attributePath))
         return false;
@@ -790,7 +788,7 @@ DA_CONF_TYPE classify(const DataSetSub& member) {
     if (std::strcmp(ds, "dsAin") == 0) return MO_NI_LIANG;
     if (std::strcmp(ds, "dsDin") == 0) {
         return std::strcmp(member.doName, "Pos") == 0 ? SHUANG_DIAN_SHU_ZI_LIANG
-                                                     : DIAN_DIAN_SHU_ZI_LIANG;
+                                                      : DIAN_DIAN_SHU_ZI_LIANG;
     }
     if (std::strcmp(ds, "dsGgio") == 0) return DIAN_DIAN_SHU_ZI_LIANG;
     if (std::strcmp(ds, "dsControl") == 0) return SBO_YAO_KONG_LIANG;
@@ -819,9 +817,7 @@ void printPrepareError() {
     std::fprintf(stderr, "sqlite3_prepare_v2 err %s\n", sqlite3_errmsg(g_sqliteDB));
 }
 
-void printStepError() {
-    std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(g_sqliteDB));
-}
+void printStepError() { std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(g_sqliteDB)); }
 
 bool execControl(const char* sql) {
     if (sqlite3_exec(g_sqliteDB, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
@@ -865,8 +861,7 @@ bool runForEach(const char* sql, std::size_t count, const Bind& bind) {
 // Row keys of the value rows that an earlier load of the IED wrote.
 bool selectOldValueKeys(const char* ied, std::vector<sqlite3_int64>* keys) {
     qvsql::Statement stmt;
-    if (stmt.prepare(g_sqliteDB, "select fcdaName from DataSetSub where iedName=?") !=
-        SQLITE_OK) {
+    if (stmt.prepare(g_sqliteDB, "select fcdaName from DataSetSub where iedName=?") != SQLITE_OK) {
         printPrepareError();
         return false;
     }
@@ -887,15 +882,17 @@ bool removeRowsOfIeds() {
     for (const IED& ied : giedVector) {
         if (!selectOldValueKeys(ied.name, &keys)) return false;
     }
-    if (!runForEach("delete from DAValue where hashID=?", keys.size(),
-                    [&](sqlite3_stmt* stmt, std::size_t i) { sqlite3_bind_int64(stmt, 1, keys[i]); }))
+    if (!runForEach(
+            "delete from DAValue where hashID=?", keys.size(),
+            [&](sqlite3_stmt* stmt, std::size_t i) { sqlite3_bind_int64(stmt, 1, keys[i]); }))
         return false;
-    for (const char* sql : {"delete from DataSet where iedName=?",
-                            "delete from DataSetSub where iedName=?",
-                            "delete from DA where iedName=?"}) {
-        const bool removed = runForEach(sql, giedVector.size(), [](sqlite3_stmt* stmt, std::size_t i) {
-            qvsql::bindText(stmt, 1, giedVector[i].name);
-        });
+    for (const char* sql :
+         {"delete from DataSet where iedName=?", "delete from DataSetSub where iedName=?",
+          "delete from DA where iedName=?"}) {
+        const bool removed =
+            runForEach(sql, giedVector.size(), [](sqlite3_stmt* stmt, std::size_t i) {
+                qvsql::bindText(stmt, 1, giedVector[i].name);
+            });
         if (!removed) return false;
     }
     return true;
@@ -923,8 +920,8 @@ bool insertMembers() {
         gdsSubVector.size(), [&](sqlite3_stmt* stmt, std::size_t i) {
             const DataSetSub& sub = gdsSubVector[i];
             reference.set(sub.ied, sub.fcdaName);
-            bindTexts(stmt, {reference.text, iedName(sub.ied), sub.dsName, sub.ldInst,
-                             sub.lnClass, sub.lnInst, sub.doName, sub.daName, sub.fc});
+            bindTexts(stmt, {reference.text, iedName(sub.ied), sub.dsName, sub.ldInst, sub.lnClass,
+                             sub.lnInst, sub.doName, sub.daName, sub.fc});
         });
 }
 
@@ -962,17 +959,16 @@ int insertAttributes(AttributeSink& sink) {
 
 bool insertValueRows() {
     StoredReference reference;
-    return runForEach(
-        "insert into DAValue(hashID,type,value,quality,timestamp ) values(?,?,?,?,?)",
-        g_daConfTypeVector.size(), [&](sqlite3_stmt* stmt, std::size_t i) {
-            const DAConfType& member = g_daConfTypeVector[i];
-            reference.set(member.ied, member.daName);
-            sqlite3_bind_int64(stmt, 1, rowKey(reference.text));
-            sqlite3_bind_double(stmt, 2, static_cast<double>(member.type));
-            sqlite3_bind_double(stmt, 3, 0.0);
-            sqlite3_bind_double(stmt, 4, 0.0);
-            sqlite3_bind_double(stmt, 5, 0.0);
-        });
+    return runForEach("insert into DAValue(hashID,type,value,quality,timestamp ) values(?,?,?,?,?)",
+                      g_daConfTypeVector.size(), [&](sqlite3_stmt* stmt, std::size_t i) {
+                          const DAConfType& member = g_daConfTypeVector[i];
+                          reference.set(member.ied, member.daName);
+                          sqlite3_bind_int64(stmt, 1, rowKey(reference.text));
+                          sqlite3_bind_double(stmt, 2, static_cast<double>(member.type));
+                          sqlite3_bind_double(stmt, 3, 0.0);
+                          sqlite3_bind_double(stmt, 4, 0.0);
+                          sqlite3_bind_double(stmt, 5, 0.0);
+                      });
 }
 
 // All four tables in one transaction: a load lands whole or not at all.
@@ -1098,8 +1094,8 @@ int addDAValList(int ied, const char* ldName, const char* lnName, const char* do
     return 0;
 }
 
-int str_replace(char* p_result, std::size_t resultSize, const char* p_source,
-                const char* p_seach, const char* p_repstr) {
+int str_replace(char* p_result, std::size_t resultSize, const char* p_source, const char* p_seach,
+                const char* p_repstr) {
     if (resultSize == 0) return 0;
     const std::size_t searchLength = std::strlen(p_seach);
     const std::size_t replacementLength = std::strlen(p_repstr);
@@ -1181,12 +1177,16 @@ bool hasKey(KeySet& set, const std::vector<Entry>& entries, const std::string& k
 
 int hasDo(int i, const char* doName, const char* doType) {
     return hasKey(s_doKeys[i], lnTypeVector[i].doVector, entryKey({doName, doType}),
-                  [](const DO& entry) { return entryKey({entry.name, entry.type}); });
+                  [](const DO& entry) {
+                      return entryKey({entry.name, entry.type});
+                  });
 }
 
 int hasDa(int i, const char* daName, const char* daType, const char* fc) {
     return hasKey(s_daKeys[i], doTypeVector[i].daVector, entryKey({daName, daType, fc}),
-                  [](const DA& entry) { return entryKey({entry.name, entry.type, entry.fc}); });
+                  [](const DA& entry) {
+                      return entryKey({entry.name, entry.type, entry.fc});
+                  });
 }
 
 int initDaValue() {

@@ -53,7 +53,8 @@ std::string dataSets(int devices) {
     std::string energy = "<DataSet name=\"dsEnergy\" desc=\"energy\">";
     for (int d = 0; d < devices; ++d) {
         for (int n = 0; n < kNodesPerDevice; ++n) {
-            for (const char* phase : kPhases) ain += fcda(d, n, std::string("A.") + phase, "cVal.mag.f", "MX");
+            for (const char* phase : kPhases)
+                ain += fcda(d, n, std::string("A.") + phase, "cVal.mag.f", "MX");
             din += fcda(d, n, "Beh", "stVal", "ST");
             energy += fcda(d, n, "Hz", "mag.f", "MX");
         }
@@ -68,7 +69,8 @@ std::string logicalNode(int node) {
     for (const char* object : kWyeObjects) {
         ln += std::string("<DOI name=\"") + object + "\" desc=\"" + object + " per phase\">";
         for (const char* phase : kPhases) {
-            ln += std::string("<SDI name=\"") + phase + "\"><SDI name=\"units\">"
+            ln += std::string("<SDI name=\"") + phase +
+                  "\"><SDI name=\"units\">"
                   "<DAI name=\"SIUnit\"><Val>V</Val></DAI></SDI></SDI>";
         }
         ln += "</DOI>";
@@ -80,16 +82,20 @@ const char* const kTemplates =
     "<DataTypeTemplates>"
     "<LNodeType id=\"B_LLN0\" lnClass=\"LLN0\"><DO name=\"Beh\" type=\"B_ENS\"/></LNodeType>"
     "<LNodeType id=\"B_MMXU\" lnClass=\"MMXU\"><DO name=\"Beh\" type=\"B_ENS\"/>"
-    "<DO name=\"Hz\" type=\"B_MV\"/><DO name=\"PhV\" type=\"B_WYE\"/><DO name=\"A\" type=\"B_WYE\"/>"
-    "<DO name=\"W\" type=\"B_WYE\"/><DO name=\"VAr\" type=\"B_WYE\"/><DO name=\"VA\" type=\"B_WYE\"/>"
+    "<DO name=\"Hz\" type=\"B_MV\"/><DO name=\"PhV\" type=\"B_WYE\"/><DO name=\"A\" "
+    "type=\"B_WYE\"/>"
+    "<DO name=\"W\" type=\"B_WYE\"/><DO name=\"VAr\" type=\"B_WYE\"/><DO name=\"VA\" "
+    "type=\"B_WYE\"/>"
     "</LNodeType>"
     "<DOType id=\"B_ENS\" cdc=\"ENS\"><DA name=\"stVal\" bType=\"Enum\" type=\"B_Beh\" fc=\"ST\"/>"
-    "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"ST\"/></DOType>"
+    "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/><DA name=\"t\" bType=\"Timestamp\" "
+    "fc=\"ST\"/></DOType>"
     "<DOType id=\"B_MV\" cdc=\"MV\"><DA name=\"mag\" bType=\"Struct\" type=\"B_AV\" fc=\"MX\"/>"
     "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"MX\"/>"
     "<DA name=\"units\" bType=\"Struct\" type=\"B_Unit\" fc=\"CF\"/>"
     "<DA name=\"db\" bType=\"INT32U\" fc=\"CF\"/></DOType>"
-    "<DOType id=\"B_CMV\" cdc=\"CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"B_Vector\" fc=\"MX\"/>"
+    "<DOType id=\"B_CMV\" cdc=\"CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"B_Vector\" "
+    "fc=\"MX\"/>"
     "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"MX\"/>"
     "<DA name=\"units\" bType=\"Struct\" type=\"B_Unit\" fc=\"CF\"/></DOType>"
     "<DOType id=\"B_WYE\" cdc=\"WYE\"><SDO name=\"phsA\" type=\"B_CMV\"/>"
@@ -99,13 +105,20 @@ const char* const kTemplates =
     "<BDA name=\"ang\" bType=\"Struct\" type=\"B_AV\"/></DAType>"
     "<DAType id=\"B_Unit\"><BDA name=\"SIUnit\" bType=\"Enum\" type=\"B_SIUnit\"/>"
     "<BDA name=\"multiplier\" bType=\"INT8\"/></DAType>"
-    "<EnumType id=\"B_Beh\"><EnumVal ord=\"1\">on</EnumVal><EnumVal ord=\"5\">off</EnumVal></EnumType>"
+    "<EnumType id=\"B_Beh\"><EnumVal ord=\"1\">on</EnumVal><EnumVal "
+    "ord=\"5\">off</EnumVal></EnumType>"
     "<EnumType id=\"B_SIUnit\"><EnumVal ord=\"5\">A</EnumVal><EnumVal ord=\"29\">V</EnumVal>"
     "</EnumType></DataTypeTemplates>";
 
-std::string storeFile(const std::string& name) { return std::string(QV_TEST_STORE_DIR) + "/" + name; }
-std::string modelPath(int attributes) { return storeFile("bench-model-" + std::to_string(attributes) + ".cid"); }
-std::string rowsPath(int attributes) { return storeFile("bench-rows-" + std::to_string(attributes) + ".db"); }
+std::string storeFile(const std::string& name) {
+    return std::string(QV_TEST_STORE_DIR) + "/" + name;
+}
+std::string modelPath(int attributes) {
+    return storeFile("bench-model-" + std::to_string(attributes) + ".cid");
+}
+std::string rowsPath(int attributes) {
+    return storeFile("bench-rows-" + std::to_string(attributes) + ".db");
+}
 
 // A model of about `attributes` data attributes, ten logical nodes per device.
 void writeModel(int attributes, const std::string& path) {
@@ -145,7 +158,8 @@ void copyRows(sqlite3* db, const char* table, int columns, bool* ok) {
     *ok = *ok && sqlite3_prepare_v2(db, select.c_str(), -1, &from, nullptr) == SQLITE_OK &&
           sqlite3_prepare_v2(db, insert.c_str(), -1, &to, nullptr) == SQLITE_OK;
     while (*ok && sqlite3_step(from) == SQLITE_ROW) {
-        for (int c = 0; c < columns; ++c) sqlite3_bind_value(to, c + 1, sqlite3_column_value(from, c));
+        for (int c = 0; c < columns; ++c)
+            sqlite3_bind_value(to, c + 1, sqlite3_column_value(from, c));
         *ok = sqlite3_step(to) == SQLITE_DONE;
         sqlite3_reset(to);
     }
@@ -185,9 +199,8 @@ bool runAsLoadChild() {
     if (mode == nullptr) return false;
     const char* model = std::getenv(kChildModel);
     const auto start = std::chrono::steady_clock::now();
-    const bool ok = std::strcmp(mode, "lib") == 0
-                        ? zq_addIEDRealDB(const_cast<char*>(model)) == 0
-                        : bareLoad(model, std::getenv(kChildRows));
+    const bool ok = std::strcmp(mode, "lib") == 0 ? zq_addIEDRealDB(const_cast<char*>(model)) == 0
+                                                  : bareLoad(model, std::getenv(kChildRows));
     const ChildReport report{
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), ok};
     const int fd = std::atoi(std::getenv(kChildReportFd));
@@ -286,7 +299,8 @@ void loadInFreshProcesses(benchmark::State& state, const char* mode) {
 [[maybe_unused]] const bool g_registered = [] {
     for (int attributes : {5000, 50000, 100000}) {
         for (const char* mode : {"lib", "bare"}) {
-            const std::string name = std::strcmp(mode, "lib") == 0 ? "Lib/LoadModel" : "Bare/LoadModel";
+            const std::string name =
+                std::strcmp(mode, "lib") == 0 ? "Lib/LoadModel" : "Bare/LoadModel";
             benchmark::RegisterBenchmark(name.c_str(), loadInFreshProcesses, mode)
                 ->Arg(attributes)
                 ->Iterations(5)

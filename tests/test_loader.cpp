@@ -350,11 +350,15 @@ std::string withDeclaration(const std::string& model, const std::string& encodin
 // Two IEDs whose logical devices, nodes and data sets have the same names.
 std::string twoIedModel() {
     auto ied = [](const char* name, const char* value) {
-        return std::string("<IED name=\"") + name + "\"><AccessPoint name=\"S1\"><Server>"
+        return std::string("<IED name=\"") + name +
+               "\"><AccessPoint name=\"S1\"><Server>"
                "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_LN\" inst=\"\">"
-               "<DataSet name=\"dsGgio\" desc=\"" + name + "\">" + kFcda + "</DataSet></LN0>"
-               "<LN lnClass=\"GGIO\" inst=\"1\" lnType=\"T_LN\"><DOI name=\"Ind1\" desc=\"" + name +
-               "\"><DAI name=\"stVal\"><Val>" + value + "</Val></DAI></DOI></LN></LDevice>"
+               "<DataSet name=\"dsGgio\" desc=\"" +
+               name + "\">" + kFcda +
+               "</DataSet></LN0>"
+               "<LN lnClass=\"GGIO\" inst=\"1\" lnType=\"T_LN\"><DOI name=\"Ind1\" desc=\"" +
+               name + "\"><DAI name=\"stVal\"><Val>" + value +
+               "</Val></DAI></DOI></LN></LDevice>"
                "</Server></AccessPoint></IED>";
     };
     const std::string valid = kValidModel;
@@ -368,8 +372,8 @@ Rows rowsOfIed(const std::string& ied, const std::string& value) {
     auto da = [&](const std::string& ln, const std::string& rest, const std::string& type,
                   const std::string& val, const std::string& desc) {
         const std::string ref = ied + "LD0/" + ln + "$ST$Ind1$" + rest;
-        return std::vector<std::string>{ref, ied, "LD0", ln, "Ind1", "ST", val, type, desc,
-                                        std::to_string(rowKey(ref))};
+        return std::vector<std::string>{ref,  ied, "LD0", ln,   "Ind1",
+                                        "ST", val, type,  desc, std::to_string(rowKey(ref))};
     };
     return {{ied, "dsGgio", "LD0", ied},
             {member, ied, "dsGgio", "LD0", "GGIO", "1", "Ind1", "stVal", "ST"},
@@ -387,12 +391,14 @@ Rows ofIed(const std::string& ied) {
                                                   " where iedName='" + ied + "' order by rowid");
         all.insert(all.end(), rows.begin(), rows.end());
     }
-    const Rows values = query(realDbPath(), "select v.* from DAValue v join DataSetSub s on "
-        "v.hashID=(select hashID from DA where daName=s.fcdaName) where s.iedName='" + ied + "'");
+    const Rows values =
+        query(realDbPath(),
+              "select v.* from DAValue v join DataSetSub s on "
+              "v.hashID=(select hashID from DA where daName=s.fcdaName) where s.iedName='" +
+                  ied + "'");
     all.insert(all.end(), values.begin(), values.end());
     return all;
 }
-
 
 std::string ldevice(const std::string& inst, const std::string& nodes) {
     return "<LDevice inst=\"" + inst + "\">" + nodes + "</LDevice>";
@@ -412,41 +418,62 @@ std::string s(int i) { return std::to_string(i); }
 // LNodeType, 201 DAs and SDOs in one DOType, 257 BDAs in one DAType, 257
 // EnumVals in one EnumType, and 8016 attributes.
 std::string modelOverTheOldCapacities() {
-    std::string t = "<EnumType id=\"E0\">" +
-                    times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; }) +
-                    "</EnumType>";
-    t += times(128, [](int i) { return "<EnumType id=\"E" + s(i + 1) + "\"><EnumVal ord=\"0\">v0</EnumVal></EnumType>"; });
-    t += "<DAType id=\"S0\">" + times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) + "</DAType>";
+    std::string t =
+        "<EnumType id=\"E0\">" +
+        times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; }) +
+        "</EnumType>";
+    t += times(128, [](int i) {
+        return "<EnumType id=\"E" + s(i + 1) + "\"><EnumVal ord=\"0\">v0</EnumVal></EnumType>";
+    });
+    t += "<DAType id=\"S0\">" +
+         times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) +
+         "</DAType>";
     t += times(64, [](int i) {
         return "<DAType id=\"S" + s(i + 1) + "\">" +
-               times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; }) + "</DAType>";
+               times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; }) +
+               "</DAType>";
     });
-    t += "<DOType id=\"D0\">" + times(201, [](int i) { return "<DA name=\"a" + s(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
-         times(201, [](int i) { return "<SDO name=\"s" + s(i) + "\" type=\"D1\"/>"; }) + "</DOType>";
+    t +=
+        "<DOType id=\"D0\">" +
+        times(201, [](int i) { return "<DA name=\"a" + s(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
+        times(201, [](int i) { return "<SDO name=\"s" + s(i) + "\" type=\"D1\"/>"; }) + "</DOType>";
     t += "<DOType id=\"D1\"><DA name=\"stVal\" bType=\"Enum\" type=\"E0\" fc=\"ST\"/>"
          "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/></DOType>";
     t += times(127, [](int k) {
         const int i = k + 2;
         return "<DOType id=\"D" + s(i) + "\"><DA name=\"stVal\" bType=\"Enum\" type=\"E" + s(i) +
-               "\" fc=\"ST\"/><DA name=\"v\" bType=\"Struct\" type=\"S" + (i == 2 ? "0" : s(i % 64 + 1)) +
-               "\" fc=\"MX\"/></DOType>";
+               "\" fc=\"ST\"/><DA name=\"v\" bType=\"Struct\" type=\"S" +
+               (i == 2 ? "0" : s(i % 64 + 1)) + "\" fc=\"MX\"/></DOType>";
     });
-    t += "<LNodeType id=\"L0\">" + times(501, [](int i) { return "<DO name=\"o" + s(i) + "\" type=\"D1\"/>"; }) + "</LNodeType>";
+    t += "<LNodeType id=\"L0\">" +
+         times(501, [](int i) { return "<DO name=\"o" + s(i) + "\" type=\"D1\"/>"; }) +
+         "</LNodeType>";
     t += "<LNodeType id=\"L1\"><DO name=\"big\" type=\"D0\"/></LNodeType>";
-    t += times(127, [](int k) { return "<LNodeType id=\"L" + s(k + 2) + "\"><DO name=\"x\" type=\"D" + s(k + 2) + "\"/></LNodeType>"; });
+    t += times(127, [](int k) {
+        return "<LNodeType id=\"L" + s(k + 2) + "\"><DO name=\"x\" type=\"D" + s(k + 2) +
+               "\"/></LNodeType>";
+    });
 
     // Each o-i's stVal has two values (setting groups): the last one, v(i mod 257), stays.
     const std::string values = times(501, [](int i) {
-        return "<DOI name=\"o" + s(i) + "\"><DAI name=\"stVal\"><Val>v0</Val><Val>v" + s(i % 257) + "</Val></DAI></DOI>";
+        return "<DOI name=\"o" + s(i) + "\"><DAI name=\"stVal\"><Val>v0</Val><Val>v" + s(i % 257) +
+               "</Val></DAI></DOI>";
     });
     const std::string dataSets =
-        times(50, [](int i) { return "<DataSet name=\"ds" + s(i) + "\"/>"; }) + "<DataSet name=\"dsAin\">" +
-        times(257, [](int i) { return "<FCDA ldInst=\"LD0\" lnClass=\"LLN\" lnInst=\"0\" doName=\"o" + s(i) + "\" daName=\"stVal\" fc=\"ST\"/>"; }) +
+        times(50, [](int i) { return "<DataSet name=\"ds" + s(i) + "\"/>"; }) +
+        "<DataSet name=\"dsAin\">" +
+        times(257,
+              [](int i) {
+                  return "<FCDA ldInst=\"LD0\" lnClass=\"LLN\" lnInst=\"0\" doName=\"o" + s(i) +
+                         "\" daName=\"stVal\" fc=\"ST\"/>";
+              }) +
         "</DataSet>";
-    const std::string ld0 = "<LN0 lnClass=\"LLN0\" inst=\"\" lnType=\"L0\">" + dataSets + values + "</LN0>" +
+    const std::string ld0 = "<LN0 lnClass=\"LLN0\" inst=\"\" lnType=\"L0\">" + dataSets + values +
+                            "</LN0>" +
                             times(128, [](int i) { return node("GGIO", i + 1, "L" + s(i + 1)); });
-    const std::string devices = ldevice("LD0", ld0) +
-                                times(128, [](int i) { return ldevice("LD" + s(i + 1), node("GGIO", 1, "L" + s(i + 1))); });
+    const std::string devices =
+        ldevice("LD0", ld0) +
+        times(128, [](int i) { return ldevice("LD" + s(i + 1), node("GGIO", 1, "L" + s(i + 1))); });
     return sclText(devices, t);
 }
 
@@ -454,7 +481,8 @@ std::string modelOverTheOldCapacities() {
 
 TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
     std::string model = kValidModel;
-    model.replace(model.find("<DataSet name=\"dsGgio\">"), 23, "<DataSet name=\"dsGgio\" desc=\"Zähler Größe\">");
+    model.replace(model.find("<DataSet name=\"dsGgio\">"), 23,
+                  "<DataSet name=\"dsGgio\" desc=\"Zähler Größe\">");
     ASSERT_EQ(loadScl(model), 0);
     const Rows expected = dumpModel();
     ASSERT_EQ(query(realDbPath(), "select dsDesc from DataSet"), (Rows{{"Zähler Größe"}}));
@@ -462,7 +490,8 @@ TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
         {"UTF-8 with byte order mark", "\xEF\xBB\xBF" + withDeclaration(model, "UTF-8")},
         {"UTF-8 mark, no declaration", "\xEF\xBB\xBF" + model.substr(model.find("<SCL>"))},
         {"ISO-8859-1", fromUtf8(withDeclaration(model, "ISO-8859-1"), false)},
-        {"UTF-16LE with byte order mark", "\xFF\xFE" + fromUtf8(withDeclaration(model, "UTF-16"), true)},
+        {"UTF-16LE with byte order mark",
+         "\xFF\xFE" + fromUtf8(withDeclaration(model, "UTF-16"), true)},
     };
     for (const auto& [name, bytes] : encoded) {
         freshRealStore();
@@ -501,9 +530,11 @@ TEST_F(Loader, ModelOverEveryOldCapacityLoadsWhole) {
     EXPECT_EQ(queryInt(db, "select count(*) from DA"), 8016);
     EXPECT_EQ(queryInt(db, "select count(distinct ldName) from DA"), 129);
     EXPECT_EQ(queryInt(db, "select count(distinct lnName) from DA where ldName='LD0'"), 129);
-    // Rows in expansion order: LLN0's 501 DOs, then GGIO1's own DAs before its 201 sub-data objects.
+    // Rows in expansion order: LLN0's 501 DOs, then GGIO1's own DAs before its 201 sub-data
+    // objects.
     auto daAt = [&](int row) {
-        return query(db, "select substr(daName,5) from DA order by rowid limit 1 offset " + s(row))[0][0];
+        return query(
+            db, "select substr(daName,5) from DA order by rowid limit 1 offset " + s(row))[0][0];
     };
     EXPECT_EQ(daAt(0), "LD0/LLN0$ST$o0$stVal");
     EXPECT_EQ(daAt(1001), "LD0/LLN0$ST$o500$q");
@@ -513,17 +544,21 @@ TEST_F(Loader, ModelOverEveryOldCapacityLoadsWhole) {
     EXPECT_EQ(daAt(8015), "LD128/GGIO1$MX$x$v$f19");
     // The last value of each attribute, as the ord of the 257-value enumeration.
     EXPECT_EQ(queryInt(db, "select count(*) from DA where value<>''"), 501);
-    EXPECT_EQ(query(db, "select value from DA where daName in ('IED1LD0/LLN0$ST$o256$stVal',"
-                        "'IED1LD0/LLN0$ST$o500$stVal') order by rowid"),
+    EXPECT_EQ(query(db,
+                    "select value from DA where daName in ('IED1LD0/LLN0$ST$o256$stVal',"
+                    "'IED1LD0/LLN0$ST$o500$stVal') order by rowid"),
               (Rows{{"256"}, {"243"}}));
     EXPECT_EQ(queryInt(db, "select count(*) from DataSet"), 51);
     EXPECT_EQ(queryInt(db, "select count(*) from DataSetSub where dsName='dsAin'"), 257);
-    EXPECT_EQ(queryInt(db, "select count(*) from DAValue v join DA d using(hashID) where v.type=1.0"), 257);
+    EXPECT_EQ(
+        queryInt(db, "select count(*) from DAValue v join DA d using(hashID) where v.type=1.0"),
+        257);
 }
 
 TEST_F(Loader, GeneratedModelOfAHundredThousandAttributesLoads) {
     const std::string types =
-        "<LNodeType id=\"T\">" + times(100, [](int i) { return "<DO name=\"d" + s(i) + "\" type=\"D\"/>"; }) +
+        "<LNodeType id=\"T\">" +
+        times(100, [](int i) { return "<DO name=\"d" + s(i) + "\" type=\"D\"/>"; }) +
         "</LNodeType><DOType id=\"D\"><DA name=\"stVal\" bType=\"BOOLEAN\" fc=\"ST\"/></DOType>";
     const std::string devices = times(10, [](int d) {
         return ldevice("LD" + s(d), times(100, [](int n) { return node("GGIO", n + 1, "T"); }));
@@ -548,7 +583,9 @@ std::string withEntities(const std::string& subset, const std::string& at, const
     return withDoctype("<!DOCTYPE SCL [" + subset + "]>", at, use);
 }
 
-std::string valueOf(const std::string& text) { return "<DAI name=\"stVal\"><Val>" + text + "</Val></DAI>"; }
+std::string valueOf(const std::string& text) {
+    return "<DAI name=\"stVal\"><Val>" + text + "</Val></DAI>";
+}
 
 struct Bounds {
     int result = -99;  // of the load; -99: the process did not finish
@@ -618,18 +655,25 @@ TEST_F(Loader, HostileFilesAreBoundedAndNothingComesFromOutside) {
     // 50 KB used 5000 times: 250 MB once expanded.
     const std::string big = "<!ENTITY e \"" + std::string(50000, 'x') + "\">";
     std::string laughs = "<!ENTITY l0 \"lol\">";
-    for (int i = 1; i < 10; ++i) laughs += "<!ENTITY l" + s(i) + " \"" + repeated("&l" + s(i - 1) + ";", 10) + "\">";
+    for (int i = 1; i < 10; ++i)
+        laughs += "<!ENTITY l" + s(i) + " \"" + repeated("&l" + s(i - 1) + ";", 10) + "\">";
     const std::pair<const char*, std::string> files[] = {
         {"entity in many values", withEntities(big, kDai, repeated(valueOf("&e;"), 1000))},
         {"entity many times in one value", withEntities(big, kDai, valueOf(repeated("&e;", 5000)))},
-        {"entity in an attribute", withEntities(big, "name=\"QVFTU1\"", "name=\"" + repeated("&e;", 5000) + "\"")},
+        {"entity in an attribute",
+         withEntities(big, "name=\"QVFTU1\"", "name=\"" + repeated("&e;", 5000) + "\"")},
         {"entity in an enumeration", withEntities(big, ">bay<", ">" + repeated("&e;", 5000) + "<")},
         {"nested entities", withEntities(laughs, kDai, valueOf("&l9;"))},
-        {"external file entity", withEntities("<!ENTITY x SYSTEM \"file://" + secret + "\">", kDai, valueOf("&x;"))},
-        {"external entity in an attribute", withEntities("<!ENTITY x SYSTEM \"" + secret + "\">", "name=\"QVFTU1\"", "name=\"&x;\"")},
+        {"external file entity",
+         withEntities("<!ENTITY x SYSTEM \"file://" + secret + "\">", kDai, valueOf("&x;"))},
+        {"external entity in an attribute",
+         withEntities("<!ENTITY x SYSTEM \"" + secret + "\">", "name=\"QVFTU1\"", "name=\"&x;\"")},
         {"external DTD", withDoctype("<!DOCTYPE SCL SYSTEM \"secret.dtd\">", kDai, valueOf("&s;"))},
-        {"external parameter entity", withEntities("<!ENTITY % p SYSTEM \"secret.dtd\">%p;", kDai, valueOf("&s;"))},
-        {"network entity and DTD", withDoctype("<!DOCTYPE SCL SYSTEM \"" + url + ".dtd\" [<!ENTITY n SYSTEM \"" + url + "\">]>", kDai, valueOf("&n;"))},
+        {"external parameter entity",
+         withEntities("<!ENTITY % p SYSTEM \"secret.dtd\">%p;", kDai, valueOf("&s;"))},
+        {"network entity and DTD", withDoctype("<!DOCTYPE SCL SYSTEM \"" + url +
+                                                   ".dtd\" [<!ENTITY n SYSTEM \"" + url + "\">]>",
+                                               kDai, valueOf("&n;"))},
     };
     for (const auto& [name, text] : files) {
         freshRealStore();
@@ -682,12 +726,17 @@ TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
         bool freshStore = false;
     } runs[] = {
         {"load " + two + " --check", 0,
-         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n", sample},
+         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n",
+         sample},
         {"load " + two + " --ied C --check", 1,
-         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two + "\ncid 解析出错.\nqvtool: " +
-             two + " is not a usable SCL model; the store is unchanged\n", sample},
-        {"load " + none, 1, "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n", sample},
-        {"load " + two + " --ied B", 0, "loading " + two + " ...\nIEDs: B\nloaded: 1 data sets, 1 members, 4 attributes\n",
+         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two +
+             "\ncid 解析出错.\nqvtool: " + two +
+             " is not a usable SCL model; the store is unchanged\n",
+         sample},
+        {"load " + none, 1,
+         "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n", sample},
+        {"load " + two + " --ied B", 0,
+         "loading " + two + " ...\nIEDs: B\nloaded: 1 data sets, 1 members, 4 attributes\n",
          rowsOfIed("B", "false"), true},
     };
     for (const auto& run : runs) {

@@ -189,8 +189,8 @@ int hasDo(int i, const char* doName, const char* doType);
 int hasDa(int i, const char* daName, const char* daType, const char* fc);
 // Copies p_source into p_result (resultSize bytes, always terminated) with
 // every p_seach replaced by p_repstr; returns the number of replacements.
-int str_replace(char* p_result, std::size_t resultSize, const char* p_source,
-                const char* p_seach, const char* p_repstr);
+int str_replace(char* p_result, std::size_t resultSize, const char* p_source, const char* p_seach,
+                const char* p_repstr);
 
 }  // namespace qvaddied
 
