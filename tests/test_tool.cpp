@@ -171,8 +171,9 @@ TEST_F(Tool, LoadCountsTheStoreAndSetGetRoundTripValueAndQuality) {
     ToolRun run = tool({"load", model});
     ASSERT_EQ(run.code, 0) << run.err;
     const std::string attributes = count("DA");
-    EXPECT_EQ(run.out, "loading " + model + " ...\nloaded: " + count("DataSet") + " data sets, " +
-                           count("DataSetSub") + " members, " + attributes + " attributes\n");
+    EXPECT_EQ(run.out, "loading " + model + " ...\nIEDs: QVFTU1\nloaded: " + count("DataSet") +
+                           " data sets, " + count("DataSetSub") + " members, " + attributes +
+                           " attributes\n");
     run = tool({"load", sourcePath("schema/realtime.sql")});
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.err, HasSubstr("not a usable SCL model"));

@@ -110,21 +110,27 @@ int printRows(const Args& args, const std::vector<Column>& columns, const Json& 
 int printRecord(const Args& args, const Json& record, const std::string& plain);
 
 // Spare records in a list's array for rows that another process adds
-// between the count and the fetch: as many as one model load writes.
-constexpr int kListRoom = 5000;
+// between the count and the fetch.
+constexpr int kListRoom = 64;
 
-// Count-then-fetch into rows: count(filters..., &n), then
-// fetch(filters..., array, &delivered) into an array with kListRoom spare
-// records. False when either call fails (the library has said why).
+// Count-then-fetch into rows: count(filters..., &n), then the bounded
+// fetch(filters..., array, capacity, &delivered). When more rows came than
+// the array holds, it fetches again into a larger one. False when a call
+// fails (the library has said why).
 template <typename Record, typename CountFn, typename FetchFn, typename... Filters>
 bool fetchList(std::vector<Record>* rows, CountFn count, FetchFn fetch, Filters... filters) {
-    int counted = 0;
-    if (count(filters..., &counted) != 0) return false;
-    rows->assign(static_cast<size_t>(counted) + kListRoom, Record{});
-    int delivered = 0;
-    if (fetch(filters..., rows->data(), &delivered) != 0) return false;
-    rows->resize(static_cast<size_t>(delivered));
-    return true;
+    int wanted = 0;
+    if (count(filters..., &wanted) != 0) return false;
+    for (;;) {
+        rows->assign(static_cast<size_t>(wanted) + kListRoom, Record{});
+        int delivered = 0;
+        const int fitted =
+            fetch(filters..., rows->data(), static_cast<int>(rows->size()), &delivered);
+        if (fitted < 0) return false;
+        rows->resize(static_cast<size_t>(delivered));
+        if (fitted == 0) return true;
+        wanted = 2 * delivered;
+    }
 }
 
 }  // namespace qvtool

@@ -39,7 +39,7 @@ bool knownProcess(const std::string& name, int* number) {
 // each name is looked up.
 bool listProcesses(Json* rows) {
     std::vector<ProcessConfig> processes;
-    if (!fetchList(&processes, zq_getAllProcessConfigsNum, zq_getAllProcessConfigs)) return false;
+    if (!fetchList(&processes, zq_getAllProcessConfigsNum, zq_getAllProcessConfigsN)) return false;
     *rows = Json::array();
     for (const ProcessConfig& process : processes) {
         int number = 0;
@@ -313,7 +313,7 @@ int runSetting(const Args& args) {
 }  // namespace
 
 bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes) {
-    return fetchList(routes, zq_getProcessMsgAssociationsNum, zq_getProcessMsgAssociations,
+    return fetchList(routes, zq_getProcessMsgAssociationsNum, zq_getProcessMsgAssociationsN,
                      sender.c_str());
 }
 

@@ -35,7 +35,7 @@ Json toJson(const TopoInfor& n) {
 
 // The whole table through count-then-fetch, as rows or JSON.
 template <typename Record>
-int listTable(const Args& args, int (*count)(int*), int (*fetch)(Record*, int*),
+int listTable(const Args& args, int (*count)(int*), int (*fetch)(Record*, int, int*),
               const std::vector<Column>& columns) {
     std::vector<Record> records;
     if (!openRealStore() || !fetchList(&records, count, fetch)) return kFailed;
@@ -45,7 +45,7 @@ int listTable(const Args& args, int (*count)(int*), int (*fetch)(Record*, int*),
 }
 
 int runTerminals(const Args& args) {
-    return listTable(args, zq_getAllLTUInforsNum, zq_getAllLTUInfors,
+    return listTable(args, zq_getAllLTUInforsNum, zq_getAllLTUInforsN,
                      {{"ID", "id"}, {"NAME", "name"}, {"ADDR", "addr"}, {"STATE", "state"},
                       {"FAILED", "failedcount"}, {"QV SW", "QVsoftware_version"},
                       {"QV HW", "QVhardware_version"}, {"SG SW", "SGsoftware_version"},
@@ -53,13 +53,13 @@ int runTerminals(const Args& args) {
 }
 
 int runAccess(const Args& args) {
-    return listTable(args, zq_getAllLTUAccessNum, zq_getAllLTUAccess,
+    return listTable(args, zq_getAllLTUAccessNum, zq_getAllLTUAccessN,
                      {{"DATE", "date_time"}, {"DEVICE", "deviceid"}, {"MODEL", "accessmodel"},
                       {"VERSION", "version"}, {"KEY", "key"}, {"DESCRIPTION", "desc"}});
 }
 
 int runTopology(const Args& args) {
-    return listTable(args, zq_getAllTopoInforsNum, zq_getAllTopoInfors,
+    return listTable(args, zq_getAllTopoInforsNum, zq_getAllTopoInforsN,
                      {{"ID", "id"}, {"TYPE", "type"}, {"LN", "m_rln"}, {"NAME", "name"},
                       {"LEFT", "l_link"}, {"RIGHT", "r_link"}, {"POWER", "power_flag"},
                       {"IED", "iedName"}, {"SUBSTATION", "substation"}});

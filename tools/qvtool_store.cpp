@@ -6,12 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "internal/qvloader.h"
 #include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtool.h"
@@ -141,14 +141,22 @@ int runInit(const Args& args) {
 
 // ---- load -------------------------------------------------------------------
 
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : " ") + name;
+    return text;
+}
+
+// Loads (or with --check only reads and expands) one file and prints what
+// it holds: its IEDs and its own data sets, members and attributes.
 int runLoad(const Args& args) {
     const std::string& file = args.positional[0];
-    if (!openRealStore()) return kFailed;
-    std::printf("loading %s ...\n", file.c_str());
+    const bool check = args.has("--check");
+    if (!check && !openRealStore()) return kFailed;
+    std::printf("%s %s ...\n", check ? "checking" : "loading", file.c_str());
     std::fflush(stdout);
-    std::vector<char> name(file.begin(), file.end());
-    name.push_back('\0');
-    const int result = zq_addIEDRealDB(name.data());
+    qvaddied::LoadSummary summary;
+    const int result = qvaddied::loadFile(file.c_str(), args.value("--ied"), !check, &summary);
     if (result == -2) {
         complain("%s is not a usable SCL model; the store is unchanged", file.c_str());
         return kFailed;
@@ -158,15 +166,13 @@ int runLoad(const Args& args) {
                  "unchanged");
         return kFailed;
     }
-    int sets = 0, members = 0, attributes = 0;
-    if (zq_getAllDataSetsNum(&sets) != 0 ||
-        zq_getDataSetSubsByParamsNum(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                     nullptr, nullptr, &members) != 0 ||
-        zq_getDAsByParamsNum(nullptr, nullptr, nullptr, nullptr, nullptr, &attributes) != 0) {
-        complain("loaded, but the store could not be counted");
+    if (summary.ieds.empty()) {
+        complain("%s has no IED: nothing %s", file.c_str(), check ? "to load" : "was loaded");
         return kFailed;
     }
-    std::printf("loaded: %d data sets, %d members, %d attributes\n", sets, members, attributes);
+    std::printf("IEDs: %s\n%s: %ld data sets, %ld members, %ld attributes\n",
+                joined(summary.ieds).c_str(), check ? "would load" : "loaded", summary.dataSets,
+                summary.members, summary.attributes);
     return kOk;
 }
 
@@ -279,7 +285,7 @@ bool splitLnName(const Args& args, std::string* lnClass, std::string* lnInst) {
 
 int runDataSets(const Args& args) {
     std::vector<DataSet> sets;
-    if (!openRealStore() || !fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSets))
+    if (!openRealStore() || !fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSetsN))
         return kFailed;
     return printRows(args, {{"IED", "iedName"}, {"DATA SET", "name"}, {"LD", "ldInst"},
                             {"DESCRIPTION", "desc"}},
@@ -294,7 +300,7 @@ int runMembers(const Args& args) {
     const bool lnGiven = args.has("--ln");
     std::vector<DataSetSub> members;
     if (!openRealStore() ||
-        !fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams,
+        !fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN,
                    args.value("--ied"), args.value("--ds"), args.value("--ld"),
                    lnGiven ? lnClass.c_str() : args.value("--lnclass"),
                    lnGiven ? lnInst.c_str() : args.value("--lninst"),
@@ -311,13 +317,23 @@ int runAttrs(const Args& args) {
     std::string doName;
     std::vector<DA> attributes;
     if (!openRealStore() ||
-        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParams, args.value("--ied"),
+        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
                    args.value("--ld"), args.value("--ln"), pathFilter(args, "--do", '$', &doName),
                    args.value("--fc")))
         return kFailed;
     return printRows(args, {{"REFERENCE", "daName"}, {"FC", "fcName"}, {"TYPE", "valueType"},
                             {"VALUE", "value"}, {"DESCRIPTION", "doDesc"}},
                      toJsonRows(attributes));
+}
+
+// The live value (under valueField) and quality of a reference as fields
+// of row; both null without a value row.
+void addLiveValue(const char* ref, const char* valueField, Json* row) {
+    double value = 0;
+    int quality = 0;
+    const bool live = zq_getDoubDAValue1(ref, &value, &quality) == 0;
+    (*row)[valueField] = live ? Json(value) : Json();
+    (*row)["quality"] = live ? Json(quality) : Json();
 }
 
 // ---- tree -------------------------------------------------------------------
@@ -363,18 +379,13 @@ void printTree(const Json& attributes) {
 int runTree(const Args& args) {
     std::vector<DA> attributes;
     if (!openRealStore() ||
-        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParams, args.value("--ied"),
+        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
                    args.value("--ld"), nullptr, nullptr, nullptr))
         return kFailed;
     Json rows = Json::array();
     for (const DA& da : attributes) {
-        double value = 0;
-        int quality = 0;
-        const bool live = zq_getDoubDAValue1(da.daName, &value, &quality) == 0;
-        Json row = toJson(da);
-        row["liveValue"] = live ? Json(value) : Json();
-        row["quality"] = live ? Json(quality) : Json();
-        rows.push_back(row);
+        rows.push_back(toJson(da));
+        addLiveValue(da.daName, "liveValue", &rows.back());
     }
     if (args.has("--json")) return printRows(args, {}, rows);
     waitingForStore(nullptr);
@@ -394,26 +405,15 @@ int runDump(const Args& args) {
         return kFailed;
     }
     std::vector<DataSetSub> members;
-    if (!fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams, ied,
+    if (!fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN, ied,
                    dataSet, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
         return kFailed;
-    // The library reads the members again; room for a reload in between.
-    const size_t room = members.size() + kListRoom;
-    std::vector<double> values(room, NAN);  // a member without a value row stays NaN
-    std::vector<int> qualities(room, 0);
-    int count = 0;
-    if (zq_getDAValues1ByDataSet(ied, dataSet, values.data(), qualities.data(), &count) != 0)
-        return kFailed;
-    if (static_cast<size_t>(count) != members.size()) {
-        complain("data set %s changed while it was read; run again", dataSet);
-        return kFailed;
-    }
+    // Member by member: a member without a value row (a whole data object,
+    // an unclassified set) has none.
     Json rows = Json::array();
-    for (size_t i = 0; i < members.size(); ++i) {
-        const bool present = !std::isnan(values[i]);
-        rows.push_back({{"fcdaName", members[i].fcdaName},
-                        {"value", present ? Json(values[i]) : Json()},
-                        {"quality", present ? Json(qualities[i]) : Json()}});
+    for (const DataSetSub& member : members) {
+        rows.push_back({{"fcdaName", member.fcdaName}});
+        addLiveValue(member.fcdaName, "value", &rows.back());
     }
     return printRows(args, {{"REFERENCE", "fcdaName"}, {"VALUE", "value"}, {"QUALITY", "quality"}},
                      rows);
@@ -433,11 +433,16 @@ const std::vector<Command>& storeCommands() {
          "  --conf-sample FILE  then run FILE (SQL, e.g. samples/conf_sample.sql) into the\n"
          "                      configuration store; refused when it already has processes\n",
          {"--conf-sample"}, {"--fresh"}, 0, 0, runInit},
-        {"load", "load FILE", "load an SCL model (ICD/CID) into the real-time store",
-         "Replaces the rows of the file's IED. The counts printed afterwards are those of\n"
-         "the whole store. A load fails, leaving the store as it was, when the file is\n"
-         "not a usable model or when another process keeps the store busy; run it again.\n",
-         {}, {}, 1, 1, runLoad},
+        {"load", "load FILE [--ied NAME] [--check]",
+         "load an SCL model (ICD/CID/SCD) into the real-time store",
+         "Replaces the rows of the file's IEDs and prints the IEDs, data sets, members\n"
+         "and attributes of this file. A load fails, leaving the store as it was, when\n"
+         "the file is not a usable model or when another process keeps the store busy;\n"
+         "run it again. Exit code 1 also for a file without any IED.\n\n"
+         "  --ied NAME  load only the IED of that name (the file's types are shared)\n"
+         "  --check     read and expand the model and report what would be loaded;\n"
+         "              the store is not touched\n",
+         {"--ied"}, {"--check"}, 1, 1, runLoad},
         {"get", "get REF [--json]", "print the live value and quality of a data attribute",
          "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f'.\n"
          "Prints \"value=V quality=Q\", with --json {\"daName\", \"value\", \"quality\"}.\n"
