@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvconf_internal.h"
 #include "internal/qvsqlite.h"
 
 using qvsql::copyColumnText;

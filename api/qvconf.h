@@ -143,12 +143,6 @@ QV_API int zq_setProcessMiscValue(const char* processName, const char* key,
 
 #ifdef __cplusplus
 }
-
-/* Internal to the library (not exported): the routes of a sender, at most
- * `capacity` of them, so that routes added since the count cannot overrun
- * the caller's table. */
-int listRoutesOf(const char* sendProcess, struct ProcessMsgAssociation* routes, int capacity,
-                 int* pCount);
 #endif
 
 #endif /* QVCONF_H */

@@ -25,6 +25,8 @@
 #include <thread>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvconf_internal.h"
+#include "internal/qvmessage_internal.h"
 
 namespace {
 

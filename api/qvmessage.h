@@ -281,16 +281,6 @@ QV_API int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile);
 
 #ifdef __cplusplus
 }
-
-/* Internal to the library (not exported); declared here for its tests. */
-
-/* Fills processdir (len bytes) with the executable's directory, ending in
- * "/", and processname (128 bytes) with the process name: the executable's
- * file name and each argument after one blank, at most 127 bytes. */
-int get_executable_path(char* processdir, char* processname, int len);
-
-/* The receiving thread of zq_subscriberMsg_async; never returns. */
-void* recv_msg_thread(void* arg);
 #endif
 
 #endif /* QVMESSAGE_H */

@@ -26,6 +26,7 @@
 #include <string>
 
 #include "bench_support.h"
+#include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
 
 namespace {

@@ -6,7 +6,11 @@ CREATE TABLE IF NOT EXISTS ProcessConfig (
   processName     TEXT NOT NULL DEFAULT '',
   processDescribe TEXT NOT NULL DEFAULT ''
 );
-CREATE INDEX IF NOT EXISTS ProcessConfig_name ON ProcessConfig(processName);
+-- A process has one number and one name: qvtool process add relies on these
+-- keys to make a repeated command harmless.
+DROP INDEX IF EXISTS ProcessConfig_name;
+CREATE UNIQUE INDEX IF NOT EXISTS ProcessConfig_no ON ProcessConfig(no);
+CREATE UNIQUE INDEX IF NOT EXISTS ProcessConfig_processName ON ProcessConfig(processName);
 
 CREATE TABLE IF NOT EXISTS ScaleConfig (
   no           INTEGER NOT NULL,
@@ -24,6 +28,12 @@ CREATE TABLE IF NOT EXISTS ProcessMsgAssociation (
   msgType       INTEGER NOT NULL DEFAULT 0
 );
 CREATE INDEX IF NOT EXISTS ProcessMsgAssociation_sender ON ProcessMsgAssociation(sendProcessNo);
+-- The same route twice is one route. Two routes between the same processes
+-- with different masks stay allowed (each delivers its kinds). The key
+-- starts with the receiver, so a sender's routes are still read through the
+-- index above, in the order they were written.
+CREATE UNIQUE INDEX IF NOT EXISTS ProcessMsgAssociation_route
+  ON ProcessMsgAssociation(recvProcessNo, sendProcessNo, msgType);
 
 CREATE TABLE IF NOT EXISTS DeviceModelAssociation (
   associateName TEXT NOT NULL DEFAULT '',

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Builds and installs the library and qvtool, then runs the main job on the
-# sample model: create both stores, load the feeder terminal model, write a
-# measured value with its quality, read it back and show a data set.
+# Builds (Release) and installs the library and qvtool alone, then runs the
+# main job on the sample model: create both stores, load the feeder terminal
+# model, write a measured value with its quality, read it back and show a
+# data set.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j"$(nproc)"
-cmake --install build
+cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DQV_BUILD_TESTS=OFF -DQV_BUILD_BENCH=OFF
+cmake --build build-demo -j"$(nproc)"
+cmake --install build-demo
 ldconfig
 
 ref='QVFTU1MEAS/MMXU1$MX$TotW$mag$f'

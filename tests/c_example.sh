@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library into a scratch prefix and builds the README's C example
-# against the installed headers through pkg-config, so the example cannot rot.
+# against the installed copy, through pkg-config and through the CMake
+# package, so neither can rot; checks what the installed library exports.
 # Usage: c_example.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1
@@ -9,10 +10,41 @@ prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
-export PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig"
+libdir=$(dirname "$(find "$prefix" -name libqv.so | head -n1)")
+
+# pkg-config: plain absolute paths into the prefix, the dependencies private.
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+cflags=$(pkg-config --cflags qv)
+test "${cflags%% *}" = "-I$prefix/include/quorvane"
+if grep -q '/\.\./' <<<"$cflags"; then echo "unclean include path: $cflags"; exit 1; fi
+test "$(echo $(pkg-config --libs qv))" = "-L$libdir -lqv"
+pkg-config --print-requires-private qv | grep -qx sqlite3
 cc -std=c11 -Wall -Werror "$src/examples/minimal.c" $(pkg-config --cflags --libs qv) \
    -o "$prefix/minimal"
 test -x "$prefix/minimal"
+
+# The CMake package.
+cmake -S "$src/examples/cmake" -B "$prefix/app" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$prefix/app" >/dev/null
+test -x "$prefix/app/minimal"
+
+# The installed headers are the public C API; internal ones stay behind.
+test -f "$prefix/include/quorvane/qvversion.h"
+if grep -rlE 'listRoutesOf|get_executable_path|recv_msg_thread' "$prefix/include/quorvane"; then
+  echo "internal declarations in the installed headers"; exit 1
+fi
+test ! -e "$prefix/include/quorvane/internal"
+
+# The tool and its man page.
+LD_LIBRARY_PATH="$libdir" "$prefix/bin/qvtool" --version | grep -q '^qvtool (quorvane) [0-9]'
+if command -v help2man >/dev/null; then grep -q "^\.SS watch" "$prefix/share/man/man1/qvtool.1"; fi
+
+# Only the C API is exported.
+extra=$(nm -D --defined-only "$libdir/libqv.so" | awk '{print $3}' | sed 's/@.*//' |
+        grep -vE '^(zq_.*|RSHash|initRealSem|locksem|unlocksem)$' || true)
+if [ -n "$extra" ]; then
+  echo "libqv.so exports more than the C API:"; echo "$extra"; exit 1
+fi
 
 # The README shows the example as it stands in examples/minimal.c.
 awk '/^```c$/{inside=1; next} /^```$/{inside=0} inside' "$src/README.md" > "$prefix/readme.c"

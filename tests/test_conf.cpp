@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "internal/qvconf_internal.h"
 #include "qvconf.h"
 #include "qvtest.h"
 

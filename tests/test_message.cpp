@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
 #include "qvtest.h"
 

@@ -9,15 +9,20 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <climits>
 #include <cmath>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "qvconf.h"
 #include "qvrealapi.h"
+#include "qvversion.h"
 
 namespace qvtool {
 
@@ -42,6 +47,101 @@ void vcomplain(const char* format, va_list arguments) {
     std::fputc('\n', stderr);
 }
 
+// Says on standard error when the command has waited a second for a store
+// and ends the tool when it has waited longer than --timeout. It runs in a
+// thread of its own: a signal would cut the library's wait for its lock short.
+class StoreWatch {
+public:
+    // Never destroyed: its thread may still wait when the tool exits.
+    static StoreWatch& instance() {
+        static StoreWatch* const watch = new StoreWatch;
+        return *watch;
+    }
+
+    void setTimeout(double seconds) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        timeout_ = std::chrono::duration<double>(seconds);
+    }
+
+    void watch(const char* store) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        store_ = store;
+        since_ = Clock::now();
+        announced_ = false;
+        ++generation_;
+        if (store != nullptr && !started_) {
+            started_ = true;
+            std::thread([this] { run(); }).detach();
+        }
+        changed_.notify_one();
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            const unsigned generation = generation_;
+            if (store_ == nullptr) {
+                changed_.wait(lock, [&] { return generation_ != generation; });
+                continue;
+            }
+            const Clock::time_point notice = since_ + std::chrono::seconds(1);
+            const Clock::time_point giveUp =
+                since_ + std::chrono::duration_cast<Clock::duration>(timeout_);
+            const bool timed = timeout_.count() > 0;
+            Clock::time_point next = announced_ ? giveUp : notice;
+            if (timed && giveUp < next) next = giveUp;
+            if (announced_ && !timed) {
+                changed_.wait(lock, [&] { return generation_ != generation; });
+                continue;
+            }
+            if (changed_.wait_until(lock, next, [&] { return generation_ != generation; }))
+                continue;
+            if (timed && Clock::now() >= giveUp) {
+                std::fprintf(stderr, "qvtool: gave up waiting for the %s after %g s\n", store_,
+                             timeout_.count());
+                std::_Exit(kFailed);
+            }
+            std::fprintf(stderr, "qvtool: waiting for the %s ...\n", store_);
+            announced_ = true;
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    const char* store_ = nullptr;
+    Clock::time_point since_;
+    std::chrono::duration<double> timeout_{0};
+    bool announced_ = false;
+    bool started_ = false;
+    unsigned generation_ = 0;
+};
+
+std::string cellText(const Json& cell) {
+    if (cell.is_string()) return cell.get<std::string>();
+    if (cell.is_number_float()) return formatDouble(cell.get<double>());
+    return cell.is_null() ? "-" : jsonText(cell);
+}
+
+// Columns padded to their widest cell; the last column is not padded.
+void printTable(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths(rows[0].size(), 0);
+    for (const auto& row : rows) {
+        for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t c = 0; c < row.size(); ++c) {
+            line += row[c];
+            if (c + 1 < row.size()) line += std::string(widths[c] - row[c].size() + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);  // empty last cells leave no blanks
+        std::puts(line.c_str());
+    }
+}
+
 void printToolHelp(FILE* out) {
     std::fputs(
         "usage: qvtool COMMAND [ARGUMENTS]\n\n"
@@ -60,12 +160,24 @@ void printToolHelp(FILE* out) {
         }
     }
     std::fprintf(out,
-                 "\nRun \"qvtool COMMAND --help\" for the details of one command.\n"
-                 "Exit codes: 0 success, 1 the operation failed or found nothing,\n"
-                 "2 the command line was wrong. Results go to standard output, errors\n"
-                 "to standard error.\n\n"
+                 "\nRun \"qvtool help COMMAND\" (or \"qvtool COMMAND --help\") for the details\n"
+                 "of one command. Every command also takes:\n"
+                 "  --timeout SECONDS  give up (exit code 1) when a store stays busy that long;\n"
+                 "                     after a second of waiting the tool says so on standard\n"
+                 "                     error\n"
+                 "  --help             the command's help\n\n"
+                 "Listing and lookup commands take --json: one JSON document with the fields of\n"
+                 "the library's records. An empty listing is a header alone (or []) and exit\n"
+                 "code 0; a lookup that finds nothing is exit code 1.\n\n"
+                 "Exit codes: 0 success, 1 the operation failed, found nothing or its output\n"
+                 "could not be written, 2 the command line was wrong. Results go to standard\n"
+                 "output, errors to standard error.\n\n"
                  "Stores: real-time %s, configuration %s.\n",
                  QV_REALTIME_DB_PATH, QV_CONF_DB_PATH);
+}
+
+void printVersion() {
+    std::printf("qvtool (quorvane) %s\n", QV_VERSION);
 }
 
 void printCommandHelp(const Command& command) {
@@ -104,7 +216,7 @@ int parseArgs(const Command& command, int argc, char** argv, Args* args) {
         }
         if (contains(command.flags, word) && !inlineValue) {
             args->options[word] = "";
-        } else if (contains(command.valueOptions, word)) {
+        } else if (contains(command.valueOptions, word) || word == "--timeout") {
             if (!inlineValue) {
                 if (i + 1 >= argc) return usageError("%s: option %s needs a value", command.name,
                                                      word.c_str());
@@ -115,6 +227,12 @@ int parseArgs(const Command& command, int argc, char** argv, Args* args) {
             return usageError("%s: unknown option %s (see qvtool %s --help)", command.name,
                               word.c_str(), command.name);
         }
+    }
+    if (args->has("--timeout")) {
+        double timeout = 0;
+        if (!parseDouble(args->options["--timeout"], &timeout) || timeout <= 0)
+            return usageError("%s: --timeout needs a number of seconds above 0", command.name);
+        StoreWatch::instance().setTimeout(timeout);
     }
     const int count = static_cast<int>(args->positional.size());
     if (count < command.minArgs || (command.maxArgs >= 0 && count > command.maxArgs)) {
@@ -188,26 +306,13 @@ std::string formatDouble(double value) {
     return std::string(text, result.ptr);
 }
 
-std::string printable(const char* text, size_t size) {
-    std::string out;
-    for (size_t i = 0; i < size && text[i] != '\0'; ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7F) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\x%02X", c);
-            out += escape;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
+std::string jsonText(const Json& value, int indent) {
+    return value.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
 bool openRealStore() {
     if (!storeFileExists(QV_REALTIME_DB_PATH, "real-time")) return false;
+    waitingForStore("real-time store");
     if (zq_openRealDB() == 0) return true;
     complain("cannot open the real-time store %s", QV_REALTIME_DB_PATH);
     return false;
@@ -215,59 +320,83 @@ bool openRealStore() {
 
 bool openConfStore() {
     if (!storeFileExists(QV_CONF_DB_PATH, "configuration")) return false;
+    waitingForStore("configuration store");
     if (zq_openConfDB() == 0) return true;
     complain("cannot open the configuration store %s", QV_CONF_DB_PATH);
     return false;
 }
 
-void Table::print() const {
-    std::vector<size_t> widths(rows_[0].size(), 0);
-    for (const auto& row : rows_) {
-        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
-            widths[c] = std::max(widths[c], row[c].size());
-        }
+void waitingForStore(const char* store) { StoreWatch::instance().watch(store); }
+
+int printRows(const Args& args, const std::vector<Column>& columns, const Json& rows) {
+    waitingForStore(nullptr);
+    if (args.has("--json")) {
+        std::puts(jsonText(rows, 2).c_str());
+        return kOk;
     }
-    for (const auto& row : rows_) {
-        std::string line;
-        for (size_t c = 0; c < row.size(); ++c) {
-            line += row[c];
-            if (c + 1 < row.size()) line += std::string(widths[c] - row[c].size() + 2, ' ');
-        }
-        line.erase(line.find_last_not_of(' ') + 1);  // empty last cells leave no blanks
-        std::puts(line.c_str());
+    std::vector<std::vector<std::string>> table(1);
+    for (const Column& column : columns) table[0].push_back(column.header);
+    for (const Json& row : rows) {
+        table.emplace_back();
+        for (const Column& column : columns) table.back().push_back(cellText(row[column.field]));
     }
+    printTable(table);
+    return kOk;
 }
 
-int printList(const Table& table, const char* whatIsEmpty) {
-    if (table.size() == 0) {
-        complain("no %s", whatIsEmpty);
-        return kFailed;
-    }
-    table.print();
+int printRecord(const Args& args, const Json& record, const std::string& plain) {
+    waitingForStore(nullptr);
+    std::puts(args.has("--json") ? jsonText(record, 2).c_str() : plain.c_str());
     return kOk;
 }
 
 }  // namespace qvtool
 
-int main(int argc, char** argv) {
+namespace {
+
+// Help, version or one command; the exit code.
+int runTool(int argc, char** argv) {
     using namespace qvtool;
     if (isSendChild(argc)) return runSendChild();
     if (argc < 2) return usageError("no command given (see qvtool --help)");
     const std::string name = argv[1];
-    if (name == "--help" || name == "-h" || name == "help") {
+    if (name == "--version") {
+        printVersion();
+        return kOk;
+    }
+    if (name == "--help" || name == "-h" || (name == "help" && argc == 2)) {
         printToolHelp(stdout);
         return kOk;
     }
-    const Command* command = findCommand(name);
+    const bool helpOfCommand = name == "help";
+    if (helpOfCommand && argc > 3) return usageError("help: usage: qvtool help [COMMAND]");
+    const std::string commandName = helpOfCommand ? argv[2] : name;
+    const Command* command = findCommand(commandName);
     if (command == nullptr) {
-        return usageError("unknown command \"%s\" (see qvtool --help)", name.c_str());
+        return usageError("unknown command \"%s\" (see qvtool --help)", commandName.c_str());
     }
     Args args;
-    const int parsed = parseArgs(*command, argc - 2, argv + 2, &args);
+    const int parsed = helpOfCommand ? -1 : parseArgs(*command, argc - 2, argv + 2, &args);
     if (parsed < 0) {
         printCommandHelp(*command);
         return kOk;
     }
     if (parsed != kOk) return parsed;
-    return command->run(args);
+    const int code = command->run(args);
+    waitingForStore(nullptr);
+    return code;
 }
+
+// Output that could not be written (a full disk, a closed pipe while
+// SIGPIPE is ignored) is a failure, whatever the command did.
+int checkOutput(int code) {
+    errno = 0;
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return code;
+    qvtool::complain("cannot write the output: %s",
+                     std::strerror(errno != 0 ? errno : EIO));
+    return code != qvtool::kOk ? code : qvtool::kFailed;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return checkOutput(runTool(argc, argv)); }

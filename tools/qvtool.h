@@ -2,6 +2,8 @@
 #ifndef QVTOOL_H
 #define QVTOOL_H
 
+#include <nlohmann/json.hpp>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -9,6 +11,9 @@
 struct ProcessMsgAssociation;
 
 namespace qvtool {
+
+// JSON documents keep the fields in the order of the records.
+using Json = nlohmann::ordered_json;
 
 // Exit codes that scripts rely on.
 constexpr int kOk = 0;
@@ -53,6 +58,10 @@ int runSendChild();
 // The names of the message kinds whose bits are set in a route's mask.
 std::string kindNames(int mask);
 
+// The mask of the named kinds ("all" for every kind); false, after saying
+// which, for a name that is no kind.
+bool kindMask(const std::vector<std::string>& names, int* mask);
+
 // The routes whose sender is the named process; false for an unknown name.
 bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes);
 
@@ -70,43 +79,58 @@ bool parseDouble(const std::string& text, double* out);
 // The shortest text that reads back as the same double.
 std::string formatDouble(double value);
 
-// A text from a store or a message made safe for one terminal line:
-// control bytes and quotes come out as escapes.
-std::string printable(const char* text, size_t size);
+// JSON as text; bytes that are not UTF-8 are replaced instead of refused.
+std::string jsonText(const Json& value, int indent = -1);
 
 // Opens a store through the library, after checking that its file exists
-// (the library would create an empty one). Prints why on failure.
+// (the library would create an empty one). Prints why on failure. While a
+// command waits for the store, a watch prints a line after a second and
+// gives up after --timeout (see waitingForStore).
 bool openRealStore();
 bool openConfStore();
 
-// Columns padded to their widest cell; the last column is not padded.
-class Table {
-public:
-    explicit Table(std::vector<std::string> header) { rows_.push_back(std::move(header)); }
-    void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
-    size_t size() const { return rows_.size() - 1; }
-    void print() const;
+// The store that the command may now be waiting for (null: none). The tool
+// says so on standard error after a second and, with --timeout SECONDS, gives
+// up with exit code 1. The printing functions below end the wait.
+void waitingForStore(const char* store);
 
-private:
-    std::vector<std::vector<std::string>> rows_;
+// One column of a table: its header and the JSON field that fills it.
+struct Column {
+    const char* header;
+    const char* field;
 };
 
-// Prints a list or says on standard error that it is empty; the exit code.
-int printList(const Table& table, const char* whatIsEmpty);
+// Prints rows (JSON objects) as a table of the given columns, or with
+// --json as one JSON array of the whole objects. An empty list is a header
+// alone or []. Returns kOk.
+int printRows(const Args& args, const std::vector<Column>& columns, const Json& rows);
 
-// Count-then-fetch into rows. The library's list operations take no
-// capacity, so the array gets `room` spare records for rows that another
-// process adds between the two calls. False when either call fails (the
-// library has said why).
-template <typename Record, typename CountFn, typename FetchFn>
-bool fetchList(std::vector<Record>* rows, CountFn count, FetchFn fetch, int room) {
-    int counted = 0;
-    if (count(&counted) != 0) return false;
-    rows->assign(static_cast<size_t>(counted) + static_cast<size_t>(room), Record{});
-    int delivered = 0;
-    if (fetch(rows->data(), &delivered) != 0) return false;
-    rows->resize(static_cast<size_t>(delivered));
-    return true;
+// Prints the one record that a lookup found: `plain` as it stands, or with
+// --json the record as one JSON object. Returns kOk.
+int printRecord(const Args& args, const Json& record, const std::string& plain);
+
+// Spare records in a list's array for rows that another process adds
+// between the count and the fetch.
+constexpr int kListRoom = 64;
+
+// Count-then-fetch into rows: count(filters..., &n), then the bounded
+// fetch(filters..., array, capacity, &delivered). When more rows came than
+// the array holds, it fetches again into a larger one. False when a call
+// fails (the library has said why).
+template <typename Record, typename CountFn, typename FetchFn, typename... Filters>
+bool fetchList(std::vector<Record>* rows, CountFn count, FetchFn fetch, Filters... filters) {
+    int wanted = 0;
+    if (count(filters..., &wanted) != 0) return false;
+    for (;;) {
+        rows->assign(static_cast<size_t>(wanted) + kListRoom, Record{});
+        int delivered = 0;
+        const int fitted =
+            fetch(filters..., rows->data(), static_cast<int>(rows->size()), &delivered);
+        if (fitted < 0) return false;
+        rows->resize(static_cast<size_t>(delivered));
+        if (fitted == 0) return true;
+        wanted = 2 * delivered;
+    }
 }
 
 }  // namespace qvtool

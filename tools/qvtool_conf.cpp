@@ -1,7 +1,11 @@
 // qvtool commands on the configuration store: processes, their message
 // routes and their settings.
+#include <sqlite3.h>
+
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <map>
 
 #include "qvconf.h"
@@ -11,8 +15,19 @@ namespace qvtool {
 
 namespace {
 
-// Room for processes added by provisioning between count and fetch.
-constexpr int kListRoom = 64;
+struct Action {
+    const char* name;
+    int (*run)(const Args& args);
+};
+
+// Runs the action that the first argument names ("process add ...").
+int runAction(const char* command, const Args& args, const std::vector<Action>& actions) {
+    for (const Action& action : actions) {
+        if (args.positional[0] == action.name) return action.run(args);
+    }
+    return usageError("%s: unknown action %s (%s or %s)", command, args.positional[0].c_str(),
+                      actions[0].name, actions[1].name);
+}
 
 bool knownProcess(const std::string& name, int* number) {
     if (zq_getProcessNoByName(name.c_str(), number) == 0) return true;
@@ -20,52 +35,224 @@ bool knownProcess(const std::string& name, int* number) {
     return false;
 }
 
-// Process number -> process name; the library's record has no number, so
+// Every process with its number; the library's record has no number, so
 // each name is looked up.
-bool processNames(std::map<int, std::string>* names) {
+bool listProcesses(Json* rows) {
     std::vector<ProcessConfig> processes;
-    if (!fetchList(&processes, zq_getAllProcessConfigsNum, zq_getAllProcessConfigs, kListRoom))
-        return false;
+    if (!fetchList(&processes, zq_getAllProcessConfigsNum, zq_getAllProcessConfigsN)) return false;
+    *rows = Json::array();
     for (const ProcessConfig& process : processes) {
         int number = 0;
-        if (zq_getProcessNoByName(process.processName, &number) == 0)
-            (*names)[number] = process.processName;
+        const bool numbered = zq_getProcessNoByName(process.processName, &number) == 0;
+        rows->push_back({{"no", numbered ? Json(number) : Json()},
+                         {"processName", process.processName},
+                         {"processDescribe", process.processDescribe}});
     }
     return true;
 }
 
-int runProcesses(const Args&) {
-    if (!openConfStore()) return kFailed;
-    std::vector<ProcessConfig> processes;
-    if (!fetchList(&processes, zq_getAllProcessConfigsNum, zq_getAllProcessConfigs, kListRoom))
-        return kFailed;
-    Table table({"NO", "NAME", "DESCRIPTION"});
-    for (const ProcessConfig& process : processes) {
-        int number = 0;
-        const bool numbered = zq_getProcessNoByName(process.processName, &number) == 0;
-        table.add({numbered ? std::to_string(number) : "?", process.processName,
-                   process.processDescribe});
-    }
-    return printList(table, "processes in the configuration store");
+int runProcesses(const Args& args) {
+    Json rows;
+    if (!openConfStore() || !listProcesses(&rows)) return kFailed;
+    return printRows(args, {{"NO", "no"}, {"NAME", "processName"},
+                            {"DESCRIPTION", "processDescribe"}},
+                     rows);
+}
+
+std::string hexMask(int mask) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", static_cast<unsigned>(mask));
+    return text;
 }
 
 int runRoutes(const Args& args) {
     const std::string& sender = args.positional[0];
     int number = 0;
-    if (!openConfStore() || !knownProcess(sender, &number)) return kFailed;
-    std::map<int, std::string> names;
+    Json processes;
     std::vector<ProcessMsgAssociation> routes;
-    if (!processNames(&names) || !fetchRoutes(sender, &routes)) return kFailed;
-    Table table({"TO", "NO", "MASK", "KINDS"});
+    if (!openConfStore() || !knownProcess(sender, &number) || !listProcesses(&processes) ||
+        !fetchRoutes(sender, &routes))
+        return kFailed;
+    std::map<int, std::string> names;
+    for (const Json& process : processes) {
+        if (process["no"].is_number()) names[process["no"].get<int>()] = process["processName"];
+    }
+    Json rows = Json::array();
     for (const ProcessMsgAssociation& route : routes) {
         auto receiver = names.find(route.recvProcessNo);
-        char mask[16];
-        std::snprintf(mask, sizeof mask, "0x%X", static_cast<unsigned>(route.msgType));
-        table.add({receiver != names.end() ? receiver->second : "?",
-                   std::to_string(route.recvProcessNo), mask, kindNames(route.msgType)});
+        rows.push_back({{"sendProcessNo", route.sendProcessNo},
+                        {"recvProcessNo", route.recvProcessNo},
+                        {"msgType", route.msgType},
+                        {"recvProcessName", receiver != names.end() ? Json(receiver->second)
+                                                                    : Json()},
+                        {"mask", hexMask(route.msgType)},
+                        {"kinds", kindNames(route.msgType)}});
     }
-    const std::string empty = "routes from \"" + sender + "\"";
-    return printList(table, empty.c_str());
+    return printRows(args, {{"TO", "recvProcessName"}, {"NO", "recvProcessNo"},
+                            {"MASK", "mask"}, {"KINDS", "kinds"}},
+                     rows);
+}
+
+// ---- process, route: the writes that provisioning does ---------------------
+
+using Binder = std::function<void(sqlite3_stmt*)>;
+
+// Runs statements on the configuration store in one transaction, each with
+// its binds; returns the rows the last one changed, or -1 (said why). The
+// library writes no processes or routes, so the tool has a connection of its
+// own; a busy store is waited for like the library's.
+int changeConf(const std::vector<std::pair<const char*, Binder>>& statements) {
+    sqlite3* db = nullptr;
+    waitingForStore("configuration store");
+    int changed = -1;
+    bool ok = sqlite3_open_v2(QV_CONF_DB_PATH, &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+              sqlite3_busy_timeout(db, INT_MAX) == SQLITE_OK &&
+              sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+    for (size_t i = 0; ok && i < statements.size(); ++i) {
+        sqlite3_stmt* stmt = nullptr;
+        ok = sqlite3_prepare_v2(db, statements[i].first, -1, &stmt, nullptr) == SQLITE_OK;
+        if (ok) statements[i].second(stmt);
+        ok = ok && sqlite3_step(stmt) == SQLITE_DONE;
+        sqlite3_finalize(stmt);
+        changed = sqlite3_changes(db);
+    }
+    ok = ok && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (!ok) {
+        complain("the configuration store %s was not changed: %s", QV_CONF_DB_PATH,
+                 sqlite3_errmsg(db));
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    sqlite3_close(db);
+    return ok ? changed : -1;
+}
+
+Binder bindNumbers(int first, int second, int third = 0) {
+    return [=](sqlite3_stmt* stmt) {
+        sqlite3_bind_int(stmt, 1, first);
+        sqlite3_bind_int(stmt, 2, second);
+        sqlite3_bind_int(stmt, 3, third);
+    };
+}
+
+int processAdd(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
+    int number = 0;
+    if (words.size() < 3 || words.size() > 4 || !parseInt(words[2], &number))
+        return usageError("process add: usage: qvtool process add NAME NUMBER [DESCRIPTION]");
+    const std::string& name = words[1];
+    const std::string describe = words.size() == 4 ? words[3] : "";
+    if (!openConfStore()) return kFailed;
+    int known = 0;
+    if (zq_getProcessNoByName(name.c_str(), &known) == 0) {
+        if (known != number) {
+            complain("process \"%s\" already has the number %d", name.c_str(), known);
+            return kFailed;
+        }
+        std::printf("process \"%s\" is number %d already\n", name.c_str(), number);
+        return kOk;
+    }
+    const int added = changeConf({{"insert into ProcessConfig(no, processName, processDescribe) "
+                                   "values(?1, ?2, ?3) on conflict do nothing",
+                                   [&](sqlite3_stmt* stmt) {
+                                       sqlite3_bind_int(stmt, 1, number);
+                                       sqlite3_bind_text(stmt, 2, name.c_str(), -1, SQLITE_STATIC);
+                                       sqlite3_bind_text(stmt, 3, describe.c_str(), -1,
+                                                         SQLITE_STATIC);
+                                   }}});
+    if (added < 0) return kFailed;
+    if (added == 0) {
+        complain("the number %d belongs to another process", number);
+        return kFailed;
+    }
+    std::printf("process \"%s\" added as number %d\n", name.c_str(), number);
+    return kOk;
+}
+
+int processRemove(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
+    if (words.size() != 2) return usageError("process remove: usage: qvtool process remove NAME");
+    int number = 0;
+    if (!openConfStore()) return kFailed;
+    if (zq_getProcessNoByName(words[1].c_str(), &number) != 0) {
+        std::printf("no process \"%s\"; nothing to remove\n", words[1].c_str());
+        return kOk;
+    }
+    const int removed = changeConf(
+        {{"delete from ProcessMsgAssociation where sendProcessNo=?1 or recvProcessNo=?1",
+          bindNumbers(number, 0)},
+         {"delete from ProcessConfig where no=?1", bindNumbers(number, 0)}});
+    if (removed < 0) return kFailed;
+    std::printf("process \"%s\" (number %d) and its routes removed\n", words[1].c_str(), number);
+    return kOk;
+}
+
+int runProcess(const Args& args) {
+    return runAction("process", args, {{"add", processAdd}, {"remove", processRemove}});
+}
+
+// The two ends of a route, by process name.
+bool routeEnds(const std::vector<std::string>& words, int* from, int* to) {
+    return openConfStore() && knownProcess(words[1], from) && knownProcess(words[2], to);
+}
+
+std::vector<std::string> kindsNamed(const std::vector<std::string>& words) {
+    return {words.begin() + 3, words.end()};
+}
+
+// The routes between the two processes as they are now.
+int printRoutes(const std::vector<std::string>& words, int to) {
+    std::vector<ProcessMsgAssociation> routes;
+    if (!fetchRoutes(words[1], &routes)) return kFailed;
+    bool any = false;
+    for (const ProcessMsgAssociation& route : routes) {
+        if (route.recvProcessNo != to) continue;
+        std::printf("route \"%s\" -> \"%s\": %s (%s)\n", words[1].c_str(), words[2].c_str(),
+                    kindNames(route.msgType).c_str(), hexMask(route.msgType).c_str());
+        any = true;
+    }
+    if (!any) std::printf("no route \"%s\" -> \"%s\"\n", words[1].c_str(), words[2].c_str());
+    return kOk;
+}
+
+int routeAdd(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
+    if (words.size() < 4) return usageError("route add: usage: qvtool route add FROM TO KIND...");
+    int from = 0, to = 0, mask = 0;
+    if (!kindMask(kindsNamed(words), &mask)) return kUsage;
+    if (!routeEnds(words, &from, &to)) return kFailed;
+    // A new route, or the kinds added to the first route between the two.
+    if (changeConf({{"insert into ProcessMsgAssociation(sendProcessNo, recvProcessNo, msgType) "
+                     "select ?1, ?2, ?3 where not exists (select 1 from ProcessMsgAssociation "
+                     "where sendProcessNo=?1 and recvProcessNo=?2)",
+                     bindNumbers(from, to, mask)},
+                    {"update or replace ProcessMsgAssociation set msgType = msgType | ?3 "
+                     "where rowid = (select min(rowid) from ProcessMsgAssociation "
+                     "where sendProcessNo=?1 and recvProcessNo=?2)",
+                     bindNumbers(from, to, mask)}}) < 0)
+        return kFailed;
+    return printRoutes(words, to);
+}
+
+int routeRemove(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
+    if (words.size() < 3)
+        return usageError("route remove: usage: qvtool route remove FROM TO [KIND...]");
+    int from = 0, to = 0, mask = ~0;  // no kind named: all of them
+    if (words.size() > 3 && !kindMask(kindsNamed(words), &mask)) return kUsage;
+    if (!routeEnds(words, &from, &to)) return kFailed;
+    // Routes that end up alike merge (the key allows one of each).
+    if (changeConf({{"update or replace ProcessMsgAssociation set msgType = msgType & ~?3 "
+                     "where sendProcessNo=?1 and recvProcessNo=?2",
+                     bindNumbers(from, to, mask)},
+                    {"delete from ProcessMsgAssociation where sendProcessNo=?1 and "
+                     "recvProcessNo=?2 and msgType=0",
+                     bindNumbers(from, to)}}) < 0)
+        return kFailed;
+    return printRoutes(words, to);
+}
+
+int runRoute(const Args& args) {
+    return runAction("route", args, {{"add", routeAdd}, {"remove", routeRemove}});
 }
 
 // ---- setting ----------------------------------------------------------------
@@ -89,15 +276,20 @@ bool fitText(char (&field)[N], const std::string& text, const char* what) {
     return true;
 }
 
-int settingGet(const std::vector<std::string>& words) {
+Json toJson(const ProcessMisc& setting) {
+    return {{"key", setting.key}, {"value", setting.value}, {"describe", setting.describe}};
+}
+
+int settingGet(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     if (words.size() != 3) return usageError("setting get: usage: qvtool setting get PROCESS KEY");
     ProcessMisc setting{};
     if (!openConfStore() || !readSetting(words[1], words[2], &setting)) return kFailed;
-    std::printf("%s\n", setting.value);
-    return kOk;
+    return printRecord(args, toJson(setting), setting.value);
 }
 
-int settingSet(const std::vector<std::string>& words) {
+int settingSet(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
     if (words.size() < 4 || words.size() > 5)
         return usageError("setting set: usage: qvtool setting set PROCESS KEY VALUE [DESCRIPTION]");
     ProcessMisc setting{};
@@ -109,48 +301,59 @@ int settingSet(const std::vector<std::string>& words) {
     if (zq_setProcessMiscValue(words[1].c_str(), words[2].c_str(), &setting) != 0 ||
         !readSetting(words[1], words[2], &setting))
         return kFailed;
-    std::printf("%s=%s (%s)\n", setting.key, setting.value, setting.describe);
-    return kOk;
+    return printRecord(args, toJson(setting),
+                       std::string(setting.key) + "=" + setting.value + " (" + setting.describe +
+                           ")");
 }
 
 int runSetting(const Args& args) {
-    const std::vector<std::string>& words = args.positional;
-    if (words[0] == "get") return settingGet(words);
-    if (words[0] == "set") return settingSet(words);
-    return usageError("setting: unknown action %s (get or set)", words[0].c_str());
+    return runAction("setting", args, {{"get", settingGet}, {"set", settingSet}});
 }
 
 }  // namespace
 
 bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes) {
-    return fetchList(
-        routes,
-        [&](int* count) { return zq_getProcessMsgAssociationsNum(sender.c_str(), count); },
-        [&](ProcessMsgAssociation* rows, int* count) {
-            return zq_getProcessMsgAssociations(sender.c_str(), rows, count);
-        },
-        kListRoom);
+    return fetchList(routes, zq_getProcessMsgAssociationsNum, zq_getProcessMsgAssociationsN,
+                     sender.c_str());
 }
 
 const std::vector<Command>& confCommands() {
     static const std::vector<Command> commands = {
-        {"processes", "processes", "list the configured processes with their numbers",
+        {"processes", "processes [--json]", "list the configured processes with their numbers",
          "A process is known by its executable's file name followed by its arguments,\n"
-         "each after one blank. Its queue key is its number plus the queue key offset.\n",
-         {}, {}, 0, 0, runProcesses},
-        {"routes", "routes PROCESS", "list the message routes from a process",
+         "each after one blank. Its queue key is its number plus the queue key offset.\n"
+         "JSON fields: no, processName, processDescribe.\n",
+         {}, {"--json"}, 0, 0, runProcesses},
+        {"process", "process add NAME NUMBER [DESCRIPTION] | process remove NAME",
+         "configure a process or remove it with its routes",
+         "add is harmless to repeat: a process that has that name and number already\n"
+         "stays as it is; a name or number that another process holds is exit code 1.\n"
+         "remove also removes every route from and to the process; removing a process\n"
+         "that does not exist changes nothing (exit code 0).\n",
+         {}, {}, 2, 4, runProcess},
+        {"routes", "routes PROCESS [--json]", "list the message routes from a process",
          "One row per route: the receiving process, its number, the kind mask and the\n"
-         "kinds it carries. Quote a process name with blanks: routes 'qv104 -p 2404'.\n",
-         {}, {}, 1, 1, runRoutes},
-        {"setting", "setting get|set PROCESS KEY [VALUE [DESCRIPTION]]",
+         "kinds it carries. Quote a process name with blanks: routes 'qv104 -p 2404'.\n"
+         "Exit code 1 for an unknown process. JSON fields: sendProcessNo, recvProcessNo,\n"
+         "msgType, recvProcessName, mask, kinds.\n",
+         {}, {"--json"}, 1, 1, runRoutes},
+        {"route", "route add FROM TO KIND... | route remove FROM TO [KIND...]",
+         "add message kinds to a route, or take them off",
+         "FROM and TO are process names; KIND is a kind name of \"qvtool send --help\"\n"
+         "or all. add creates the route or adds the kinds to it; remove takes the kinds\n"
+         "off (all of them when none is named) and deletes a route that carries none.\n"
+         "Both are harmless to repeat and print the route as it is afterwards.\n",
+         {}, {}, 3, -1, runRoute},
+        {"setting", "setting get|set PROCESS KEY [VALUE [DESCRIPTION]] [--json]",
          "read or change one setting of a process",
          "  setting get PROCESS KEY\n"
          "  setting set PROCESS KEY VALUE [DESCRIPTION]\n\n"
          "get prints the value alone. set replaces the value (and the description when\n"
          "given; else it is kept) of an existing setting; the library creates none, so a\n"
          "missing key is exit code 1. The library has no operation that lists a process's\n"
-         "settings: ask for each key by name.\n",
-         {}, {}, 1, 5, runSetting},
+         "settings: ask for each key by name. With --json both print the setting as\n"
+         "{\"key\", \"value\", \"describe\"}.\n",
+         {}, {"--json"}, 1, 5, runSetting},
     };
     return commands;
 }

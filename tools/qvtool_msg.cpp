@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <iterator>
 #include <map>
 
 #include "qvmessage.h"
@@ -229,33 +231,125 @@ int routesCarrying(const std::string& sender, int type) {
 
 // ---- watch ------------------------------------------------------------------
 
-void printRecord(LPMSGINFO record) {
-    const Kind* kind = kindByType(record->msgType);
-    if (kind == nullptr) {
-        std::printf("unknown kind=%d\n", record->msgType);
-    } else {
-        std::string line = kind->name;
-        for (const Field& field : kind->fields) {
-            const char* at = fieldAt(&record->msgInfo, field);
-            line += std::string(" ") + field.name + "=";
-            if (field.text) {
-                line += "\"" + printable(at, field.size) + "\"";
-            } else {
-                int number = 0;
-                std::memcpy(&number, at, sizeof number);
-                line += std::to_string(number);
-            }
-        }
-        std::puts(line.c_str());
-    }
-    std::fflush(stdout);
+// Options of watch travel to the re-executed tool in this variable, since
+// arguments would change the name it subscribes under: "MASK COUNT JSON".
+const char* const kWatchVariable = "QVTOOL_WATCH_OPTIONS";
+
+struct WatchOptions {
+    int mask = ~0;    // kinds to print
+    long count = -1;  // records to print before the tool ends; -1 no end
+    bool json = false;
+};
+
+WatchOptions g_watch;
+
+// Local time with milliseconds: "2026-05-04 13:07:21.042".
+std::string timeStamp() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char text[40];
+    const size_t n = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(text + n, sizeof text - n, ".%03ld", now.tv_nsec / 1000000);
+    return text;
 }
 
-int runWatch(const Args&) {
+// The record's kind and payload fields, with the time it was taken.
+Json messageJson(const MSGINFO& record, const Kind& kind) {
+    Json message = {{"time", timeStamp()}, {"msgType", record.msgType}, {"kind", kind.name}};
+    for (const Field& field : kind.fields) {
+        const char* at = reinterpret_cast<const char*>(&record.msgInfo) + field.offset;
+        if (field.text) {
+            message[field.name] = std::string(at, strnlen(at, field.size));
+        } else {
+            int number = 0;
+            std::memcpy(&number, at, sizeof number);
+            message[field.name] = number;
+        }
+    }
+    return message;
+}
+
+// "TIME KIND FIELD=VALUE ...", texts quoted and escaped as in JSON.
+std::string messageLine(const Json& message) {
+    std::string line =
+        message["time"].get<std::string>() + " " + message["kind"].get<std::string>();
+    for (auto field = std::next(message.begin(), 3); field != message.end(); ++field)
+        line += " " + field.key() + "=" + jsonText(field.value());
+    return line;
+}
+
+void printMessage(LPMSGINFO record) {
+    const Kind* kind = kindByType(record->msgType);
+    if (kind != nullptr && (g_watch.mask & kindBit(kind->type)) == 0) return;
+    if (kind == nullptr) {
+        std::printf("%s unknown msgType=%d\n", timeStamp().c_str(), record->msgType);
+    } else {
+        const Json message = messageJson(*record, *kind);
+        std::puts((g_watch.json ? jsonText(message) : messageLine(message)).c_str());
+    }
+    if (std::fflush(stdout) != 0) {
+        complain("cannot write the output: %s", std::strerror(errno));
+        std::exit(kFailed);
+    }
+    if (g_watch.count > 0 && --g_watch.count == 0) std::exit(kOk);
+}
+
+bool parseWatchOptions(const Args& args, WatchOptions* options) {
+    if (args.has("--kind")) {
+        std::vector<std::string> names;
+        std::string list = args.value("--kind");
+        for (size_t start = 0, comma; start <= list.size(); start = comma + 1) {
+            comma = list.find(',', start);
+            if (comma == std::string::npos) comma = list.size();
+            names.push_back(list.substr(start, comma - start));
+        }
+        if (!kindMask(names, &options->mask)) return false;
+    }
+    int count = 0;
+    if (args.has("--count") && (!parseInt(args.value("--count"), &count) || count < 1)) {
+        usageError("watch: --count needs a number above 0");
+        return false;
+    }
+    options->count = args.has("--count") ? count : -1;
+    options->json = args.has("--json");
+    return true;
+}
+
+// Becomes "TOOL watch" with the options in kWatchVariable; returns only when
+// that fails.
+int reexecuteToWatch(const WatchOptions& options) {
+    const std::string handed = std::to_string(options.mask) + " " +
+                               std::to_string(options.count) + " " + (options.json ? "1" : "0");
+    const std::string name = toolFileName();
+    if (setenv(kWatchVariable, handed.c_str(), 1) != 0) {
+        complain("cannot hand the options over: %s", std::strerror(errno));
+        return kFailed;
+    }
+    char* const childArgs[] = {const_cast<char*>(name.c_str()), const_cast<char*>("watch"),
+                               nullptr};
+    execv("/proc/self/exe", childArgs);
+    complain("cannot re-execute the tool: %s", std::strerror(errno));
+    return kFailed;
+}
+
+int runWatch(const Args& args) {
+    if (!args.options.empty()) {
+        WatchOptions options;
+        return parseWatchOptions(args, &options) ? reexecuteToWatch(options) : kUsage;
+    }
+    if (const char* handed = std::getenv(kWatchVariable)) {
+        int json = 0;
+        std::sscanf(handed, "%d %ld %d", &g_watch.mask, &g_watch.count, &json);
+        g_watch.json = json != 0;
+        unsetenv(kWatchVariable);
+    }
     const std::string name = toolFileName() + " watch";
     if (!openConfStore()) return kFailed;
+    waitingForStore(nullptr);  // from here on the tool waits for messages
     std::fprintf(stderr, "qvtool: watching the queue of process \"%s\"\n", name.c_str());
-    zq_subscriberMsg_sync(printRecord);  // returns only when it could not subscribe
+    zq_subscriberMsg_sync(printMessage);  // returns only when it could not subscribe
     complain("cannot subscribe as process \"%s\"; is it in ProcessConfig?", name.c_str());
     return kFailed;
 }
@@ -270,6 +364,19 @@ std::string kindNames(int mask) {
         names += kind.name;
     }
     return names.empty() ? "-" : names;
+}
+
+bool kindMask(const std::vector<std::string>& names, int* mask) {
+    *mask = 0;
+    for (const std::string& name : names) {
+        const Kind* kind = kindByName(name);
+        if (kind == nullptr && name != "all") {
+            usageError("unknown message kind \"%s\" (see qvtool send --help)", name.c_str());
+            return false;
+        }
+        *mask |= kind != nullptr ? kindBit(kind->type) : (1 << kinds().size()) - 1;
+    }
+    return true;
 }
 
 bool isSendChild(int argc) { return argc == 1 && std::getenv(kRecordVariable) != nullptr; }
@@ -327,12 +434,20 @@ const std::vector<Command>& messageCommands() {
     static const std::vector<Command> commands = {
         {"send", "send KIND [FIELD=VALUE ...]", "send a message of any kind as process \"qvtool\"",
          sendDetails.c_str(), {}, {}, 1, -1, runSend},
-        {"watch", "watch", "print every message sent to process \"qvtool watch\"",
+        {"watch", "watch [--kind KIND[,KIND...]] [--count N] [--json]",
+         "print every message sent to process \"qvtool watch\"",
          "Subscribes as the process named \"qvtool watch\" (configure it in ProcessConfig and\n"
-         "route messages to it) and prints one line per message, as it arrives: the kind\n"
-         "name, then FIELD=VALUE for every field of the payload, texts in quotes. Runs\n"
-         "until it is killed. It takes no arguments, since they would change its name.\n",
-         {}, {}, 0, 0, runWatch},
+         "route messages to it) and prints one line per message, as it arrives: the local\n"
+         "time with milliseconds, the kind name, then FIELD=VALUE for every field of the\n"
+         "payload, texts quoted and escaped as JSON strings. With options the tool runs\n"
+         "itself again as \"qvtool watch\", so the name stays the same.\n\n"
+         "  --kind KINDS  print only these kinds (names as for send, comma-separated)\n"
+         "  --count N     end after N messages printed (exit code 0)\n"
+         "  --json        one JSON object per line: time, msgType, kind, the fields\n\n"
+         "Without --count it runs until it is interrupted (Ctrl-C) or killed. Messages\n"
+         "wait in the queue (key: the process number plus the queue key offset) while\n"
+         "no watch runs; ipcrm -Q KEY removes the queue.\n",
+         {"--kind", "--count"}, {"--json"}, 0, 0, runWatch},
     };
     return commands;
 }

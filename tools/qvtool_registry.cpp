@@ -9,60 +9,74 @@ namespace qvtool {
 
 namespace {
 
-// Room for rows that field processes add between count and fetch.
-constexpr int kListRoom = 256;
-
-int runTerminals(const Args&) {
-    if (!openRealStore()) return kFailed;
-    std::vector<LTUInfor> terminals;
-    if (!fetchList(&terminals, zq_getAllLTUInforsNum, zq_getAllLTUInfors, kListRoom))
-        return kFailed;
-    Table table({"ID", "NAME", "ADDR", "STATE", "FAILED", "QV SW/HW", "SG SW/HW", "DESCRIPTION"});
-    for (const LTUInfor& t : terminals) {
-        table.add({std::to_string(t.id), t.name, t.addr, std::to_string(t.state),
-                   std::to_string(t.failedcount),
-                   std::string(t.QVsoftware_version) + "/" + t.QVhardware_version,
-                   std::string(t.SGsoftware_version) + "/" + t.SGhardware_version, t.desc});
-    }
-    return printList(table, "terminals");
+Json toJson(const LTUInfor& t) {
+    return {{"id", t.id},
+            {"QVsoftware_version", t.QVsoftware_version},
+            {"QVhardware_version", t.QVhardware_version},
+            {"SGsoftware_version", t.SGsoftware_version},
+            {"SGhardware_version", t.SGhardware_version},
+            {"name", t.name},
+            {"addr", t.addr},
+            {"failedcount", t.failedcount},
+            {"state", t.state},
+            {"desc", t.desc}};
 }
 
-int runAccess(const Args&) {
-    if (!openRealStore()) return kFailed;
-    std::vector<LTUAccess> entries;
-    if (!fetchList(&entries, zq_getAllLTUAccessNum, zq_getAllLTUAccess, kListRoom))
-        return kFailed;
-    Table table({"DATE", "DEVICE", "MODEL", "VERSION", "KEY", "DESCRIPTION"});
-    for (const LTUAccess& e : entries) {
-        table.add({e.date_time, e.deviceid, std::to_string(e.accessmodel), e.version, e.key,
-                   e.desc});
-    }
-    return printList(table, "entries in the access list");
+Json toJson(const LTUAccess& e) {
+    return {{"date_time", e.date_time}, {"deviceid", e.deviceid}, {"accessmodel", e.accessmodel},
+            {"desc", e.desc},           {"key", e.key},           {"version", e.version}};
 }
 
-int runTopology(const Args&) {
-    if (!openRealStore()) return kFailed;
-    std::vector<TopoInfor> nodes;
-    if (!fetchList(&nodes, zq_getAllTopoInforsNum, zq_getAllTopoInfors, kListRoom))
-        return kFailed;
-    Table table({"ID", "TYPE", "LN", "NAME", "LEFT", "RIGHT", "POWER", "IED", "SUBSTATION"});
-    for (const TopoInfor& n : nodes) {
-        table.add({std::to_string(n.id), n.type, n.m_rln, n.name, n.l_link, n.r_link,
-                   n.power_flag == 1 ? "yes" : "no", n.iedName, n.substation});
-    }
-    return printList(table, "topology nodes");
+Json toJson(const TopoInfor& n) {
+    return {{"id", n.id},         {"type", n.type},         {"m_rln", n.m_rln},
+            {"name", n.name},     {"l_link", n.l_link},     {"r_link", n.r_link},
+            {"power_flag", n.power_flag}, {"iedName", n.iedName}, {"substation", n.substation}};
+}
+
+// The whole table through count-then-fetch, as rows or JSON.
+template <typename Record>
+int listTable(const Args& args, int (*count)(int*), int (*fetch)(Record*, int, int*),
+              const std::vector<Column>& columns) {
+    std::vector<Record> records;
+    if (!openRealStore() || !fetchList(&records, count, fetch)) return kFailed;
+    Json rows = Json::array();
+    for (const Record& record : records) rows.push_back(toJson(record));
+    return printRows(args, columns, rows);
+}
+
+int runTerminals(const Args& args) {
+    return listTable(args, zq_getAllLTUInforsNum, zq_getAllLTUInforsN,
+                     {{"ID", "id"}, {"NAME", "name"}, {"ADDR", "addr"}, {"STATE", "state"},
+                      {"FAILED", "failedcount"}, {"QV SW", "QVsoftware_version"},
+                      {"QV HW", "QVhardware_version"}, {"SG SW", "SGsoftware_version"},
+                      {"SG HW", "SGhardware_version"}, {"DESCRIPTION", "desc"}});
+}
+
+int runAccess(const Args& args) {
+    return listTable(args, zq_getAllLTUAccessNum, zq_getAllLTUAccessN,
+                     {{"DATE", "date_time"}, {"DEVICE", "deviceid"}, {"MODEL", "accessmodel"},
+                      {"VERSION", "version"}, {"KEY", "key"}, {"DESCRIPTION", "desc"}});
+}
+
+int runTopology(const Args& args) {
+    return listTable(args, zq_getAllTopoInforsNum, zq_getAllTopoInforsN,
+                     {{"ID", "id"}, {"TYPE", "type"}, {"LN", "m_rln"}, {"NAME", "name"},
+                      {"LEFT", "l_link"}, {"RIGHT", "r_link"}, {"POWER", "power_flag"},
+                      {"IED", "iedName"}, {"SUBSTATION", "substation"}});
 }
 
 }  // namespace
 
 const std::vector<Command>& registryCommands() {
     static const std::vector<Command> commands = {
-        {"terminals", "terminals", "list the field terminals (LTUInfor)", "", {}, {}, 0, 0,
-         runTerminals},
-        {"access", "access", "list the terminal access list (ltu_access_list)", "", {}, {}, 0,
-         0, runAccess},
-        {"topology", "topology", "list the feeder topology nodes (TopoInfor)",
-         "POWER marks the power node (power_flag 1).\n", {}, {}, 0, 0, runTopology},
+        {"terminals", "terminals [--json]", "list the field terminals (LTUInfor)",
+         "JSON fields: those of the LTUInfor record.\n", {}, {"--json"}, 0, 0, runTerminals},
+        {"access", "access [--json]", "list the terminal access list (ltu_access_list)",
+         "JSON fields: those of the LTUAccess record.\n", {}, {"--json"}, 0, 0, runAccess},
+        {"topology", "topology [--json]", "list the feeder topology nodes (TopoInfor)",
+         "POWER is power_flag (1 marks the power node). JSON fields: those of the\n"
+         "TopoInfor record.\n",
+         {}, {"--json"}, 0, 0, runTopology},
     };
     return commands;
 }

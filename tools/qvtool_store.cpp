@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -19,9 +19,6 @@
 namespace qvtool {
 
 namespace {
-
-// Room for rows that a load adds between a count and its fetch.
-constexpr int kSpareRows = 5000;
 
 // ---- init -------------------------------------------------------------------
 
@@ -181,22 +178,41 @@ int runLoad(const Args& args) {
 
 // ---- get, set ---------------------------------------------------------------
 
+// Why a reference has no value row: unknown, a whole data object, or an
+// attribute that no classified data set holds.
+void explainMissingValue(const std::string& ref) {
+    DA attribute;
+    DataSetSub member;
+    if (zq_getDAByName(ref.c_str(), &attribute) == 0) {
+        complain("no value row for %s: only members of the classified data sets (dsAin, dsDin, "
+                 "dsGgio, dsControl, dsEnergy) have live values",
+                 ref.c_str());
+    } else if (zq_getDataSetSubByName(ref.c_str(), &member) == 0) {
+        complain("no value row for %s: it names a whole data object; its data attributes carry "
+                 "the values (see qvtool tree)",
+                 ref.c_str());
+    } else {
+        complain("no value row for %s: no such data attribute in the model", ref.c_str());
+    }
+}
+
 bool readValue(const std::string& ref, double* value, int* quality) {
     if (zq_getDoubDAValue1(ref.c_str(), value, quality) == 0) return true;
-    complain("no value row for %s", ref.c_str());
+    explainMissingValue(ref);
     return false;
 }
 
-void printValue(double value, int quality) {
-    std::printf("value=%s quality=%d\n", formatDouble(value).c_str(), quality);
+int printValue(const Args& args, const std::string& ref, double value, int quality) {
+    const Json record = {{"daName", ref}, {"value", value}, {"quality", quality}};
+    return printRecord(args, record,
+                       "value=" + formatDouble(value) + " quality=" + std::to_string(quality));
 }
 
 int runGet(const Args& args) {
     double value = 0;
     int quality = 0;
     if (!openRealStore() || !readValue(args.positional[0], &value, &quality)) return kFailed;
-    printValue(value, quality);
-    return kOk;
+    return printValue(args, args.positional[0], value, quality);
 }
 
 int runSet(const Args& args) {
@@ -215,164 +231,192 @@ int runSet(const Args& args) {
     const int saved = withQuality ? zq_saveDoubDAValue1(ref.c_str(), value, quality)
                                   : zq_saveDoubDAValue(ref.c_str(), value);
     if (saved != 0 || !readValue(ref, &value, &quality)) return kFailed;
-    printValue(value, quality);
-    return kOk;
+    return printValue(args, ref, value, quality);
 }
 
 // ---- model queries ----------------------------------------------------------
 
-int runDataSets(const Args&) {
-    if (!openRealStore()) return kFailed;
+Json toJson(const DataSet& set) {
+    return {{"iedName", set.iedName}, {"name", set.name}, {"ldInst", set.ldInst},
+            {"desc", set.desc}};
+}
+
+Json toJson(const DataSetSub& m) {
+    return {{"fcdaName", m.fcdaName}, {"iedName", m.iedName}, {"dsName", m.dsName},
+            {"ldInst", m.ldInst},     {"lnClass", m.lnClass}, {"lnInst", m.lnInst},
+            {"doName", m.doName},     {"daName", m.daName},   {"fc", m.fc}};
+}
+
+Json toJson(const DA& da) {
+    return {{"daName", da.daName}, {"iedName", da.iedName}, {"ldName", da.ldName},
+            {"lnName", da.lnName}, {"doName", da.doName},   {"fcName", da.fcName},
+            {"value", da.value},   {"valueType", da.valueType}, {"doDesc", da.doDesc}};
+}
+
+template <typename Record>
+Json toJsonRows(const std::vector<Record>& records) {
+    Json rows = Json::array();
+    for (const Record& record : records) rows.push_back(toJson(record));
+    return rows;
+}
+
+// A data object or attribute path in the notation that a table stores:
+// members keep the dots of the model file (PhV.phsA), attributes use '$'
+// (PhV$phsA). Either form is accepted on the command line.
+const char* pathFilter(const Args& args, const char* option, char separator,
+                       std::string* storage) {
+    const char* given = args.value(option);
+    if (given == nullptr) return nullptr;
+    *storage = given;
+    std::replace(storage->begin(), storage->end(), separator == '.' ? '$' : '.', separator);
+    return storage->c_str();
+}
+
+// --ln LN (class and instance, e.g. MMXU1) as the members' two columns: the
+// class is the four letters of an IEC 61850 logical node class.
+bool splitLnName(const Args& args, std::string* lnClass, std::string* lnInst) {
+    const char* ln = args.value("--ln");
+    if (ln == nullptr) return true;
+    if (args.has("--lnclass") || args.has("--lninst") || std::strlen(ln) < 4) return false;
+    *lnClass = std::string(ln, 4);
+    *lnInst = ln + 4;
+    return true;
+}
+
+int runDataSets(const Args& args) {
     std::vector<DataSet> sets;
-    if (!fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSets, kSpareRows))
+    if (!openRealStore() || !fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSetsN))
         return kFailed;
-    Table table({"IED", "DATA SET", "LD", "DESCRIPTION"});
-    for (const DataSet& set : sets) table.add({set.iedName, set.name, set.ldInst, set.desc});
-    return printList(table, "data sets");
+    return printRows(args, {{"IED", "iedName"}, {"DATA SET", "name"}, {"LD", "ldInst"},
+                            {"DESCRIPTION", "desc"}},
+                     toJsonRows(sets));
 }
 
 int runMembers(const Args& args) {
-    const char* f[] = {args.value("--ied"),     args.value("--ds"),     args.value("--ld"),
-                       args.value("--lnclass"), args.value("--lninst"), args.value("--do"),
-                       args.value("--da"),      args.value("--fc")};
-    if (!openRealStore()) return kFailed;
+    std::string doName, daName, lnClass, lnInst;
+    if (!splitLnName(args, &lnClass, &lnInst))
+        return usageError("members: --ln takes a class and instance (e.g. MMXU1) and goes "
+                          "without --lnclass and --lninst");
+    const bool lnGiven = args.has("--ln");
     std::vector<DataSetSub> members;
-    const bool fetched = fetchList(
-        &members,
-        [&](int* count) {
-            return zq_getDataSetSubsByParamsNum(f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7],
-                                                count);
-        },
-        [&](DataSetSub* rows, int* count) {
-            return zq_getDataSetSubsByParams(f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], rows,
-                                             count);
-        },
-        kSpareRows);
-    if (!fetched) return kFailed;
-    Table table({"IED", "DATA SET", "LD", "LN", "DO", "DA", "FC", "REFERENCE"});
-    for (const DataSetSub& m : members) {
-        table.add({m.iedName, m.dsName, m.ldInst, std::string(m.lnClass) + m.lnInst, m.doName,
-                   m.daName, m.fc, m.fcdaName});
-    }
-    return printList(table, "matching members");
+    if (!openRealStore() ||
+        !fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN,
+                   args.value("--ied"), args.value("--ds"), args.value("--ld"),
+                   lnGiven ? lnClass.c_str() : args.value("--lnclass"),
+                   lnGiven ? lnInst.c_str() : args.value("--lninst"),
+                   pathFilter(args, "--do", '.', &doName), pathFilter(args, "--da", '.', &daName),
+                   args.value("--fc")))
+        return kFailed;
+    return printRows(args, {{"IED", "iedName"}, {"DATA SET", "dsName"}, {"LD", "ldInst"},
+                            {"LNCLASS", "lnClass"}, {"LNINST", "lnInst"}, {"DO", "doName"},
+                            {"DA", "daName"}, {"FC", "fc"}, {"REFERENCE", "fcdaName"}},
+                     toJsonRows(members));
 }
 
 int runAttrs(const Args& args) {
-    const char* f[] = {args.value("--ied"), args.value("--ld"), args.value("--ln"),
-                       args.value("--do"), args.value("--fc")};
-    if (!openRealStore()) return kFailed;
+    std::string doName;
     std::vector<DA> attributes;
-    const bool fetched = fetchList(
-        &attributes,
-        [&](int* count) { return zq_getDAsByParamsNum(f[0], f[1], f[2], f[3], f[4], count); },
-        [&](DA* rows, int* count) {
-            return zq_getDAsByParams(f[0], f[1], f[2], f[3], f[4], rows, count);
-        },
-        kSpareRows);
-    if (!fetched) return kFailed;
-    Table table({"REFERENCE", "FC", "TYPE", "VALUE", "DESCRIPTION"});
-    for (const DA& da : attributes) {
-        table.add({da.daName, da.fcName, da.valueType, da.value, da.doDesc});
+    if (!openRealStore() ||
+        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
+                   args.value("--ld"), args.value("--ln"), pathFilter(args, "--do", '$', &doName),
+                   args.value("--fc")))
+        return kFailed;
+    return printRows(args, {{"REFERENCE", "daName"}, {"FC", "fcName"}, {"TYPE", "valueType"},
+                            {"VALUE", "value"}, {"DESCRIPTION", "doDesc"}},
+                     toJsonRows(attributes));
+}
+
+// The live value (under valueField) and quality of a reference as fields
+// of row; both null without a value row.
+void addLiveValue(const char* ref, const char* valueField, Json* row) {
+    double value = 0;
+    int quality = 0;
+    const bool live = zq_getDoubDAValue1(ref, &value, &quality) == 0;
+    (*row)[valueField] = live ? Json(value) : Json();
+    (*row)["quality"] = live ? Json(quality) : Json();
+}
+
+// ---- tree -------------------------------------------------------------------
+
+// A path of the model in dots (PhV$phsA -> PhV.phsA).
+std::string dotted(std::string path) {
+    std::replace(path.begin(), path.end(), '$', '.');
+    return path;
+}
+
+// The attribute's own path within its data object: the reference less
+// "IED" "LD" "/" "LN" "$" "FC" "$" "DO" "$".
+std::string attributePath(const Json& da) {
+    const std::string prefix = da["iedName"].get<std::string>() + da["ldName"].get<std::string>() +
+                               "/" + da["lnName"].get<std::string>() + "$" +
+                               da["fcName"].get<std::string>() + "$" +
+                               da["doName"].get<std::string>() + "$";
+    std::string path = da["daName"];
+    if (path.compare(0, prefix.size(), prefix) == 0) path.erase(0, prefix.size());
+    return dotted(path);
+}
+
+// One line per level that changes from the attribute before (IED, LD, LN,
+// DO), then the attribute's line.
+void printTree(const Json& attributes) {
+    std::vector<std::string> above;
+    for (const Json& da : attributes) {
+        const std::vector<std::string> levels = {da["iedName"], da["ldName"], da["lnName"],
+                                                 dotted(da["doName"])};
+        size_t same = 0;
+        while (same < above.size() && above[same] == levels[same]) ++same;
+        for (size_t level = same; level < levels.size(); ++level)
+            std::printf("%*s%s\n", static_cast<int>(2 * level), "", levels[level].c_str());
+        above = levels;
+        std::string line = std::string(8, ' ') + attributePath(da) + " [" +
+                           da["fcName"].get<std::string>() + "]";
+        if (!da["liveValue"].is_null())
+            line += " = " + formatDouble(da["liveValue"]) + " quality=" + da["quality"].dump();
+        std::puts(line.c_str());
     }
-    return printList(table, "matching attributes");
+}
+
+int runTree(const Args& args) {
+    std::vector<DA> attributes;
+    if (!openRealStore() ||
+        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
+                   args.value("--ld"), nullptr, nullptr, nullptr))
+        return kFailed;
+    Json rows = Json::array();
+    for (const DA& da : attributes) {
+        rows.push_back(toJson(da));
+        addLiveValue(da.daName, "liveValue", &rows.back());
+    }
+    if (args.has("--json")) return printRows(args, {}, rows);
+    waitingForStore(nullptr);
+    printTree(rows);
+    return kOk;
 }
 
 // ---- dump -------------------------------------------------------------------
 
-std::string jsonString(const char* text) {
-    std::string out = "\"";
-    for (const char* c = text; *c != '\0'; ++c) {
-        const unsigned char byte = static_cast<unsigned char>(*c);
-        if (byte == '"' || byte == '\\') {
-            out += '\\';
-            out += *c;
-        } else if (byte < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-            out += escape;
-        } else {
-            out += *c;
-        }
-    }
-    return out + "\"";
-}
-
-// One member's live value; a member without a value row has none.
-struct MemberValue {
-    const DataSetSub* member;
-    bool present;
-    double value;
-    int quality;
-};
-
-void printDumpJson(const std::string& ied, const std::string& dataSet,
-                   const std::vector<MemberValue>& values) {
-    std::printf("{\n  \"ied\": %s,\n  \"dataSet\": %s,\n  \"members\": [",
-                jsonString(ied.c_str()).c_str(), jsonString(dataSet.c_str()).c_str());
-    for (size_t i = 0; i < values.size(); ++i) {
-        const MemberValue& v = values[i];
-        const std::string value = v.present ? formatDouble(v.value) : "null";
-        const std::string quality = v.present ? std::to_string(v.quality) : "null";
-        std::printf("%s\n    {\"reference\": %s, \"value\": %s, \"quality\": %s}",
-                    i == 0 ? "" : ",", jsonString(v.member->fcdaName).c_str(), value.c_str(),
-                    quality.c_str());
-    }
-    std::printf("%s]\n}\n", values.empty() ? "" : "\n  ");
-}
-
-void printDumpTable(const std::vector<MemberValue>& values) {
-    Table table({"REFERENCE", "VALUE", "QUALITY"});
-    for (const MemberValue& v : values) {
-        table.add({v.member->fcdaName, v.present ? formatDouble(v.value) : "-",
-                   v.present ? std::to_string(v.quality) : "-"});
-    }
-    table.print();
-}
-
 int runDump(const Args& args) {
-    const std::string& ied = args.positional[0];
-    const std::string& dataSet = args.positional[1];
+    const char* ied = args.positional[0].c_str();
+    const char* dataSet = args.positional[1].c_str();
     if (!openRealStore()) return kFailed;
     DataSet set;
-    if (zq_getDataSetByName(ied.c_str(), dataSet.c_str(), &set) != 0) {
-        complain("no data set %s of IED %s", dataSet.c_str(), ied.c_str());
+    if (zq_getDataSetByName(ied, dataSet, &set) != 0) {
+        complain("no data set %s of IED %s", dataSet, ied);
         return kFailed;
     }
     std::vector<DataSetSub> members;
-    const bool fetched = fetchList(
-        &members,
-        [&](int* count) {
-            return zq_getDataSetSubsByParamsNum(ied.c_str(), dataSet.c_str(), nullptr, nullptr,
-                                                nullptr, nullptr, nullptr, nullptr, count);
-        },
-        [&](DataSetSub* rows, int* count) {
-            return zq_getDataSetSubsByParams(ied.c_str(), dataSet.c_str(), nullptr, nullptr,
-                                             nullptr, nullptr, nullptr, nullptr, rows, count);
-        },
-        kSpareRows);
-    if (!fetched) return kFailed;
-    // The library reads the members again; room for a reload in between.
-    const size_t room = members.size() + kSpareRows;
-    std::vector<double> values(room, NAN);  // a member without a value row stays NaN
-    std::vector<int> qualities(room, 0);
-    int count = 0;
-    if (zq_getDAValues1ByDataSet(ied.c_str(), dataSet.c_str(), values.data(), qualities.data(),
-                                 &count) != 0)
+    if (!fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN, ied,
+                   dataSet, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
         return kFailed;
-    if (static_cast<size_t>(count) != members.size()) {
-        complain("data set %s changed while it was read; run again", dataSet.c_str());
-        return kFailed;
+    // Member by member: a member without a value row (a whole data object,
+    // an unclassified set) has none.
+    Json rows = Json::array();
+    for (const DataSetSub& member : members) {
+        rows.push_back({{"fcdaName", member.fcdaName}});
+        addLiveValue(member.fcdaName, "value", &rows.back());
     }
-    std::vector<MemberValue> dump;
-    for (size_t i = 0; i < members.size(); ++i) {
-        dump.push_back({&members[i], !std::isnan(values[i]), values[i], qualities[i]});
-    }
-    if (args.has("--json")) {
-        printDumpJson(ied, dataSet, dump);
-    } else {
-        printDumpTable(dump);
-    }
-    return kOk;
+    return printRows(args, {{"REFERENCE", "fcdaName"}, {"VALUE", "value"}, {"QUALITY", "quality"}},
+                     rows);
 }
 
 }  // namespace
@@ -399,39 +443,52 @@ const std::vector<Command>& storeCommands() {
          "  --check     read and expand the model and report what would be loaded;\n"
          "              the store is not touched\n",
          {"--ied"}, {"--check"}, 1, 1, runLoad},
-        {"get", "get REF", "print the live value and quality of a data attribute",
+        {"get", "get REF [--json]", "print the live value and quality of a data attribute",
          "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f'.\n"
-         "Prints \"value=V quality=Q\". Exit code 1 when REF has no value row.\n",
-         {}, {}, 1, 1, runGet},
-        {"set", "set REF VALUE [QUALITY]", "write the live value (and quality) of a data attribute",
+         "Prints \"value=V quality=Q\", with --json {\"daName\", \"value\", \"quality\"}.\n"
+         "Only the members of the classified data sets (dsAin, dsDin, dsGgio, dsControl,\n"
+         "dsEnergy) have live values; exit code 1 when REF has none.\n",
+         {}, {"--json"}, 1, 1, runGet},
+        {"set", "set REF VALUE [QUALITY] [--json]",
+         "write the live value (and quality) of a data attribute",
          "Without QUALITY the stored quality is kept. QUALITY is an integer (0x.. for\n"
          "hexadecimal). Prints the value and quality read back. Exit code 1 when REF\n"
          "has no value row (nothing is written).\n",
-         {}, {}, 2, 3, runSet},
-        {"datasets", "datasets", "list the data sets of the loaded models", "", {}, {}, 0, 0,
-         runDataSets},
-        {"members", "members [--ied --ds --ld --lnclass --lninst --do --da --fc]",
+         {}, {"--json"}, 2, 3, runSet},
+        {"datasets", "datasets [--json]", "list the data sets of the loaded models",
+         "JSON fields: iedName, name, ldInst, desc.\n", {}, {"--json"}, 0, 0, runDataSets},
+        {"members", "members [--ied --ds --ld --ln|--lnclass --lninst --do --da --fc] [--json]",
          "list data set members, filtered",
          "Each option takes a value and keeps the members whose column equals it\n"
          "exactly (an empty value matches empty columns):\n"
-         "  --ied IED  --ds DATASET  --ld LDINST  --lnclass CLASS  --lninst INST\n"
-         "  --do DO    --da DA       --fc FC\n"
-         "Exit code 1 when no member matches.\n",
-         {"--ied", "--ds", "--ld", "--lnclass", "--lninst", "--do", "--da", "--fc"}, {}, 0, 0,
-         runMembers},
-        {"attrs", "attrs [--ied --ld --ln --do --fc]",
+         "  --ied IED  --ds DATASET  --ld LDINST  --ln LN (class and instance, e.g. MMXU1)\n"
+         "  --lnclass CLASS  --lninst INST  --do DO  --da DA  --fc FC\n"
+         "Paths may be written with dots or '$': --do PhV.phsA, --da cVal$mag$f.\n"
+         "JSON fields: fcdaName, iedName, dsName, ldInst, lnClass, lnInst, doName,\n"
+         "daName, fc.\n",
+         {"--ied", "--ds", "--ld", "--ln", "--lnclass", "--lninst", "--do", "--da", "--fc"},
+         {"--json"}, 0, 0, runMembers},
+        {"attrs", "attrs [--ied --ld --ln --do --fc] [--json]",
          "list data attributes of the model, filtered",
          "Each option takes a value and keeps the attributes whose column equals it:\n"
          "  --ied IED  --ld LDINST  --ln LN (class and instance, e.g. MMXU1)\n"
-         "  --do DO (data object path, e.g. PhV$phsA)  --fc FC\n"
+         "  --do DO (data object path, PhV.phsA or PhV$phsA)  --fc FC\n"
          "VALUE is the value text of the model file, not the live value.\n"
-         "Exit code 1 when no attribute matches.\n",
-         {"--ied", "--ld", "--ln", "--do", "--fc"}, {}, 0, 0, runAttrs},
+         "JSON fields: daName, iedName, ldName, lnName, doName, fcName, value,\n"
+         "valueType, doDesc.\n",
+         {"--ied", "--ld", "--ln", "--do", "--fc"}, {"--json"}, 0, 0, runAttrs},
+        {"tree", "tree [--ied IED] [--ld LDINST] [--json]",
+         "show the model as a tree with live values",
+         "One line per level: IED, logical device, logical node, data object, then each\n"
+         "data attribute with its functional constraint in brackets and, where it has a\n"
+         "value row, \"= VALUE quality=Q\". Paths are written with dots. With --json the\n"
+         "attributes as attrs --json prints them, each with liveValue and quality (null\n"
+         "without a value row).\n",
+         {"--ied", "--ld"}, {"--json"}, 0, 0, runTree},
         {"dump", "dump IED DATASET [--json]", "show a data set's live values and qualities",
          "One row per member in member order; a member without a value row (a whole\n"
-         "data object) shows \"-\", in JSON null.\n\n"
-         "  --json  print {\"ied\", \"dataSet\", \"members\": [{\"reference\", \"value\",\n"
-         "          \"quality\"}]}\n",
+         "data object) shows \"-\", in JSON null. Exit code 1 when the data set does not\n"
+         "exist. JSON: [{\"fcdaName\", \"value\", \"quality\"}, ...].\n",
          {}, {"--json"}, 2, 2, runDump},
     };
     return commands;

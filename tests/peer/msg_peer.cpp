@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
 
 namespace {

@@ -1,0 +1,16 @@
+// Internal operations of the messaging unit: not exported from the shared
+// library and not installed; declared here for the tests and benchmarks.
+#ifndef QV_INTERNAL_QVMESSAGE_INTERNAL_H
+#define QV_INTERNAL_QVMESSAGE_INTERNAL_H
+
+#include "qvmessage.h"
+
+// Fills processdir (len bytes) with the executable's directory, ending in
+// "/", and processname (128 bytes) with the process name: the executable's
+// file name and each argument after one blank, at most 127 bytes.
+int get_executable_path(char* processdir, char* processname, int len);
+
+// The receiving thread of zq_subscriberMsg_async; never returns.
+void* recv_msg_thread(void* arg);
+
+#endif  // QV_INTERNAL_QVMESSAGE_INTERNAL_H
