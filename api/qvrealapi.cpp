@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -41,6 +42,7 @@ const char* const kUpdate1Sql = "update DAValue set value=?,quality=? where hash
 
 union semun {
     int val;
+    semid_ds* buf;
 };
 
 // Holds the store lock for one operation.
@@ -160,27 +162,68 @@ unsigned int RSHash(const char* str, unsigned int len) {
     return hash;
 }
 
-int initRealSem(void) {
-    s_RealSemId = semget(static_cast<key_t>(QV_SEM_KEY), 1, IPC_CREAT | 0666);
+namespace {
+
+// How long an opener waits for the process that created the semaphore set
+// to set it free before it takes the creator for dead and does it itself.
+constexpr int kSemInitWaitMillis = 2000;
+
+// A set's sem_otime stays 0 until its first semop: the creator's freeing one.
+bool semaphoreInitialised(int semid) {
+    semid_ds info{};
+    semun arg;
+    arg.buf = &info;
+    return semctl(semid, 0, IPC_STAT, arg) == 0 && info.sem_otime != 0;
+}
+
+// Frees a set whose creator died between creating and freeing it. Setting
+// the value (rather than adding to it) keeps two such openers from raising
+// it to 2; the pair of operations marks the set initialised.
+void takeOverInitialisation(int semid) {
     semun arg;
     arg.val = 1;
-    semctl(s_RealSemId, 0, SETVAL, arg);
+    semctl(semid, 0, SETVAL, arg);
+    sembuf ops[2] = {{0, -1, 0}, {0, 1, 0}};
+    semop(semid, ops, 2);
+}
+
+}  // namespace
+
+// Only the process that creates the set frees it; an existing lock is never
+// reset, since another process may hold it.
+int initRealSem(void) {
+    const key_t key = static_cast<key_t>(QV_SEM_KEY);
+    s_RealSemId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
+    if (s_RealSemId >= 0) {
+        // A new set holds 0 (taken); this first semop frees it and sets
+        // sem_otime, which tells other openers that it is ready.
+        sembuf release{0, 1, 0};
+        semop(s_RealSemId, &release, 1);
+        return 0;
+    }
+    if (errno != EEXIST) return 0;
+    s_RealSemId = semget(key, 1, 0666);
+    if (s_RealSemId < 0) return 0;
+    for (int waited = 0; !semaphoreInitialised(s_RealSemId); ++waited) {
+        if (waited == kSemInitWaitMillis) {
+            takeOverInitialisation(s_RealSemId);
+            break;
+        }
+        usleep(1000);
+    }
     return 0;
 }
 
+// SEM_UNDO: a process that ends while it holds the lock, however it ends,
+// gives it back at once.
 void locksem(int semid) {
-    sembuf op{};
-    op.sem_num = 0;
-    op.sem_op = -1;
-    op.sem_flg = 0;
-    semop(semid, &op, 1);
+    sembuf op{0, -1, SEM_UNDO};
+    while (semop(semid, &op, 1) == -1 && errno == EINTR) {
+    }
 }
 
 void unlocksem(int semid) {
-    sembuf op{};
-    op.sem_num = 0;
-    op.sem_op = 1;
-    op.sem_flg = 0;
+    sembuf op{0, 1, SEM_UNDO};
     semop(semid, &op, 1);
 }
 
