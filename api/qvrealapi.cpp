@@ -514,7 +514,7 @@ namespace {
 // A begin or commit that fails for a reason other than busy is tried this
 // many times, with a pause in between, before the save gives up: every other
 // process waits on the store lock meanwhile.
-constexpr int kTransactionControlAttempts = 20;
+constexpr int kTransactionControlAttempts = 5;
 constexpr useconds_t kControlFailurePauseMicros = 10000;
 
 // The DA references of one data set's members, built and released by each
@@ -542,50 +542,70 @@ void printTransactionFailure(TransactionStep step, bool withQuality, int rc, con
         std::fprintf(stderr, "zq_saveDAValues sqlite3_exec commit err:%d,%s\n", rc, text);
 }
 
-// Runs the begin or the commit of a save list. Busy is waited out; any other
-// failure is reported and tried again, a bounded number of times.
+// Runs the begin or the commit of a save list. The begin takes the write
+// lock at once, so that no element step meets a busy store. Busy is waited
+// out; any other failure is tried again a bounded number of times and then
+// reported once, with the first failure's cause.
 bool runTransactionStep(TransactionStep step, bool withQuality) {
-    const char* sql = step == TransactionStep::Begin ? "begin transaction" : "commit transaction";
+    const char* sql =
+        step == TransactionStep::Begin ? "begin immediate transaction" : "commit transaction";
     int failures = 0;
+    int firstCode = SQLITE_OK;
+    std::string firstCause;
     for (;;) {
         char* errorText = nullptr;
         const int rc = sqlite3_exec(s_sqliteDB, sql, nullptr, nullptr, &errorText);
         if (rc == SQLITE_OK) return true;
+        if (rc != SQLITE_BUSY && firstCode == SQLITE_OK) {
+            firstCode = rc;
+            firstCause = errorText != nullptr ? errorText : sqlite3_errmsg(s_sqliteDB);
+        }
+        sqlite3_free(errorText);
         if (rc == SQLITE_BUSY) {
-            sqlite3_free(errorText);
             usleep(qvsql::kBusyPauseMicros);
             continue;
         }
+        // SQLite may have rolled the transaction back itself (a full disk at
+        // commit): then no repetition can commit it.
+        const bool transactionGone =
+            step == TransactionStep::Commit && sqlite3_get_autocommit(s_sqliteDB);
+        if (++failures == kTransactionControlAttempts || transactionGone) break;
         usleep(kControlFailurePauseMicros);
-        printTransactionFailure(step, withQuality, rc, errorText);
-        sqlite3_free(errorText);
-        if (++failures == kTransactionControlAttempts) return false;
     }
+    printTransactionFailure(step, withQuality, firstCode, firstCause.c_str());
+    return false;
 }
 
-// A save list that cannot begin or commit leaves nothing behind.
+// A save list that cannot go on leaves nothing behind.
 int abandonSave() {
-    sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    if (!sqlite3_get_autocommit(s_sqliteDB))
+        sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
     return -1;
 }
 
+// Binds one element of a save list to the shared update statement and steps
+// it. An element whose reference has no row changes nothing and succeeds.
+bool saveElement(sqlite3_stmt* stmt, const DaNameRow& name, double value, const int* quality) {
+    sqlite3_bind_double(stmt, 1, value);
+    if (quality != nullptr) sqlite3_bind_int(stmt, 2, *quality);
+    bindNameRowKey(stmt, quality != nullptr ? 3 : 2, name);
+    const bool done = stepWithBusyRetry(stmt) == SQLITE_DONE;
+    if (!done) printStepError();
+    sqlite3_reset(stmt);
+    return done;
+}
+
 // Writes the list in one transaction through the shared update statement
-// (with the qualities when given). An element without a row, or whose step
-// fails, is skipped. A step that rolls the whole transaction back ends the
-// loop, so that no later element is written outside the transaction; the
-// commit then fails and the save reports it.
+// (with the qualities when given): every element or, when one fails, none.
 int saveValueList(const DaNameRow* names, const double* values, const int* qualities,
                   int count) {
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
-    for (int i = 0; i < count && !sqlite3_get_autocommit(s_sqliteDB); ++i) {
-        sqlite3_bind_double(stmt, 1, values[i]);
-        if (withQuality) sqlite3_bind_int(stmt, 2, qualities[i]);
-        bindNameRowKey(stmt, withQuality ? 3 : 2, names[i]);
-        sqlite3_step(stmt);
-        sqlite3_reset(stmt);
+    for (int i = 0; i < count; ++i) {
+        if (!saveElement(stmt, names[i], values[i], withQuality ? &qualities[i] : nullptr))
+            return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
     return 0;

@@ -2,12 +2,18 @@
 // inter-process store lock.
 #include <poll.h>
 #include <sqlite3.h>
+#include <fcntl.h>
 #include <sys/ipc.h>
+#include <sys/mount.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -261,4 +267,68 @@ TEST(StoreLock, BlockedLockWaitsForUnlock) {
     close(pipeFds[0]);
     close(pipeFds[1]);
     EXPECT_EQ(storeLockValue(), 1);
+}
+
+// ---- A full file system -------------------------------------------------------
+
+namespace {
+
+// The store directory on a tmpfs of its own for the test's length.
+class SmallTmpfs {
+public:
+    SmallTmpfs() {
+        mkdir(QV_TEST_STORE_DIR, 0755);
+        mounted_ = geteuid() == 0 && mount("tmpfs", QV_TEST_STORE_DIR, "tmpfs", 0, "size=1m") == 0;
+    }
+    ~SmallTmpfs() {
+        if (mounted_) umount2(QV_TEST_STORE_DIR, MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+
+    // Writes a file until the file system has no room left.
+    void fill() const {
+        const int fd = open(filler().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const std::vector<char> block(4096, 'x');
+        while (write(fd, block.data(), block.size()) > 0) {
+        }
+        close(fd);
+    }
+    void makeRoom() const { unlink(filler().c_str()); }
+
+private:
+    static std::string filler() { return std::string(QV_TEST_STORE_DIR) + "/filler"; }
+    bool mounted_ = false;
+};
+
+}  // namespace
+
+// A list save that finds no room fails whole, says why in one line and frees
+// the lock; once there is room the same save goes through.
+TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
+    zq_closeRealDB();
+    SmallTmpfs tmpfs;
+    if (!tmpfs.mounted()) GTEST_SKIP() << "mounting a small tmpfs needs root";
+    qvtest::freshRealStore();
+    constexpr int kRows = 300;
+    std::vector<DaNameRow> names(kRows);
+    std::vector<double> values(kRows);
+    for (int i = 0; i < kRows; ++i) {
+        std::snprintf(names[i], sizeof names[i], "FULLLD0/GGIO1$ST$Ind%d$stVal", i);
+        addValueRow(names[i]);
+        values[i] = i + 1;
+    }
+    ASSERT_EQ(zq_openRealDB(), 0);
+    tmpfs.fill();
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), -1);
+    const std::string err = GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("database or disk is full"));
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    EXPECT_EQ(storeLockValue(), 1);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), 0);
+
+    tmpfs.makeRoom();
+    EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), 0);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), kRows);
+    zq_closeRealDB();
 }
