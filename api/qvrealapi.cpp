@@ -517,16 +517,31 @@ namespace {
 constexpr int kTransactionControlAttempts = 5;
 constexpr useconds_t kControlFailurePauseMicros = 10000;
 
-// The DA references of one data set's members, built and released by each
-// data-set operation.
-DaNameRow* s_datasetDas = nullptr;
-int s_datasetDasNum = 0;
+// The member query of zq_getDataSetSubsByParams: the data-set operations run
+// the very same text, so that they meet the members in the same order.
+const char* const kMemberListSql =
+    "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ";
 
-// A name row holds at most 256 bytes, terminator or not.
-void bindNameRowKey(sqlite3_stmt* stmt, int index, const DaNameRow& row) {
-    const unsigned int key = RSHash(row, static_cast<unsigned int>(strnlen(row, sizeof row)));
+// The row key of a reference held in at most `size` bytes, terminated or not:
+// a name row, or a member's reference as a DataSetSub record would hold it.
+void bindBoundedRowKey(sqlite3_stmt* stmt, int index, const char* reference, std::size_t size) {
+    const unsigned int key =
+        RSHash(reference, static_cast<unsigned int>(strnlen(reference, size)));
     sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
 }
+
+// One consistent snapshot of the store for a list of reads.
+class ReadTransaction {
+public:
+    ReadTransaction() { sqlite3_exec(s_sqliteDB, "begin", nullptr, nullptr, nullptr); }
+    ~ReadTransaction() {
+        if (sqlite3_get_autocommit(s_sqliteDB)) return;
+        if (sqlite3_exec(s_sqliteDB, "commit", nullptr, nullptr, nullptr) != SQLITE_OK)
+            sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    }
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+};
 
 enum class TransactionStep { Begin, Commit };
 
@@ -583,16 +598,32 @@ int abandonSave() {
     return -1;
 }
 
-// Binds one element of a save list to the shared update statement and steps
-// it. An element whose reference has no row changes nothing and succeeds.
-bool saveElement(sqlite3_stmt* stmt, const DaNameRow& name, double value, const int* quality) {
+// Binds one element of a save to the shared update statement and steps it.
+// An element whose reference has no row changes nothing and succeeds.
+bool saveElement(sqlite3_stmt* stmt, const char* reference, double value, const int* quality) {
     sqlite3_bind_double(stmt, 1, value);
     if (quality != nullptr) sqlite3_bind_int(stmt, 2, *quality);
-    bindNameRowKey(stmt, quality != nullptr ? 3 : 2, name);
+    bindBoundedRowKey(stmt, quality != nullptr ? 3 : 2, reference, sizeof(DaNameRow));
     const bool done = stepWithBusyRetry(stmt) == SQLITE_DONE;
     if (!done) printStepError();
     sqlite3_reset(stmt);
     return done;
+}
+
+// Reads one element through the shared select statement (with the quality
+// when asked for): true when read or without a row (the element then keeps
+// the caller's value), false after a failed step.
+bool readElement(sqlite3_stmt* stmt, const char* reference, double* value, int* quality) {
+    bindBoundedRowKey(stmt, 1, reference, sizeof(DaNameRow));
+    const int rc = stepWithBusyRetry(stmt);
+    if (rc == SQLITE_ROW) {
+        *value = sqlite3_column_double(stmt, 0);
+        if (quality != nullptr) *quality = sqlite3_column_int(stmt, 1);
+    } else if (rc != SQLITE_DONE) {
+        printStepError();
+    }
+    sqlite3_reset(stmt);
+    return rc == SQLITE_ROW || rc == SQLITE_DONE;
 }
 
 // Writes the list in one transaction through the shared update statement
@@ -611,106 +642,94 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
     return 0;
 }
 
-// Reads each element through the shared select statement (with the quality
-// when asked for). An element without a row keeps the caller's value; a
-// failed step ends the list with -1.
+// Reads the list in one read transaction, so that it shows the store at one
+// moment. A failed step ends the list with -1.
 int readValueList(const DaNameRow* names, int count, double* values, int* qualities) {
     sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
     StoreLock lock;
+    ReadTransaction snapshot;
     for (int i = 0; i < count; ++i) {
-        bindNameRowKey(stmt, 1, names[i]);
-        const int rc = stepWithBusyRetry(stmt);
-        if (rc == SQLITE_ROW) {
-            values[i] = sqlite3_column_double(stmt, 0);
-            if (qualities != nullptr) qualities[i] = sqlite3_column_int(stmt, 1);
-        } else if (rc != SQLITE_DONE) {
-            printStepError();
-            sqlite3_reset(stmt);
+        if (!readElement(stmt, names[i], &values[i], qualities != nullptr ? &qualities[i] : nullptr))
             return -1;
-        }
-        sqlite3_reset(stmt);
     }
     return 0;
 }
 
-void releaseMemberTable() {
-    std::free(s_datasetDas);
-    s_datasetDas = nullptr;
-}
-
-// Builds the member table of one data set: the members' references in
-// member-query order. A data set without members gives an empty table.
-int initDaValueDataSetInfo(const char* iedName, const char* dataSetName) {
-    int count = 0;
-    if (zq_getDataSetSubsByParamsNum(iedName, dataSetName, nullptr, nullptr, nullptr, nullptr,
-                                     nullptr, nullptr, &count) != 0)
-        return -1;
-    s_datasetDasNum = count;
-    // At least one row, so that an empty data set is no allocation failure.
-    const std::size_t rows = static_cast<std::size_t>(std::max(count, 1));
-    auto* members = static_cast<DataSetSub*>(std::malloc(rows * sizeof(DataSetSub)));
-    if (members == nullptr) {
-        std::perror("malloc failed\n");
-        return -1;
-    }
-    s_datasetDas = static_cast<DaNameRow*>(std::malloc(rows * sizeof(DaNameRow)));
-    if (s_datasetDas == nullptr) {
-        std::free(members);
-        std::perror("malloc failed\n");
-        return -1;
-    }
-    // Members added since the count are left out: the array holds `count`.
-    int delivered = 0;
+// Runs the member query of one data set and hands each member's reference,
+// in query order, to onMember for as long as it returns true. A failed query
+// reports itself and "err initDaValueDataSetInfo".
+template <typename OnMember>
+int forEachMember(const char* iedName, const char* dataSetName, OnMember onMember) {
     const Filters filters = memberFilters(iedName, dataSetName, nullptr, nullptr, nullptr,
                                           nullptr, nullptr, nullptr);
-    if (listMembers(filters, members, &delivered, count) != 0) {
-        std::free(members);
+    qvsql::Statement stmt;
+    int result = -1;
+    if (stmt.prepare(s_sqliteDB, filteredSql(kMemberListSql, filters).c_str()) != SQLITE_OK) {
+        printPrepareError();
+    } else {
+        filterBinds(filters)(stmt.get());
+        result = forEachRow(stmt.get(), [&onMember](sqlite3_stmt* row) {
+            return onMember(reinterpret_cast<const char*>(sqlite3_column_text(row, 0)));
+        });
+    }
+    if (result != 0) std::fprintf(stderr, "err initDaValueDataSetInfo\n");
+    return result;
+}
+
+// Saves the first `count` members' values in one write transaction with the
+// member query; values beyond the members have nowhere to go, so they make
+// the save fail after the members are written.
+int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
+                      const int* qualities, int count, const char* operation) {
+    const bool withQuality = qualities != nullptr;
+    sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
+    StoreLock lock;
+    if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
+    int members = 0;
+    bool saved = true;
+    const int listed = forEachMember(iedName, dataSetName, [&](const char* reference) {
+        if (members < count)
+            saved = saveElement(stmt, reference, values[members],
+                                withQuality ? &qualities[members] : nullptr);
+        ++members;
+        return saved;
+    });
+    if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
+        return abandonSave();
+    if (count > members) {
+        std::fprintf(stderr, "%s: %d values given, data set %s has %d members\n", operation, count,
+                     dataSetName != nullptr ? dataSetName : "", members);
         return -1;
     }
-    s_datasetDasNum = delivered;
-    for (int i = 0; i < delivered; ++i) qvsql::copyText(s_datasetDas[i], members[i].fcdaName);
-    std::free(members);
     return 0;
 }
 
-// Saves the first `count` members' values; values beyond the members have
-// nowhere to go, so they make the save fail after the members are written.
-int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
-                      const int* qualities, int count, const char* operation) {
-    int result = -1;
-    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
-        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
-    } else {
-        const int writable = std::min(count, s_datasetDasNum);
-        const int saved = qualities != nullptr
-                              ? zq_saveDAValues1(s_datasetDas, values, qualities, writable)
-                              : zq_saveDAValues(s_datasetDas, values, writable);
-        result = saved == 0 ? 0 : -1;
-        if (count > s_datasetDasNum) {
-            std::fprintf(stderr, "%s: %d values given, data set %s has %d members\n", operation,
-                         count, dataSetName != nullptr ? dataSetName : "", s_datasetDasNum);
-            result = -1;
-        }
-    }
-    releaseMemberTable();
-    return result;
-}
-
-// Reads every member's value; *pCount = the number of members.
+// Reads the values of at most `capacity` members, in member order, in one
+// read transaction; *pCount = the number of members read. 1 when more
+// members matched than the capacity allowed.
 int readDataSetValues(const char* iedName, const char* dataSetName, double* values,
-                      int* qualities, int* pCount) {
-    int result = -1;
-    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
-        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
-    } else {
-        const int read = qualities != nullptr
-                             ? zq_getDAValues1(s_datasetDas, s_datasetDasNum, values, qualities)
-                             : zq_getDAValues(s_datasetDas, s_datasetDasNum, values);
-        result = read == 0 ? 0 : -1;
-        *pCount = s_datasetDasNum;
-    }
-    releaseMemberTable();
-    return result;
+                      int* qualities, int capacity, int* pCount) {
+    sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
+    StoreLock lock;
+    ReadTransaction snapshot;
+    int members = 0;
+    bool more = false;
+    bool read = true;
+    const int listed = forEachMember(iedName, dataSetName, [&](const char* reference) {
+        if (members == capacity) {
+            more = true;
+            return false;
+        }
+        if (read)
+            read = readElement(stmt, reference, &values[members],
+                               qualities != nullptr ? &qualities[members] : nullptr);
+        ++members;
+        return true;
+    });
+    if (listed != 0) return -1;
+    *pCount = members;
+    if (!read) return -1;
+    return more ? 1 : 0;
 }
 
 }  // namespace
@@ -766,7 +785,7 @@ int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName, double
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, pCount);
+    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, INT_MAX, pCount);
 }
 
 int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -774,7 +793,26 @@ int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, doubl
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCharacter, __func__) || !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, pCount);
+    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, INT_MAX, pCount);
+}
+
+int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
+                             int capacity, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    if (capacity > 0 && !argumentGiven(pDaVals, __func__)) return -1;
+    *pCount = 0;
+    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, std::max(capacity, 0),
+                             pCount);
+}
+
+int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
+                              int* pCharacter, int capacity, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    if (capacity > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
+        return -1;
+    *pCount = 0;
+    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, std::max(capacity, 0),
+                             pCount);
 }
 
 // ---- Data attributes ----------------------------------------------------------

@@ -144,6 +144,17 @@ QV_API int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName,
 QV_API int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int* pCharacter, int* pCount);
 
+/* Bounded data-set reads. Members may be added by another process between
+ * the count that sized the caller's arrays and the read; these never write
+ * more than `capacity` values (and qualities). *pCount = the number written;
+ * result 0 when every member fitted, 1 when more members matched (the arrays
+ * then hold the first `capacity` in member order), -1 on failure. */
+QV_API int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName,
+                                    double* pDaVals, int capacity, int* pCount);
+QV_API int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName,
+                                     double* pDaVals, int* pCharacter, int capacity,
+                                     int* pCount);
+
 /* ---- Data attributes -------------------------------------------------- */
 
 QV_API int zq_getDAByName(const char* daName, DA* pDa);
