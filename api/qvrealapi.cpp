@@ -97,6 +97,23 @@ void releaseConnection() {
     s_sqliteDB = nullptr;
 }
 
+std::string currentJournalMode() {
+    qvsql::Statement mode;
+    if (mode.prepare(s_sqliteDB, "PRAGMA journal_mode") != SQLITE_OK ||
+        sqlite3_step(mode.get()) != SQLITE_ROW)
+        return "";
+    const unsigned char* text = sqlite3_column_text(mode.get(), 0);
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+// A store created in rollback-journal mode is switched to the write-ahead
+// log when no other connection is in the way. Failing is no error: every
+// operation works in either mode, only more slowly in the old one.
+void switchToWal() {
+    if (currentJournalMode() != "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+}
+
 // ---- Single values --------------------------------------------------------
 
 // Binds value (and quality when given) and the row key, steps, resets.
@@ -235,6 +252,7 @@ int zq_openRealDB(void) {
         releaseConnection();
         return -1;
     }
+    switchToWal();
     const char* const sqls[] = {kSelectSql, kSelect1Sql, kUpdateSql, kUpdate1Sql};
     for (int i = 0; i < 4; ++i) {
         if (qvsql::prepareWithBusyRetry(s_sqliteDB, sqls[i], sharedStatements[i]) != SQLITE_OK) {

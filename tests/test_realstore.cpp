@@ -148,6 +148,28 @@ TEST(RealStoreConnection, OpenCloseReopen) {
     zq_closeRealDB();
 }
 
+TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
+    const std::string mode = "PRAGMA journal_mode";
+    zq_closeRealDB();
+    qvtest::freshRealStore();
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
+    execSql(realDbPath(), mode + "=DELETE");
+    ASSERT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
+    // A reader in the way: the switch fails, the store works as it is.
+    qvtest::openRealStoreInRollbackMode();
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"delete"}}));
+    addValueRow(kRef, 1.0);
+    DaNameRow names[1] = {};
+    std::snprintf(names[0], sizeof names[0], "%s", kRef);
+    const double values[1] = {2.5};
+    double value = 0;
+    EXPECT_EQ(zq_saveDAValues(names, values, 1), 0);
+    EXPECT_EQ(zq_getDAValues(names, 1, &value), 0);
+    EXPECT_EQ(value, 2.5);
+    zq_closeRealDB();
+}
+
 TEST(RealStoreConnection, OpenWithoutModelTablesFailsThenRetries) {
     zq_closeRealDB();
     qvtest::removeStore(realDbPath());

@@ -113,6 +113,18 @@ void freshConfStore() {
     execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));
 }
 
+void openRealStoreInRollbackMode() {
+    zq_closeRealDB();
+    execSql(realDbPath(), "PRAGMA journal_mode=DELETE");
+    sqlite3* reader = openOrFail(realDbPath());
+    EXPECT_EQ(sqlite3_exec(reader, "begin; select count(*) from sqlite_master", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    EXPECT_EQ(zq_openRealDB(), 0);
+    sqlite3_exec(reader, "commit", nullptr, nullptr, nullptr);
+    sqlite3_close(reader);
+}
+
 void RealStoreTest::SetUp() {
     zq_closeRealDB();
     freshRealStore();

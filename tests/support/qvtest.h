@@ -55,6 +55,11 @@ void removeStore(const std::string& dbPath);
 void freshRealStore();
 void freshConfStore();
 
+// Opens the library's connection on the real-time store with the store in
+// rollback-journal mode: the library's switch to the write-ahead log fails
+// while another connection is reading, and the store keeps its mode.
+void openRealStoreInRollbackMode();
+
 // A fresh real-time store, opened by the library for the test's length.
 class RealStoreTest : public ::testing::Test {
 protected:
