@@ -540,12 +540,22 @@ constexpr useconds_t kControlFailurePauseMicros = 10000;
 const char* const kMemberListSql =
     "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ";
 
-// The row key of a reference held in at most `size` bytes, terminated or not:
-// a name row, or a member's reference as a DataSetSub record would hold it.
-void bindBoundedRowKey(sqlite3_stmt* stmt, int index, const char* reference, std::size_t size) {
-    const unsigned int key =
-        RSHash(reference, static_cast<unsigned int>(strnlen(reference, size)));
+// The row key of a reference given with its length.
+void bindReferenceKey(sqlite3_stmt* stmt, int index, std::string_view reference) {
+    const unsigned int key = RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
     sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
+}
+
+// A name row holds at most 256 bytes, terminator or not.
+std::string_view nameRowReference(const DaNameRow& row) {
+    return {row, strnlen(row, sizeof row)};
+}
+
+// A member's reference as a DataSetSub record holds it: at most 255 bytes.
+std::string_view memberReference(sqlite3_stmt* row) {
+    const char* text = reinterpret_cast<const char*>(sqlite3_column_text(row, 0));
+    if (text == nullptr) text = "";
+    return {text, strnlen(text, sizeof(DataSetSub::fcdaName) - 1)};
 }
 
 // One consistent snapshot of the store for a list of reads.
@@ -618,10 +628,11 @@ int abandonSave() {
 
 // Binds one element of a save to the shared update statement and steps it.
 // An element whose reference has no row changes nothing and succeeds.
-bool saveElement(sqlite3_stmt* stmt, const char* reference, double value, const int* quality) {
+bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
+                 const int* quality) {
     sqlite3_bind_double(stmt, 1, value);
     if (quality != nullptr) sqlite3_bind_int(stmt, 2, *quality);
-    bindBoundedRowKey(stmt, quality != nullptr ? 3 : 2, reference, sizeof(DaNameRow));
+    bindReferenceKey(stmt, quality != nullptr ? 3 : 2, reference);
     const bool done = stepWithBusyRetry(stmt) == SQLITE_DONE;
     if (!done) printStepError();
     sqlite3_reset(stmt);
@@ -631,8 +642,8 @@ bool saveElement(sqlite3_stmt* stmt, const char* reference, double value, const 
 // Reads one element through the shared select statement (with the quality
 // when asked for): true when read or without a row (the element then keeps
 // the caller's value), false after a failed step.
-bool readElement(sqlite3_stmt* stmt, const char* reference, double* value, int* quality) {
-    bindBoundedRowKey(stmt, 1, reference, sizeof(DaNameRow));
+bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality) {
+    bindReferenceKey(stmt, 1, reference);
     const int rc = stepWithBusyRetry(stmt);
     if (rc == SQLITE_ROW) {
         *value = sqlite3_column_double(stmt, 0);
@@ -653,7 +664,8 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
     StoreLock lock;
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     for (int i = 0; i < count; ++i) {
-        if (!saveElement(stmt, names[i], values[i], withQuality ? &qualities[i] : nullptr))
+        if (!saveElement(stmt, nameRowReference(names[i]), values[i],
+                         withQuality ? &qualities[i] : nullptr))
             return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
@@ -667,7 +679,8 @@ int readValueList(const DaNameRow* names, int count, double* values, int* qualit
     StoreLock lock;
     ReadTransaction snapshot;
     for (int i = 0; i < count; ++i) {
-        if (!readElement(stmt, names[i], &values[i], qualities != nullptr ? &qualities[i] : nullptr))
+        if (!readElement(stmt, nameRowReference(names[i]), &values[i],
+                         qualities != nullptr ? &qualities[i] : nullptr))
             return -1;
     }
     return 0;
@@ -686,9 +699,8 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
         printPrepareError();
     } else {
         filterBinds(filters)(stmt.get());
-        result = forEachRow(stmt.get(), [&onMember](sqlite3_stmt* row) {
-            return onMember(reinterpret_cast<const char*>(sqlite3_column_text(row, 0)));
-        });
+        result = forEachRow(stmt.get(),
+                            [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
     }
     if (result != 0) std::fprintf(stderr, "err initDaValueDataSetInfo\n");
     return result;
@@ -705,7 +717,7 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     int members = 0;
     bool saved = true;
-    const int listed = forEachMember(iedName, dataSetName, [&](const char* reference) {
+    const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
         if (members < count)
             saved = saveElement(stmt, reference, values[members],
                                 withQuality ? &qualities[members] : nullptr);
@@ -733,7 +745,7 @@ int readDataSetValues(const char* iedName, const char* dataSetName, double* valu
     int members = 0;
     bool more = false;
     bool read = true;
-    const int listed = forEachMember(iedName, dataSetName, [&](const char* reference) {
+    const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
         if (members == capacity) {
             more = true;
             return false;
