@@ -108,10 +108,14 @@ std::string currentJournalMode() {
 
 // A store created in rollback-journal mode is switched to the write-ahead
 // log when no other connection is in the way. Failing is no error: every
-// operation works in either mode, only more slowly in the old one.
+// operation works in either mode, only more slowly in the old one. In the
+// log a commit then skips the sync that only a power loss would need: the
+// store sits in memory and is gone after one anyway.
 void switchToWal() {
     if (currentJournalMode() != "wal")
         sqlite3_exec(s_sqliteDB, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    if (currentJournalMode() == "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
 }
 
 // ---- Single values --------------------------------------------------------

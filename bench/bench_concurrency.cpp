@@ -92,7 +92,8 @@ struct BareConnection {
     bool open() {
         if (sqlite3_open(QV_REALTIME_DB_PATH, &db) != SQLITE_OK) return false;
         sqlite3_busy_timeout(db, 60000);
-        return prepare("update DAValue set value=?,quality=? where hashID=?", &update) &&
+        return exec("PRAGMA synchronous=NORMAL") &&
+               prepare("update DAValue set value=?,quality=? where hashID=?", &update) &&
                prepare("select value,quality from DAValue where hashID=?", &select) &&
                prepare("select fcdaName from DataSetSub where iedName=? and dsName=?", &members);
     }
