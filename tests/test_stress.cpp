@@ -190,6 +190,7 @@ protected:
         shared = static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         zq_closeRealDB();  // children must not inherit a connection
+        qvtest::removeStoreLock();
         qvtest::freshRealStore();
         std::string sample = qvtest::sourcePath("samples/feeder_terminal.cid");
         ASSERT_EQ(zq_addIEDRealDB(&sample[0]), 0);

@@ -93,6 +93,11 @@ int storeLockValue() {
     return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
 }
 
+void removeStoreLock() {
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    if (semid >= 0) semctl(semid, 0, IPC_RMID);
+}
+
 long long rowKey(const std::string& reference) {
     return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
 }

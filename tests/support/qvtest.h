@@ -36,6 +36,10 @@ std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()
 // The store lock's semaphore value: 1 free, 0 taken, -1 no semaphore yet.
 int storeLockValue();
 
+// Removes the store lock's semaphore set, so that the next zq_openRealDB
+// creates it afresh, free, whatever an earlier run left in it.
+void removeStoreLock();
+
 // The row key of a DA reference, as the library binds it.
 long long rowKey(const std::string& reference);
 
