@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -151,6 +152,9 @@ TEST(RealStoreConnection, OpenCloseReopen) {
 TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
     const std::string mode = "PRAGMA journal_mode";
     zq_closeRealDB();
+    // Both the schema and the tool's init create the store in the log.
+    ASSERT_EQ(std::system(QV_TOOL " init --fresh >/dev/null"), 0);
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
     qvtest::freshRealStore();
     EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
     execSql(realDbPath(), mode + "=DELETE");
