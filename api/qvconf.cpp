@@ -10,16 +10,19 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvsqlite.h"
 
-using qvsql::bindText;
 using qvsql::copyColumnText;
 
 namespace {
@@ -93,9 +96,19 @@ struct Param {
     Param(const char* value) : kind(Kind::Text), text(value) {}
     explicit Param(Kind k) : kind(k) {}
 
+    // A text field of a caller's record: at most size - 1 characters are
+    // bound, whether or not the field is terminated.
+    template <std::size_t N>
+    static Param field(const char (&text)[N]) {
+        Param param(text);
+        param.maxLength = N - 1;
+        return param;
+    }
+
     Kind kind;
     int number = 0;
     const char* text = nullptr;
+    std::size_t maxLength = SIZE_MAX;
 };
 
 const Param kProcessNo{Param::Kind::ProcessNo};
@@ -118,11 +131,12 @@ bool argumentGiven(const void* argument, const char* operation) {
     return false;
 }
 
-bool storeIsOpen(const char* operation) {
+// Reported like a failed prepare, which is where the query stops.
+bool storeIsOpen(const Query& query) {
     if (s_sqliteDB != nullptr) return true;
-    std::fprintf(stderr,
-                 "%s: the configuration store is not open (call zq_openConfDB first)\n",
-                 operation);
+    const std::string why = std::string("the configuration store is not open (") +
+                            query.operation + " called before zq_openConfDB)";
+    std::fprintf(stderr, query.prepareError, why.c_str());
     return false;
 }
 
@@ -140,7 +154,7 @@ bool prepareParams(Query& query) {
     for (const Param& param : query.params)
         if (param.kind == Param::Kind::Text && !argumentGiven(param.text, query.operation))
             return false;
-    if (!storeIsOpen(query.operation)) return false;
+    if (!storeIsOpen(query)) return false;
     if (!byProcess) return true;
     int processNo = 0;
     if (zq_getProcessNoByName(query.processName, &processNo) != 0) return false;
@@ -153,7 +167,9 @@ void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
     int index = 1;
     for (const Param& param : params) {
         if (param.kind == Param::Kind::Text)
-            bindText(stmt, index, param.text);
+            sqlite3_bind_text(stmt, index, param.text,
+                              static_cast<int>(strnlen(param.text, param.maxLength)),
+                              SQLITE_STATIC);
         else
             sqlite3_bind_int(stmt, index, param.number);
         ++index;
@@ -243,21 +259,70 @@ int countRows(const Query& query, int* pCount) {
     });
 }
 
-// Every row into the caller's array from index 0, at most `capacity` of
-// them; the count is delivered only when the query ran to its end.
+// The capacity of a list without a limit of its own: the caller sized the
+// array from the count.
+constexpr int kNoLimit = INT_MAX;
+
+// The rows into the caller's array from index 0, at most `capacity` of them;
+// the count is delivered only when the query ran to its end. 0 when every
+// row fitted, 1 when more rows matched than `capacity` allowed, -1 on failure.
 template <typename Record>
-int listRows(const Query& query, Record* records, int* pCount, int capacity = INT_MAX) {
+int listRows(const Query& query, Record* records, int capacity, int* pCount) {
     if (!argumentGiven(pCount, query.operation)) return -1;
     *pCount = 0;
     if (!argumentGiven(records, query.operation)) return -1;
-    int delivered = 0;
-    const int result = execute(query, [records, &delivered, capacity](sqlite3_stmt* stmt) {
-        if (delivered == capacity) return false;
-        fillRecord(Columns(stmt), records[delivered++]);
-        return true;
+    qvsql::BoundedList<Record> list(records, capacity);
+    const int result = execute(query, [&list](sqlite3_stmt* stmt) {
+        return list.add(stmt, [](sqlite3_stmt* row, Record& record) {
+            fillRecord(Columns(row), record);
+        });
     });
-    if (result == 0) *pCount = delivered;
-    return result;
+    return list.finish(result, pCount);
+}
+
+// ---- The lists, each shared by its bounded form and the one without a limit ----
+
+int listProcesses(ProcessConfig* records, int capacity, int* pCount, const char* operation) {
+    Query query{operation, kListProcessesSql, {}};
+    query.announceBusy = true;
+    return listRows(query, records, capacity, pCount);
+}
+
+int listRoutes(const char* sendProcess, ProcessMsgAssociation* records, int capacity,
+               int* pCount, const char* operation) {
+    return listRows(Query{operation, kListRoutesSql, {kProcessNo}, sendProcess}, records,
+                    capacity, pCount);
+}
+
+int listDevicePoints(DeviceModelAssociation* records, int capacity, int* pCount,
+                     const char* operation) {
+    return listRows(Query{operation, kListDevicePointsSql, {}}, records, capacity, pCount);
+}
+
+int listDevicePointsByType(int dataType, DeviceModelAssociation* records, int capacity,
+                           int* pCount, const char* operation) {
+    return listRows(Query{operation, kListDevicePointsByTypeSql, {dataType}}, records, capacity,
+                    pCount);
+}
+
+int listDevicePointsByTypeIndex(int dataType, int dataIndex, DeviceModelAssociation* records,
+                                int capacity, int* pCount, const char* operation) {
+    return listRows(Query{operation, kListDevicePointsByTypeIndexSql, {dataType, dataIndex}},
+                    records, capacity, pCount);
+}
+
+int listProcessPoints(const char* processName, ProcessDataAssociation* records, int capacity,
+                      int* pCount, const char* operation) {
+    return listRows(Query{operation, kListProcessPointsSql, {kProcessNo}, processName}, records,
+                    capacity, pCount);
+}
+
+int listProcessPointsByType(const char* processName, int dataType,
+                            ProcessDataAssociation* records, int capacity, int* pCount,
+                            const char* operation) {
+    return listRows(
+        Query{operation, kListProcessPointsByTypeSql, {kProcessNo, dataType}, processName},
+        records, capacity, pCount);
 }
 
 // The first row into the caller's record; no row is -1 and leaves it untouched.
@@ -301,9 +366,11 @@ int zq_getAllProcessConfigsNum(int* pCount) {
 }
 
 int zq_getAllProcessConfigs(ProcessConfig* pProcessConfigs, int* pCount) {
-    Query query{"zq_getAllProcessConfigs", kListProcessesSql, {}};
-    query.announceBusy = true;
-    return listRows(query, pProcessConfigs, pCount);
+    return listProcesses(pProcessConfigs, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllProcessConfigsN(ProcessConfig* pProcessConfigs, int capacity, int* pCount) {
+    return listProcesses(pProcessConfigs, capacity, pCount, __func__);
 }
 
 int zq_getProcessNoByName(const char* processName, int* pProcessNo) {
@@ -325,13 +392,19 @@ int zq_getProcessMsgAssociationsNum(const char* sendProcess, int* pCount) {
 
 int zq_getProcessMsgAssociations(const char* sendProcess, ProcessMsgAssociation* pAssociations,
                                  int* pCount) {
-    return listRoutesOf(sendProcess, pAssociations, INT_MAX, pCount);
+    return listRoutes(sendProcess, pAssociations, kNoLimit, pCount, __func__);
 }
 
+int zq_getProcessMsgAssociationsN(const char* sendProcess, ProcessMsgAssociation* pAssociations,
+                                  int capacity, int* pCount) {
+    return listRoutes(sendProcess, pAssociations, capacity, pCount, __func__);
+}
+
+// Routes added since the publisher's count are left for its next load: no failure.
 int listRoutesOf(const char* sendProcess, ProcessMsgAssociation* routes, int capacity,
                  int* pCount) {
-    return listRows({"zq_getProcessMsgAssociations", kListRoutesSql, {kProcessNo}, sendProcess},
-                    routes, pCount, capacity);
+    return std::min(
+        listRoutes(sendProcess, routes, capacity, pCount, "zq_getProcessMsgAssociations"), 0);
 }
 
 // ---- Device model associations ------------------------------------------------------
@@ -341,8 +414,12 @@ int zq_getAllDeviceModelAssociationsNum(int* pCount) {
 }
 
 int zq_getAllDeviceModelAssociations(DeviceModelAssociation* pAssociations, int* pCount) {
-    return listRows({"zq_getAllDeviceModelAssociations", kListDevicePointsSql, {}},
-                    pAssociations, pCount);
+    return listDevicePoints(pAssociations, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllDeviceModelAssociationsN(DeviceModelAssociation* pAssociations, int capacity,
+                                      int* pCount) {
+    return listDevicePoints(pAssociations, capacity, pCount, __func__);
 }
 
 int zq_getDeviceModelAssociationsByTypeNum(int dataType, int* pCount) {
@@ -353,9 +430,12 @@ int zq_getDeviceModelAssociationsByTypeNum(int dataType, int* pCount) {
 
 int zq_getDeviceModelAssociationsByType(int dataType, DeviceModelAssociation* pAssociations,
                                         int* pCount) {
-    return listRows(
-        {"zq_getDeviceModelAssociationsByType", kListDevicePointsByTypeSql, {dataType}},
-        pAssociations, pCount);
+    return listDevicePointsByType(dataType, pAssociations, kNoLimit, pCount, __func__);
+}
+
+int zq_getDeviceModelAssociationsByTypeN(int dataType, DeviceModelAssociation* pAssociations,
+                                         int capacity, int* pCount) {
+    return listDevicePointsByType(dataType, pAssociations, capacity, pCount, __func__);
 }
 
 int zq_getDeviceInputNumByType(int dataType, int* pCount) {
@@ -372,10 +452,15 @@ int zq_getDeviceModelAssociationsByTypeIndexNum(int dataType, int dataIndex, int
 int zq_getDeviceModelAssociationsByTypeIndex(int dataType, int dataIndex,
                                              DeviceModelAssociation* pAssociations,
                                              int* pCount) {
-    return listRows({"zq_getDeviceModelAssociationsByTypeIndex",
-                     kListDevicePointsByTypeIndexSql,
-                     {dataType, dataIndex}},
-                    pAssociations, pCount);
+    return listDevicePointsByTypeIndex(dataType, dataIndex, pAssociations, kNoLimit, pCount,
+                                       __func__);
+}
+
+int zq_getDeviceModelAssociationsByTypeIndexN(int dataType, int dataIndex,
+                                              DeviceModelAssociation* pAssociations,
+                                              int capacity, int* pCount) {
+    return listDevicePointsByTypeIndex(dataType, dataIndex, pAssociations, capacity, pCount,
+                                       __func__);
 }
 
 int zq_getDeviceModelAssociationByName(const char* associateName,
@@ -395,9 +480,13 @@ int zq_getAllProcessDataAssociationsNum(const char* processName, int* pCount) {
 
 int zq_getAllProcessDataAssociations(const char* processName,
                                      ProcessDataAssociation* pAssociations, int* pCount) {
-    return listRows({"zq_getAllProcessDataAssociations", kListProcessPointsSql, {kProcessNo},
-                     processName},
-                    pAssociations, pCount);
+    return listProcessPoints(processName, pAssociations, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllProcessDataAssociationsN(const char* processName,
+                                      ProcessDataAssociation* pAssociations, int capacity,
+                                      int* pCount) {
+    return listProcessPoints(processName, pAssociations, capacity, pCount, __func__);
 }
 
 int zq_getProcessDataAssociationsByTypeNum(const char* processName, int dataType,
@@ -409,9 +498,15 @@ int zq_getProcessDataAssociationsByTypeNum(const char* processName, int dataType
 
 int zq_getProcessDataAssociationsByType(const char* processName, int dataType,
                                         ProcessDataAssociation* pAssociations, int* pCount) {
-    return listRows({"zq_getProcessDataAssociationsByType", kListProcessPointsByTypeSql,
-                     {kProcessNo, dataType}, processName},
-                    pAssociations, pCount);
+    return listProcessPointsByType(processName, dataType, pAssociations, kNoLimit, pCount,
+                                   __func__);
+}
+
+int zq_getProcessDataAssociationsByTypeN(const char* processName, int dataType,
+                                         ProcessDataAssociation* pAssociations, int capacity,
+                                         int* pCount) {
+    return listProcessPointsByType(processName, dataType, pAssociations, capacity, pCount,
+                                   __func__);
 }
 
 int zq_getProcessDataAssociationByTypeIndex(const char* processName, int dataType,
@@ -438,7 +533,8 @@ int zq_getProcessMiscValue(const char* processName, const char* key, ProcessMisc
 int zq_setProcessMiscValue(const char* processName, const char* key, const ProcessMisc* pMisc) {
     if (!argumentGiven(pMisc, "zq_setProcessMiscValue")) return -1;
     Query query{"zq_setProcessMiscValue", kUpdateMiscSql,
-                {pMisc->value, pMisc->describe, key, kProcessNo}, processName};
+                {Param::field(pMisc->value), Param::field(pMisc->describe), key, kProcessNo},
+                processName};
     query.prepareError = kWritePrepareError;
     return execute(query, [](sqlite3_stmt*) { return true; });
 }

@@ -5,6 +5,15 @@
  * associations, process data associations and per-process settings.
  * Call zq_openConfDB first; every query then runs on that one connection.
  * Results: 0 success, -1 failure.
+ *
+ * Lists are count-then-fetch, and the count and the fetch are separate
+ * queries: rows that another process adds in between would overrun an array
+ * sized from the count. Each list therefore has a bounded form, named after
+ * it with the suffix N, that takes the array's capacity just before the count
+ * argument: it writes at most `capacity` records (none when it is 0 or less),
+ * sets *pCount to the number written and returns 0 when every matching row
+ * fitted, 1 when more rows matched (the array holds the first `capacity`
+ * rows, in the usual order), -1 on failure. Prefer the bounded forms.
  */
 #ifndef QVCONF_H
 #define QVCONF_H
@@ -65,6 +74,8 @@ QV_API int zq_openConfDB(void);
 QV_API int zq_closeConfDB(void);
 QV_API int zq_getAllProcessConfigsNum(int* pCount);
 QV_API int zq_getAllProcessConfigs(struct ProcessConfig* pProcessConfigs, int* pCount);
+QV_API int zq_getAllProcessConfigsN(struct ProcessConfig* pProcessConfigs, int capacity,
+                                    int* pCount);
 QV_API int zq_getProcessNoByName(const char* processName, int* pProcessNo);
 QV_API int zq_getScaleConfigsNum(int* pCount);
 QV_API int zq_getScaleConfig(int scaleNo, struct ScaleConfig* pCfg);
@@ -72,22 +83,33 @@ QV_API int zq_getProcessMsgAssociationsNum(const char* sendProcess, int* pCount)
 QV_API int zq_getProcessMsgAssociations(const char* sendProcess,
                                         struct ProcessMsgAssociation* pAssociations,
                                         int* pCount);
+QV_API int zq_getProcessMsgAssociationsN(const char* sendProcess,
+                                         struct ProcessMsgAssociation* pAssociations,
+                                         int capacity, int* pCount);
 
 /* ---- Device model associations ---------------------------------------- */
 
 QV_API int zq_getAllDeviceModelAssociationsNum(int* pCount);
 QV_API int zq_getAllDeviceModelAssociations(struct DeviceModelAssociation* pAssociations,
                                             int* pCount);
+QV_API int zq_getAllDeviceModelAssociationsN(struct DeviceModelAssociation* pAssociations,
+                                             int capacity, int* pCount);
 QV_API int zq_getDeviceModelAssociationsByTypeNum(int dataType, int* pCount);
 QV_API int zq_getDeviceModelAssociationsByType(int dataType,
                                                struct DeviceModelAssociation* pAssociations,
                                                int* pCount);
+QV_API int zq_getDeviceModelAssociationsByTypeN(int dataType,
+                                                struct DeviceModelAssociation* pAssociations,
+                                                int capacity, int* pCount);
 QV_API int zq_getDeviceInputNumByType(int dataType, int* pCount);
 QV_API int zq_getDeviceModelAssociationsByTypeIndexNum(int dataType, int dataIndex,
                                                        int* pCount);
 QV_API int zq_getDeviceModelAssociationsByTypeIndex(int dataType, int dataIndex,
                                                     struct DeviceModelAssociation* pAssociations,
                                                     int* pCount);
+QV_API int zq_getDeviceModelAssociationsByTypeIndexN(int dataType, int dataIndex,
+                                                     struct DeviceModelAssociation* pAssociations,
+                                                     int capacity, int* pCount);
 QV_API int zq_getDeviceModelAssociationByName(const char* associateName,
                                               struct DeviceModelAssociation* pAssociation);
 
@@ -97,11 +119,17 @@ QV_API int zq_getAllProcessDataAssociationsNum(const char* processName, int* pCo
 QV_API int zq_getAllProcessDataAssociations(const char* processName,
                                             struct ProcessDataAssociation* pAssociations,
                                             int* pCount);
+QV_API int zq_getAllProcessDataAssociationsN(const char* processName,
+                                             struct ProcessDataAssociation* pAssociations,
+                                             int capacity, int* pCount);
 QV_API int zq_getProcessDataAssociationsByTypeNum(const char* processName, int dataType,
                                                   int* pCount);
 QV_API int zq_getProcessDataAssociationsByType(const char* processName, int dataType,
                                                struct ProcessDataAssociation* pAssociations,
                                                int* pCount);
+QV_API int zq_getProcessDataAssociationsByTypeN(const char* processName, int dataType,
+                                                struct ProcessDataAssociation* pAssociations,
+                                                int capacity, int* pCount);
 QV_API int zq_getProcessDataAssociationByTypeIndex(const char* processName, int dataType,
                                                    int dataIndex,
                                                    struct ProcessDataAssociation* pAssociation);

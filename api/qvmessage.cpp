@@ -13,11 +13,16 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <thread>
 
 #include "internal/qvbuildconfig.h"
 
@@ -29,6 +34,16 @@ constexpr int kProcessDirSize = 1024;
 constexpr std::size_t kCmdlineSize = 128;
 constexpr std::size_t kReceiveTextSize = 8192;
 constexpr useconds_t kReceiveRetryPauseMicros = 100 * 1000;
+
+// A receiver's queue holds a burst of this many records.
+constexpr msglen_t kQueueRecords = 1000;
+constexpr msglen_t kQueueCapacity = kQueueRecords * sizeof(MSGINFO);
+
+// How long a sender waits for room in a full queue before the record is lost
+// for that receiver, and the pauses between its attempts.
+constexpr auto kFullQueuePatience = std::chrono::milliseconds(50);
+constexpr auto kFirstFullQueuePause = std::chrono::microseconds(100);
+constexpr auto kLongestFullQueuePause = std::chrono::microseconds(5000);
 
 // What a sender hands to the kernel: the record is laid over the queue
 // message, so its first eight bytes are the type field and the text is the
@@ -48,13 +63,18 @@ static_assert(sizeof(ReceiveBuffer) == 8200, "the receive buffer is type field p
 
 ProcessMsgAssociation* s_pAssociations = nullptr;
 int s_count = 0;
+// Per route: its receiver's queue stayed full at the last send. The next
+// send then tries once without waiting, so a receiver that stopped reading
+// costs the sender one wait, not one per message.
+std::unique_ptr<std::atomic<bool>[]> s_routeStalled;
 
 // Shared by every receiving loop of the process and read afresh at each
 // receive; atomic because a loop re-opens the queue and a later
 // subscription replaces the callback while other loops run.
 std::atomic<int> s_msgid{0};
 std::atomic<funptr> s_fptr{nullptr};
-std::atomic<key_t> s_queueKey{0};  // the own queue's key, for re-opening a removed queue
+std::atomic<int> s_processNo{0};  // the subscriber's own number, for re-opening its queue
+std::atomic<bool> s_capacityReported{false};
 
 bool argumentGiven(bool given, const char* operation) {
     if (given) return true;
@@ -129,21 +149,99 @@ bool ownProcessNo(int* processNo) {
     return zq_getProcessNoByName(processname, processNo) == 0;
 }
 
+// ---- Queue capacity -------------------------------------------------------------
+
+// The system's limit for a queue's capacity, which is as far as a process
+// without CAP_SYS_RESOURCE may raise it; 0 when unknown.
+msglen_t systemQueueLimit() {
+    struct msginfo limits;
+    if (msgctl(0, IPC_INFO, reinterpret_cast<msqid_ds*>(&limits)) < 0) return 0;
+    return static_cast<msglen_t>(limits.msgmnb);
+}
+
+bool setCapacity(int msgid, msqid_ds& state, msglen_t bytes) {
+    state.msg_qbytes = bytes;
+    return msgctl(msgid, IPC_SET, &state) == 0;
+}
+
+// Raises the queue's capacity to kQueueCapacity, or else as far as the
+// system allows. Returns the capacity it has, 0 when it cannot be read.
+msglen_t raiseCapacity(int msgid) {
+    msqid_ds state;
+    if (msgctl(msgid, IPC_STAT, &state) != 0) return 0;
+    const msglen_t current = state.msg_qbytes;
+    if (current >= kQueueCapacity || setCapacity(msgid, state, kQueueCapacity))
+        return std::max(current, kQueueCapacity);
+    const msglen_t limit = systemQueueLimit();
+    if (limit > current && setCapacity(msgid, state, std::min(limit, kQueueCapacity)))
+        return std::min(limit, kQueueCapacity);
+    return current;
+}
+
 // ---- Sending --------------------------------------------------------------------
 
-// Puts the record on the receiver's queue without waiting; a full queue
-// costs the message, never the sender's time.
-void sendAlongRoute(const ProcessMsgAssociation& route, SendBuffer& buffer) {
-    const int msgid = msgget(queueKeyOf(route.recvProcessNo), kQueueFlags);
+// Puts the record on the queue without waiting in the kernel. A full queue
+// is first raised to its burst capacity (it may have been created by a sender
+// before its subscriber came), then gets short pauses, up to `patience` in
+// all, for its receiver to make room. Returns 0, or -1 with errno set.
+int putOnQueue(int msgid, SendBuffer& buffer, std::chrono::microseconds patience) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + patience;
+    std::chrono::microseconds pause = kFirstFullQueuePause;
+    bool raised = false;
+    for (;;) {
+        if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == 0) return 0;
+        if (errno == EAGAIN && !raised) {
+            raised = true;
+            raiseCapacity(msgid);
+            continue;
+        }
+        const Clock::time_point now = Clock::now();
+        if (errno != EAGAIN || now >= deadline) return -1;
+        std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
+        pause = std::min(pause * 2, kLongestFullQueuePause);
+    }
+}
+
+void reportLostToFullQueue(int receiver, int kind, bool stalled) {
+    char reason[48];
+    if (stalled) {
+        std::snprintf(reason, sizeof reason, "is still full");
+    } else {
+        std::snprintf(reason, sizeof reason, "stayed full for %lld ms",
+                      static_cast<long long>(kFullQueuePatience.count()));
+    }
+    std::fprintf(stderr, "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
+                 receiver, reason, kind);
+}
+
+// Sends the record along route i: 0, or -1 when the receiver's queue stayed
+// full and the record is lost for it. Other failures are reported and cost
+// the record without changing the result.
+int sendAlongRoute(int i, SendBuffer& buffer) {
+    const int receiver = s_pAssociations[i].recvProcessNo;
+    const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
     if (msgid == -1) {
         std::perror("msgget failed\n");
-        return;
+        return 0;
     }
-    if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == -1) std::perror("msgsnd failed\n");
+    const bool stalled = s_routeStalled[i];
+    const auto patience = stalled ? std::chrono::microseconds(0) : kFullQueuePatience;
+    const int error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+    s_routeStalled[i] = error == EAGAIN;
+    if (error == 0) return 0;
+    if (error != EAGAIN) {
+        errno = error;
+        std::perror("msgsnd failed\n");
+        return 0;
+    }
+    reportLostToFullQueue(receiver, buffer.record.msgType, stalled);
+    return -1;
 }
 
 // Sends one payload of the given kind along every route that carries the
-// kind's bit. Always 0: the sender learns nothing of the receivers.
+// kind's bit: 0, or -1 when a receiver's full queue cost the message (the
+// other routes are served all the same).
 template <typename Payload>
 int sendKind(MsgType kind, const Payload* payload, const char* operation) {
     if (!argumentGiven(payload != nullptr, operation)) return 0;
@@ -152,32 +250,61 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
     buffer.record.msgType = kind;
     std::memcpy(&buffer.record.msgInfo, payload, sizeof(Payload));
     const int kindBit = 1 << (kind - 1);
+    int result = 0;
     for (int i = 0; i < s_count; ++i) {
-        if (s_pAssociations[i].msgType & kindBit) sendAlongRoute(s_pAssociations[i], buffer);
+        if ((s_pAssociations[i].msgType & kindBit) && sendAlongRoute(i, buffer) != 0) result = -1;
     }
-    return 0;
+    return result;
 }
 
 // ---- Receiving ------------------------------------------------------------------
 
-void recoverFromReceiveFailure(int error) {
+// Said once per process: later re-openings meet the same limit.
+void reportSmallCapacity(msglen_t capacity) {
+    if (capacity == 0 || capacity >= kQueueCapacity || s_capacityReported.exchange(true)) return;
+    std::fprintf(stderr,
+                 "the queue of process %d holds %lu bytes (%lu records), not the %lu bytes of "
+                 "%lu records: raise the system limit (sysctl -w kernel.msgmnb=%lu) or give the "
+                 "process CAP_SYS_RESOURCE\n",
+                 s_processNo.load(), static_cast<unsigned long>(capacity),
+                 static_cast<unsigned long>(capacity / sizeof(MSGINFO)),
+                 static_cast<unsigned long>(kQueueCapacity),
+                 static_cast<unsigned long>(kQueueRecords),
+                 static_cast<unsigned long>(kQueueCapacity));
+}
+
+// Opens (or creates) the subscriber's own queue with room for a burst.
+int openOwnQueue() {
+    const int msgid = msgget(queueKeyOf(s_processNo), kQueueFlags);
+    if (msgid != -1) reportSmallCapacity(raiseCapacity(msgid));
+    return msgid;
+}
+
+// After a failed receive on failedId: a removed queue is re-opened at once;
+// the loop pauses only when that fails, or when the failure had another
+// cause, so that it never spins.
+void recoverFromReceiveFailure(int error, int failedId) {
     if (error == EINTR) return;  // a signal: receive again at once
-    usleep(kReceiveRetryPauseMicros);
     if (error == EIDRM || error == EINVAL) {
-        // The queue was removed under the loop; open (re-create) it by its key.
-        const int msgid = msgget(s_queueKey, kQueueFlags);
-        if (msgid != -1) s_msgid = msgid;
+        const int msgid = openOwnQueue();
+        if (msgid == -1) std::perror("msgget failed\n");
+        if (msgid != -1 && msgid != failedId) {
+            s_msgid = msgid;
+            return;
+        }
     }
+    usleep(kReceiveRetryPauseMicros);
 }
 
 [[noreturn]] void receiveLoop() {
     ReceiveBuffer buffer;
     for (;;) {
         std::memset(buffer.bytes, 0, sizeof(MSGINFO));
-        if (msgrcv(s_msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
+        const int msgid = s_msgid;
+        if (msgrcv(msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
             const int error = errno;
             std::perror("msgrcv err\n");
-            recoverFromReceiveFailure(error);
+            recoverFromReceiveFailure(error, msgid);
             continue;
         }
         s_fptr.load()(reinterpret_cast<LPMSGINFO>(buffer.bytes));
@@ -194,13 +321,12 @@ int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)
     if (!argumentGiven(callback != nullptr, operation) ||
         !ownProcessNo(&processNo))
         return -1;
-    const key_t key = queueKeyOf(processNo);
-    const int msgid = msgget(key, kQueueFlags);
+    s_processNo = processNo;
+    const int msgid = openOwnQueue();
     if (msgid == -1) {
         reportQueueFailure();
         return -1;
     }
-    s_queueKey = key;
     s_msgid = msgid;
     s_fptr = callback;
     return 0;
@@ -248,7 +374,8 @@ int zq_publisherMsg(void) {
     const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
     s_pAssociations =
         static_cast<ProcessMsgAssociation*>(std::malloc(entries * sizeof(ProcessMsgAssociation)));
-    if (s_pAssociations == nullptr) {
+    s_routeStalled.reset(new (std::nothrow) std::atomic<bool>[entries]());
+    if (s_pAssociations == nullptr || s_routeStalled == nullptr) {
         s_count = 0;
         std::perror("malloc err\n");
         return -1;

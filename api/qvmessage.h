@@ -251,9 +251,18 @@ QV_MSG_FIELD_AT(UPDATEFILE, strFileName, 520);
 typedef void (*funptr)(LPMSGINFO);
 
 QV_API int zq_publisherMsg(void);
+/* A subscriber raises its queue's capacity to 1000 records; when the system
+ * does not allow that, it says once on standard error what it got. */
 QV_API int zq_subscriberMsg_sync(funptr callback);
 QV_API int zq_subscriberMsg_async(funptr callback);
 
+/* Each send puts the record on the queue of every receiver whose route
+ * carries its kind. A full queue is raised to 1000 records where the system
+ * allows it, then gets up to 50 ms to make room; when it stays full the
+ * record is lost for that receiver, a line naming it goes to standard error
+ * and the send returns -1 once every route was served. Until a record gets
+ * through to that receiver again, its further records are tried once
+ * without waiting. Otherwise the result is 0. */
 QV_API int zq_sendMsg(const LPMSGINFO lpMsgInfo);
 QV_API int zq_sendFileMsg(const LPMSGFILE msgFile);
 QV_API int zq_sendSoeMsg(const LPSOEINFO soeInfo);

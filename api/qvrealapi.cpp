@@ -403,21 +403,30 @@ int countRows(const std::string& sql, Bind bind, int* pCount) {
     });
 }
 
-// Fills records from index 0, at most `capacity` of them; *pCount is set to
-// the number filled only when the query succeeds.
+// The capacity of a list without a limit of its own: the caller sized the
+// array from the count.
+constexpr int kNoLimit = INT_MAX;
+
+// Every list checks the same arguments first and then starts from a count of 0.
+bool listCanStart(const void* records, int* pCount, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(records, operation) ||
+        !argumentGiven(pCount, operation))
+        return false;
+    *pCount = 0;
+    return true;
+}
+
+// Fills at most `capacity` records from index 0 and sets *pCount to the
+// number filled unless the query fails: 0 when every row fitted, 1 when more
+// rows matched than `capacity` allowed, -1 on failure.
 template <typename Record, typename Bind>
 int listRows(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, Record&),
-             Record* records, int* pCount, int capacity = INT_MAX) {
-    int filled = 0;
+             Record* records, int capacity, int* pCount) {
+    qvsql::BoundedList<Record> list(records, capacity);
     const int result = runQuery(sql, bind, [&](sqlite3_stmt* stmt) {
-        return forEachRow(stmt, [&](sqlite3_stmt* row) {
-            if (filled == capacity) return false;
-            readRow(row, records[filled++]);
-            return true;
-        });
+        return forEachRow(stmt, [&](sqlite3_stmt* row) { return list.add(row, readRow); });
     });
-    if (result == 0) *pCount = filled;
-    return result;
+    return list.finish(result, pCount);
 }
 
 // The first row into *record: 0. No row: -1, silently, record untouched.
@@ -459,13 +468,20 @@ Filters memberFilters(const char* iedName, const char* dsName, const char* ldIns
             {"daName", daName},         {"fc", fc}};
 }
 
-// Lists the matching members into at most `capacity` records.
-int listMembers(const Filters& filters, DataSetSub* pSubs, int* pCount, int capacity) {
+int listDataSets(DataSet* pSets, int capacity, int* pCount, const char* operation) {
+    if (!listCanStart(pSets, pCount, operation)) return -1;
+    return listRows("select iedName, dsName,ldInst,dsDesc from DataSet", noBinds, readDataSet,
+                    pSets, capacity, pCount);
+}
+
+// The matching members into at most `capacity` records: 0, 1 when cut, -1.
+int listMembersBy(const Filters& filters, DataSetSub* pSubs, int capacity, int* pCount,
+                  const char* operation) {
+    if (!listCanStart(pSubs, pCount, operation)) return -1;
     const std::string sql = filteredSql(
         "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ",
         filters);
-    return listRows(sql, filterBinds(filters), readDataSetSub,
-                    pSubs, pCount, capacity);
+    return listRows(sql, filterBinds(filters), readDataSetSub, pSubs, capacity, pCount);
 }
 
 }  // namespace
@@ -477,12 +493,11 @@ int zq_getAllDataSetsNum(int* pCount) {
 }
 
 int zq_getAllDataSets(DataSet* pSets, int* pCount) {
-    if (!storeIsOpen(__func__) || !argumentGiven(pSets, __func__) ||
-        !argumentGiven(pCount, __func__))
-        return -1;
-    *pCount = 0;
-    return listRows("select iedName, dsName,ldInst,dsDesc from DataSet", noBinds, readDataSet,
-                    pSets, pCount);
+    return listDataSets(pSets, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllDataSetsN(DataSet* pSets, int capacity, int* pCount) {
+    return listDataSets(pSets, capacity, pCount, __func__);
 }
 
 int zq_getDataSetByName(const char* iedName, const char* name, DataSet* pSet) {
@@ -521,12 +536,16 @@ int zq_getDataSetSubsByParams(const char* iedName, const char* dsName, const cha
                               const char* lnClass, const char* lnInst, const char* doName,
                               const char* daName, const char* fc, DataSetSub* pSubs,
                               int* pCount) {
-    if (!storeIsOpen(__func__) || !argumentGiven(pSubs, __func__) ||
-        !argumentGiven(pCount, __func__))
-        return -1;
-    *pCount = 0;
-    return listMembers(memberFilters(iedName, dsName, ldInst, lnClass, lnInst, doName, daName, fc),
-                       pSubs, pCount, INT_MAX);
+    return listMembersBy(memberFilters(iedName, dsName, ldInst, lnClass, lnInst, doName, daName, fc),
+                         pSubs, kNoLimit, pCount, __func__);
+}
+
+int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName, const char* ldInst,
+                               const char* lnClass, const char* lnInst, const char* doName,
+                               const char* daName, const char* fc, DataSetSub* pSubs,
+                               int capacity, int* pCount) {
+    return listMembersBy(memberFilters(iedName, dsName, ldInst, lnClass, lnInst, doName, daName, fc),
+                         pSubs, capacity, pCount, __func__);
 }
 
 // ---- Bulk and data-set values -------------------------------------------------
@@ -710,6 +729,9 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
     return result;
 }
 
+// The most of a caller's name that a message repeats.
+constexpr int kEchoedNameMax = 64;
+
 // Saves the first `count` members' values in one write transaction with the
 // member query; values beyond the members have nowhere to go, so they make
 // the save fail after the members are written.
@@ -731,8 +753,8 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
         return abandonSave();
     if (count > members) {
-        std::fprintf(stderr, "%s: %d values given, data set %s has %d members\n", operation, count,
-                     dataSetName != nullptr ? dataSetName : "", members);
+        std::fprintf(stderr, "%s: %d values given, data set %.*s has %d members\n", operation,
+                     count, kEchoedNameMax, dataSetName != nullptr ? dataSetName : "", members);
         return -1;
     }
     return 0;
@@ -864,6 +886,16 @@ Filters attributeFilters(const char* iedName, const char* ldName, const char* ln
             {"fcName", fcName}};
 }
 
+int listAttributes(const Filters& filters, DA* pDas, int capacity, int* pCount,
+                   const char* operation) {
+    if (!listCanStart(pDas, pCount, operation)) return -1;
+    return listRows(
+        filteredSql(
+            "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA ",
+            filters),
+        filterBinds(filters), readDa, pDas, capacity, pCount);
+}
+
 }  // namespace
 
 // Looked up by row key: the daName column itself is not compared.
@@ -887,16 +919,15 @@ int zq_getDAsByParamsNum(const char* iedName, const char* ldName, const char* ln
 
 int zq_getDAsByParams(const char* iedName, const char* ldName, const char* lnName,
                       const char* doName, const char* fcName, DA* pDas, int* pCount) {
-    if (!storeIsOpen(__func__) || !argumentGiven(pDas, __func__) ||
-        !argumentGiven(pCount, __func__))
-        return -1;
-    *pCount = 0;
-    const Filters filters = attributeFilters(iedName, ldName, lnName, doName, fcName);
-    return listRows(
-        filteredSql(
-            "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA ",
-            filters),
-        filterBinds(filters), readDa, pDas, pCount);
+    return listAttributes(attributeFilters(iedName, ldName, lnName, doName, fcName), pDas,
+                          kNoLimit, pCount, __func__);
+}
+
+int zq_getDAsByParamsN(const char* iedName, const char* ldName, const char* lnName,
+                       const char* doName, const char* fcName, DA* pDas, int capacity,
+                       int* pCount) {
+    return listAttributes(attributeFilters(iedName, ldName, lnName, doName, fcName), pDas,
+                          capacity, pCount, __func__);
 }
 
 // ---- Terminal access list -----------------------------------------------------
@@ -1038,12 +1069,10 @@ int countAll(const RegistryTable& table, int* pCount, const char* operation) {
 }
 
 template <typename Record>
-int listAll(const RegistryTable& table, Record* records, int* pCount, const char* operation) {
-    if (!storeIsOpen(operation) || !argumentGiven(records, operation) ||
-        !argumentGiven(pCount, operation))
-        return -1;
-    *pCount = 0;
-    return listRows(table.listSql, noBinds, readRecord<Record>, records, pCount);
+int listAll(const RegistryTable& table, Record* records, int capacity, int* pCount,
+            const char* operation) {
+    if (!listCanStart(records, pCount, operation)) return -1;
+    return listRows(table.listSql, noBinds, readRecord<Record>, records, capacity, pCount);
 }
 
 // The first record whose key column equals the caller's key text.
@@ -1075,7 +1104,11 @@ int zq_deleteLTUAccessByDeviceid(const char* deviceid) {
 int zq_getAllLTUAccessNum(int* pCount) { return countAll(kAccessList, pCount, __func__); }
 
 int zq_getAllLTUAccess(LTUAccess* pLTUAccess, int* pCount) {
-    return listAll(kAccessList, pLTUAccess, pCount, __func__);
+    return listAll(kAccessList, pLTUAccess, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllLTUAccessN(LTUAccess* pLTUAccess, int capacity, int* pCount) {
+    return listAll(kAccessList, pLTUAccess, capacity, pCount, __func__);
 }
 
 // ---- Terminal information -----------------------------------------------------
@@ -1106,7 +1139,11 @@ int zq_deleteLTUInforByName(const char* name) {
 int zq_getAllLTUInforsNum(int* pCount) { return countAll(kTerminals, pCount, __func__); }
 
 int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount) {
-    return listAll(kTerminals, pLTUInfors, pCount, __func__);
+    return listAll(kTerminals, pLTUInfors, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllLTUInforsN(LTUInfor* pLTUInfors, int capacity, int* pCount) {
+    return listAll(kTerminals, pLTUInfors, capacity, pCount, __func__);
 }
 
 int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor) {
@@ -1219,28 +1256,27 @@ int countNeighbours(const char* name, const Side& side, int* pCount, const char*
 
 // Passes over exactly one row, the first whose m_rln is the given name, as the
 // count takes away exactly one.
-int listNeighbours(const char* name, const Side& side, TopoInfor* nodes, int* pCount,
-                   const char* operation) {
+int listNeighbours(const char* name, const Side& side, TopoInfor* nodes, int capacity,
+                   int* pCount, const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(name, operation) ||
         !argumentGiven(nodes, operation) || !argumentGiven(pCount, operation))
         return -1;
     TopoInfor node{};
     if (!findNode(name, node)) return -1;
     *pCount = 0;
-    int filled = 0;
+    qvsql::BoundedList<TopoInfor> list(nodes, capacity);
     bool nodePassed = false;
     const int result =
         runQuery(side.listSql, linkBinder(node, side), [&](sqlite3_stmt* stmt) {
             return forEachRow(stmt, [&](sqlite3_stmt* row) {
-                if (!nodePassed && isTheNode(row, name))
+                if (!nodePassed && isTheNode(row, name)) {
                     nodePassed = true;
-                else
-                    readRecord(row, nodes[filled++]);
-                return true;
+                    return true;
+                }
+                return list.add(row, readRecord<TopoInfor>);
             });
         });
-    if (result == 0) *pCount = filled;
-    return result;
+    return list.finish(result, pCount);
 }
 
 }  // namespace
@@ -1262,7 +1298,11 @@ int zq_deleteTopoInforByLNName(const char* name) {
 int zq_getAllTopoInforsNum(int* pCount) { return countAll(kTopology, pCount, __func__); }
 
 int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount) {
-    return listAll(kTopology, pTopoInfors, pCount, __func__);
+    return listAll(kTopology, pTopoInfors, kNoLimit, pCount, __func__);
+}
+
+int zq_getAllTopoInforsN(TopoInfor* pTopoInfors, int capacity, int* pCount) {
+    return listAll(kTopology, pTopoInfors, capacity, pCount, __func__);
 }
 
 int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor) {
@@ -1283,7 +1323,12 @@ int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount) {
 }
 
 int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount) {
-    return listNeighbours(name, kLeft, pTopoInfors, pCount, __func__);
+    return listNeighbours(name, kLeft, pTopoInfors, kNoLimit, pCount, __func__);
+}
+
+int zq_getLeftTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
+                                   int* pCount) {
+    return listNeighbours(name, kLeft, pTopoInfors, capacity, pCount, __func__);
 }
 
 int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount) {
@@ -1291,5 +1336,10 @@ int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount) {
 }
 
 int zq_getRightTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount) {
-    return listNeighbours(name, kRight, pTopoInfors, pCount, __func__);
+    return listNeighbours(name, kRight, pTopoInfors, kNoLimit, pCount, __func__);
+}
+
+int zq_getRightTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
+                                   int* pCount) {
+    return listNeighbours(name, kRight, pTopoInfors, capacity, pCount, __func__);
 }

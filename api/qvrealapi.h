@@ -8,6 +8,18 @@
  * Every operation except zq_openRealDB, zq_closeRealDB, initRealSem and
  * RSHash needs an open connection (zq_openRealDB) and runs under the
  * inter-process store lock. Results: 0 success, -1 failure.
+ *
+ * Lists are count-then-fetch: a ...Num operation counts the rows and the list
+ * operation fills the caller's array, which the caller sized from that count.
+ * The two are separate operations, and another process may add rows in
+ * between; the list then writes past the array. Every list therefore has a
+ * bounded form, named after it with the suffix N, that takes the array's
+ * capacity just before the count argument. It writes at most `capacity`
+ * records (none when it is 0 or less), sets *pCount to the number written and
+ * returns 0 when every matching row fitted, 1 when more rows matched (the
+ * array holds the first `capacity` rows, in the usual order), -1 on failure.
+ * Prefer the bounded forms; the others write one record per matching row,
+ * however many.
  */
 #ifndef QVREALAPI_H
 #define QVREALAPI_H
@@ -117,6 +129,7 @@ QV_API int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacte
 
 QV_API int zq_getAllDataSetsNum(int* pCount);
 QV_API int zq_getAllDataSets(DataSet* pSets, int* pCount);
+QV_API int zq_getAllDataSetsN(DataSet* pSets, int capacity, int* pCount);
 QV_API int zq_getDataSetByName(const char* iedName, const char* name, DataSet* pSet);
 QV_API int zq_getDataSetSubByName(const char* fcdaName, DataSetSub* pSub);
 QV_API int zq_getDataSetSubsByParamsNum(const char* iedName, const char* dsName,
@@ -128,6 +141,11 @@ QV_API int zq_getDataSetSubsByParams(const char* iedName, const char* dsName,
                                      const char* lnInst, const char* doName,
                                      const char* daName, const char* fc,
                                      DataSetSub* pSubs, int* pCount);
+QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
+                                      const char* ldInst, const char* lnClass,
+                                      const char* lnInst, const char* doName,
+                                      const char* daName, const char* fc,
+                                      DataSetSub* pSubs, int capacity, int* pCount);
 
 /* ---- Bulk and data-set values ----------------------------------------- */
 
@@ -151,11 +169,8 @@ QV_API int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName,
 QV_API int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int* pCharacter, int* pCount);
 
-/* Bounded data-set reads. Members may be added by another process between
- * the count that sized the caller's arrays and the read; these never write
- * more than `capacity` values (and qualities). *pCount = the number written;
- * result 0 when every member fitted, 1 when more members matched (the arrays
- * then hold the first `capacity` in member order), -1 on failure. */
+/* The bounded forms of the two data-set reads: at most `capacity` values
+ * (and qualities), in member order; 0, 1 when members were left out, -1. */
 QV_API int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int capacity, int* pCount);
 QV_API int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName,
@@ -171,6 +186,9 @@ QV_API int zq_getDAsByParamsNum(const char* iedName, const char* ldName,
 QV_API int zq_getDAsByParams(const char* iedName, const char* ldName,
                              const char* lnName, const char* doName,
                              const char* fcName, DA* pDas, int* pCount);
+QV_API int zq_getDAsByParamsN(const char* iedName, const char* ldName,
+                              const char* lnName, const char* doName,
+                              const char* fcName, DA* pDas, int capacity, int* pCount);
 
 /* ---- Terminal access list --------------------------------------------- */
 
@@ -178,6 +196,7 @@ QV_API int zq_addLTUAccess(const LTUAccess* pLTUAccess);
 QV_API int zq_deleteLTUAccessByDeviceid(const char* deviceid);
 QV_API int zq_getAllLTUAccessNum(int* pCount);
 QV_API int zq_getAllLTUAccess(LTUAccess* pLTUAccess, int* pCount);
+QV_API int zq_getAllLTUAccessN(LTUAccess* pLTUAccess, int capacity, int* pCount);
 
 /* ---- Terminal information --------------------------------------------- */
 
@@ -187,6 +206,7 @@ QV_API int zq_deleteAllLTUInfors(void);
 QV_API int zq_deleteLTUInforByName(const char* name);
 QV_API int zq_getAllLTUInforsNum(int* pCount);
 QV_API int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount);
+QV_API int zq_getAllLTUInforsN(LTUInfor* pLTUInfors, int capacity, int* pCount);
 QV_API int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor);
 QV_API int zq_setLTUInforByName(const char* name, const LTUInfor* pLTUInfor);
 QV_API int zq_setLTUInforStateByName(const char* name, int state);
@@ -201,12 +221,17 @@ QV_API int zq_deleteAllTopoInfors(void);
 QV_API int zq_deleteTopoInforByLNName(const char* name);
 QV_API int zq_getAllTopoInforsNum(int* pCount);
 QV_API int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount);
+QV_API int zq_getAllTopoInforsN(TopoInfor* pTopoInfors, int capacity, int* pCount);
 QV_API int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor);
 QV_API int zq_getTopoInforPower(TopoInfor* pTopoInfor);
 QV_API int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount);
 QV_API int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
+QV_API int zq_getLeftTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
+                                         int* pCount);
 QV_API int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount);
 QV_API int zq_getRightTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
+QV_API int zq_getRightTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
+                                          int* pCount);
 
 #ifdef __cplusplus
 }

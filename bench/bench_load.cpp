@@ -1,16 +1,33 @@
-// Loading a large model (50 logical nodes, about 5000 data attributes, 250
-// data set members, 750 instance values) into a fresh store.
+// Loading generated models of about 5 000, 50 000 and 100 000 data
+// attributes, each load in a fresh process (the benchmark binary started
+// again), as a provisioning process loads a model once.
+//
+// Lib/LoadModel/N: zq_addIEDRealDB of the file.
+// Bare/LoadModel/N: the bare baseline in a fresh process as well: libxml2
+// parses the same file, then one transaction inserts the same rows (those
+// the library wrote, copied beforehand) with one prepared statement per
+// table.
+//
+// The time of an iteration is the processor time (user and system) that the
+// child spends on the work, measured inside it: on a machine shared with
+// other work, wall time mostly measures the waits for a processor (wall_ms
+// shows it). peak_rss_MiB is the child's peak resident size (wait4), and
+// us_per_1000_attributes shows whether the time grows linearly with the
+// model.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
+#include <libxml/parser.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,12 +36,12 @@
 
 namespace {
 
-constexpr int kDevices = 5;
+// ---- The generated model -----------------------------------------------------
+
 constexpr int kNodesPerDevice = 10;
+constexpr int kAttributesPerNode = 99;  // five WYE objects of three phases, one MV, one ENS
 const char* const kPhases[] = {"phsA", "phsB", "phsC"};
 const char* const kWyeObjects[] = {"PhV", "A", "W", "VAr", "VA"};
-
-std::string modelPath() { return std::string(QV_TEST_STORE_DIR) + "/bench-model.cid"; }
 
 std::string fcda(int device, int node, const std::string& doName, const char* daName,
                  const char* fc) {
@@ -33,17 +50,15 @@ std::string fcda(int device, int node, const std::string& doName, const char* da
            "\" fc=\"" + fc + "\"/>";
 }
 
-// Every node: five WYE objects of three phases (18 attributes each), one MV
-// (6) and one ENS (3): 99 attributes, 4950 in all.
-std::string dataSets() {
+// Five members per node: three phase currents, its behaviour and its frequency.
+std::string dataSets(int devices) {
     std::string ain = "<DataSet name=\"dsAin\" desc=\"analogues\">";
     std::string din = "<DataSet name=\"dsDin\" desc=\"behaviour\">";
     std::string energy = "<DataSet name=\"dsEnergy\" desc=\"energy\">";
-    for (int d = 0; d < kDevices; ++d) {
+    for (int d = 0; d < devices; ++d) {
         for (int n = 0; n < kNodesPerDevice; ++n) {
-            for (const char* phase : kPhases) {
+            for (const char* phase : kPhases)
                 ain += fcda(d, n, std::string("A.") + phase, "cVal.mag.f", "MX");
-            }
             din += fcda(d, n, "Beh", "stVal", "ST");
             energy += fcda(d, n, "Hz", "mag.f", "MX");
         }
@@ -51,13 +66,15 @@ std::string dataSets() {
     return ain + "</DataSet>" + din + "</DataSet>" + energy + "</DataSet>";
 }
 
+// Fifteen instance values per node.
 std::string logicalNode(int node) {
     std::string ln = "<LN lnClass=\"MMXU\" inst=\"" + std::to_string(node + 1) +
                      "\" lnType=\"B_MMXU\" desc=\"feeder\">";
     for (const char* object : kWyeObjects) {
         ln += std::string("<DOI name=\"") + object + "\" desc=\"" + object + " per phase\">";
         for (const char* phase : kPhases) {
-            ln += std::string("<SDI name=\"") + phase + "\"><SDI name=\"units\">"
+            ln += std::string("<SDI name=\"") + phase +
+                  "\"><SDI name=\"units\">"
                   "<DAI name=\"SIUnit\"><Val>V</Val></DAI></SDI></SDI>";
         }
         ln += "</DOI>";
@@ -69,16 +86,20 @@ const char* const kTemplates =
     "<DataTypeTemplates>"
     "<LNodeType id=\"B_LLN0\" lnClass=\"LLN0\"><DO name=\"Beh\" type=\"B_ENS\"/></LNodeType>"
     "<LNodeType id=\"B_MMXU\" lnClass=\"MMXU\"><DO name=\"Beh\" type=\"B_ENS\"/>"
-    "<DO name=\"Hz\" type=\"B_MV\"/><DO name=\"PhV\" type=\"B_WYE\"/><DO name=\"A\" type=\"B_WYE\"/>"
-    "<DO name=\"W\" type=\"B_WYE\"/><DO name=\"VAr\" type=\"B_WYE\"/><DO name=\"VA\" type=\"B_WYE\"/>"
+    "<DO name=\"Hz\" type=\"B_MV\"/><DO name=\"PhV\" type=\"B_WYE\"/><DO name=\"A\" "
+    "type=\"B_WYE\"/>"
+    "<DO name=\"W\" type=\"B_WYE\"/><DO name=\"VAr\" type=\"B_WYE\"/><DO name=\"VA\" "
+    "type=\"B_WYE\"/>"
     "</LNodeType>"
     "<DOType id=\"B_ENS\" cdc=\"ENS\"><DA name=\"stVal\" bType=\"Enum\" type=\"B_Beh\" fc=\"ST\"/>"
-    "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"ST\"/></DOType>"
+    "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/><DA name=\"t\" bType=\"Timestamp\" "
+    "fc=\"ST\"/></DOType>"
     "<DOType id=\"B_MV\" cdc=\"MV\"><DA name=\"mag\" bType=\"Struct\" type=\"B_AV\" fc=\"MX\"/>"
     "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"MX\"/>"
     "<DA name=\"units\" bType=\"Struct\" type=\"B_Unit\" fc=\"CF\"/>"
     "<DA name=\"db\" bType=\"INT32U\" fc=\"CF\"/></DOType>"
-    "<DOType id=\"B_CMV\" cdc=\"CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"B_Vector\" fc=\"MX\"/>"
+    "<DOType id=\"B_CMV\" cdc=\"CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"B_Vector\" "
+    "fc=\"MX\"/>"
     "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/><DA name=\"t\" bType=\"Timestamp\" fc=\"MX\"/>"
     "<DA name=\"units\" bType=\"Struct\" type=\"B_Unit\" fc=\"CF\"/></DOType>"
     "<DOType id=\"B_WYE\" cdc=\"WYE\"><SDO name=\"phsA\" type=\"B_CMV\"/>"
@@ -88,33 +109,158 @@ const char* const kTemplates =
     "<BDA name=\"ang\" bType=\"Struct\" type=\"B_AV\"/></DAType>"
     "<DAType id=\"B_Unit\"><BDA name=\"SIUnit\" bType=\"Enum\" type=\"B_SIUnit\"/>"
     "<BDA name=\"multiplier\" bType=\"INT8\"/></DAType>"
-    "<EnumType id=\"B_Beh\"><EnumVal ord=\"1\">on</EnumVal><EnumVal ord=\"5\">off</EnumVal></EnumType>"
+    "<EnumType id=\"B_Beh\"><EnumVal ord=\"1\">on</EnumVal><EnumVal "
+    "ord=\"5\">off</EnumVal></EnumType>"
     "<EnumType id=\"B_SIUnit\"><EnumVal ord=\"5\">A</EnumVal><EnumVal ord=\"29\">V</EnumVal>"
     "</EnumType></DataTypeTemplates>";
 
-void writeLargeModel() {
-    std::ofstream out(modelPath());
+std::string storeFile(const std::string& name) {
+    return std::string(QV_TEST_STORE_DIR) + "/" + name;
+}
+std::string modelPath(int attributes) {
+    return storeFile("bench-model-" + std::to_string(attributes) + ".cid");
+}
+std::string rowsPath(int attributes) {
+    return storeFile("bench-rows-" + std::to_string(attributes) + ".db");
+}
+
+// A model of about `attributes` data attributes, ten logical nodes per device.
+void writeModel(int attributes, const std::string& path) {
+    const int devices = attributes / kAttributesPerNode / kNodesPerDevice;
+    std::ofstream out(path);
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<SCL><IED name=\"BENCH\">"
            "<AccessPoint name=\"S1\"><Server>";
-    for (int d = 0; d < kDevices; ++d) {
+    for (int d = 0; d < devices; ++d) {
         out << "<LDevice inst=\"LD" << d << "\"><LN0 lnClass=\"LLN0\" inst=\"\" lnType=\"B_LLN0\">"
-            << (d == 0 ? dataSets() : "") << "</LN0>";
+            << (d == 0 ? dataSets(devices) : "") << "</LN0>";
         for (int n = 0; n < kNodesPerDevice; ++n) out << logicalNode(n);
         out << "</LDevice>";
     }
     out << "</Server></AccessPoint></IED>" << kTemplates << "</SCL>\n";
 }
 
-// An empty store from the shipped schema.
+// ---- The child process ---------------------------------------------------------
+
+const char* const kChildMode = "QV_BENCH_LOAD_MODE";  // "lib" or "bare"
+const char* const kChildModel = "QV_BENCH_LOAD_MODEL";
+const char* const kChildRows = "QV_BENCH_LOAD_ROWS";
+const char* const kChildReportFd = "QV_BENCH_LOAD_FD";
+
+void execOrFail(sqlite3* db, const char* sql, bool* ok) {
+    *ok = *ok && sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Copies every row of one table of the attached "src" into the store with
+// one prepared insert, binding each column as it was stored.
+void copyRows(sqlite3* db, const char* table, int columns, bool* ok) {
+    std::string insert = std::string("insert into ") + table + " values(?";
+    for (int c = 1; c < columns; ++c) insert += ",?";
+    insert += ")";
+    const std::string select = std::string("select * from src.") + table + " order by rowid";
+    sqlite3_stmt* from = nullptr;
+    sqlite3_stmt* to = nullptr;
+    *ok = *ok && sqlite3_prepare_v2(db, select.c_str(), -1, &from, nullptr) == SQLITE_OK &&
+          sqlite3_prepare_v2(db, insert.c_str(), -1, &to, nullptr) == SQLITE_OK;
+    while (*ok && sqlite3_step(from) == SQLITE_ROW) {
+        for (int c = 0; c < columns; ++c)
+            sqlite3_bind_value(to, c + 1, sqlite3_column_value(from, c));
+        *ok = sqlite3_step(to) == SQLITE_DONE;
+        sqlite3_reset(to);
+    }
+    sqlite3_finalize(from);
+    sqlite3_finalize(to);
+}
+
+// libxml2's parse of the file, then the rows in one transaction.
+bool bareLoad(const char* model, const char* rows) {
+    xmlDocPtr doc = xmlReadFile(model, nullptr, XML_PARSE_NOBLANKS | XML_PARSE_NONET);
+    if (doc == nullptr) return false;
+    xmlFreeDoc(doc);
+    sqlite3* db = nullptr;
+    bool ok = sqlite3_open(QV_REALTIME_DB_PATH, &db) == SQLITE_OK;
+    const std::string attach = std::string("attach '") + rows + "' as src";
+    execOrFail(db, attach.c_str(), &ok);
+    execOrFail(db, "pragma src.cache_size=16", &ok);  // no more page cache than the library's
+    execOrFail(db, "begin", &ok);
+    copyRows(db, "DataSet", 4, &ok);
+    copyRows(db, "DataSetSub", 9, &ok);
+    copyRows(db, "DA", 10, &ok);
+    copyRows(db, "DAValue", 5, &ok);
+    execOrFail(db, "commit", &ok);
+    sqlite3_close(db);
+    return ok;
+}
+
+struct ChildReport {
+    double cpuSeconds;
+    double wallSeconds;
+    int ok;
+};
+
+double cpuSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// Runs before main in a child that the benchmark started: one load, its
+// time to the parent, and the end of the process.
+bool runAsLoadChild() {
+    const char* mode = std::getenv(kChildMode);
+    if (mode == nullptr) return false;
+    const char* model = std::getenv(kChildModel);
+    const auto start = std::chrono::steady_clock::now();
+    const double cpuStart = cpuSeconds();
+    const bool ok = std::strcmp(mode, "lib") == 0 ? zq_addIEDRealDB(const_cast<char*>(model)) == 0
+                                                  : bareLoad(model, std::getenv(kChildRows));
+    const ChildReport report{
+        cpuSeconds() - cpuStart,
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), ok};
+    const int fd = std::atoi(std::getenv(kChildReportFd));
+    _exit(write(fd, &report, sizeof report) == sizeof report ? 0 : 1);
+}
+
+[[maybe_unused]] const bool g_isLoadChild = runAsLoadChild();
+
+struct ChildRun {
+    ChildReport report{0, 0, 0};
+    long peakRssKiB = 0;
+};
+
+// Starts this benchmark binary again as a load child and waits for it.
+ChildRun runLoadChild(const char* mode, int attributes) {
+    int channel[2];
+    if (pipe(channel) != 0) return {};
+    const std::string model = modelPath(attributes), rows = rowsPath(attributes),
+                      fd = std::to_string(channel[1]);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setenv(kChildMode, mode, 1);
+        setenv(kChildModel, model.c_str(), 1);
+        setenv(kChildRows, rows.c_str(), 1);
+        setenv(kChildReportFd, fd.c_str(), 1);
+        execl("/proc/self/exe", "qv_bench", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(channel[1]);
+    ChildRun run;
+    if (read(channel[0], &run.report, sizeof run.report) != sizeof run.report) run.report.ok = 0;
+    close(channel[0]);
+    struct rusage usage {};
+    int status = 0;
+    wait4(pid, &status, 0, &usage);
+    run.peakRssKiB = usage.ru_maxrss;
+    return run;
+}
+
 void createStore() { sqlite3_close(qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql")); }
 
-long countRows(const char* table) {
+long countAttributeRows() {
     sqlite3* db = nullptr;
     sqlite3_stmt* stmt = nullptr;
     long count = -1;
     sqlite3_open(QV_REALTIME_DB_PATH, &db);
-    const std::string sql = std::string("select count(*) from ") + table;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
+    if (sqlite3_prepare_v2(db, "select count(*) from DA", -1, &stmt, nullptr) == SQLITE_OK &&
         sqlite3_step(stmt) == SQLITE_ROW)
         count = sqlite3_column_int(stmt, 0);
     sqlite3_finalize(stmt);
@@ -122,142 +268,62 @@ long countRows(const char* table) {
     return count;
 }
 
-// Resets the process's peak resident size to its current size, so that the
-// next reading shows only what happened since (Linux).
-bool resetPeakResidentSize() {
-    std::ofstream clear("/proc/self/clear_refs");
-    clear << "5";
-    clear.flush();
-    return clear.good();
-}
-
-long statusKiB(const char* field) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::strlen(field)));
-    }
-    return -1;
-}
-
-// Peak resident growth, in KiB, of one more load in this process; -1 when
-// the peak cannot be reset. Freed heap pages are returned first so that
-// pages the load reuses count again.
-long peakGrowthOfOneLoad(std::string path) {
-    createStore();
-    malloc_trim(0);
-    if (!resetPeakResidentSize()) return -1;
-    const long before = statusKiB("VmRSS:");
-    if (zq_addIEDRealDB(path.data()) != 0) return -1;
-    return statusKiB("VmHWM:") - before;
-}
-
-double tableCapacityMiB() {
-    using namespace qvaddied;
-    const std::size_t bytes =
-        kDaValueCapacity * sizeof(DaValue) + kEnumTypeCapacity * sizeof(EnumType) +
-        kDataSetCapacity * sizeof(DataSet) + kDataSetSubCapacity * sizeof(DataSetSub) +
-        kLdCapacity * sizeof(LD) + kLnTypeCapacity * sizeof(LNodeType) +
-        kDoTypeCapacity * sizeof(DOType) + kDaTypeCapacity * sizeof(DAType) +
-        kDaTableCapacity * sizeof(DATable);
-    return static_cast<double>(bytes) / (1024.0 * 1024.0);
-}
-
-void BM_LoadLargeModel(benchmark::State& state) {
+// The model file and the rows the library writes for it (the baseline's input).
+bool prepareModel(int attributes) {
     mkdir(QV_TEST_STORE_DIR, 0755);
-    writeLargeModel();
-    std::string path = modelPath();
-    for (auto _ : state) {
-        state.PauseTiming();
-        createStore();
-        state.ResumeTiming();
-        if (zq_addIEDRealDB(path.data()) != 0) {
-            state.SkipWithError("the large model did not load");
-            break;
-        }
-    }
-    state.counters["DA_rows"] = static_cast<double>(countRows("DA"));
-    state.counters["DAValue_rows"] = static_cast<double>(countRows("DAValue"));
-    // The tables are allocated at full capacity and zero-filled; in a process
-    // that has loaded before, calloc clears the recycled blocks in full.
-    state.counters["table_capacity_MiB"] = tableCapacityMiB();
-    state.counters["peak_rss_growth_KiB"] = static_cast<double>(peakGrowthOfOneLoad(path));
-    unlink(path.c_str());
-}
-
-}  // namespace
-
-BENCHMARK(BM_LoadLargeModel)->Name("Lib/LoadLargeModel")->Unit(benchmark::kMillisecond);
-
-namespace {
-
-// Every row of the four model tables, as the library's load left them.
-struct ModelRows {
-    std::vector<std::vector<std::string>> dataSets, members, attributes, values;
-};
-
-std::vector<std::vector<std::string>> allRows(sqlite3* db, const std::string& table) {
-    std::vector<std::vector<std::string>> rows;
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db, ("select * from " + table).c_str(), -1, &stmt, nullptr);
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-        std::vector<std::string> row;
-        for (int c = 0; c < sqlite3_column_count(stmt); ++c)
-            row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, c)));
-        rows.push_back(row);
-    }
-    sqlite3_finalize(stmt);
-    return rows;
-}
-
-void insertRows(sqlite3* db, const std::string& table,
-                const std::vector<std::vector<std::string>>& rows) {
-    if (rows.empty()) return;
-    std::string sql = "insert into " + table + " values(?";
-    for (size_t c = 1; c < rows[0].size(); ++c) sql += ",?";
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db, (sql + ")").c_str(), -1, &stmt, nullptr);
-    for (const auto& row : rows) {
-        for (size_t c = 0; c < row.size(); ++c)
-            sqlite3_bind_text(stmt, static_cast<int>(c + 1), row[c].c_str(), -1, SQLITE_STATIC);
-        sqlite3_step(stmt);
-        sqlite3_reset(stmt);
-    }
-    sqlite3_finalize(stmt);
-}
-
-// The baseline of a load: the same rows written by bare SQLite, prepared
-// statements in one transaction, without reading or expanding any SCL.
-void BM_BareWriteOfTheSameRows(benchmark::State& state) {
-    mkdir(QV_TEST_STORE_DIR, 0755);
-    writeLargeModel();
-    std::string path = modelPath();
+    writeModel(attributes, modelPath(attributes));
     createStore();
-    if (zq_addIEDRealDB(path.data()) != 0) {
-        state.SkipWithError("the large model did not load");
+    if (!runLoadChild("lib", attributes).report.ok) return false;
+    std::ifstream from(QV_REALTIME_DB_PATH, std::ios::binary);
+    std::ofstream(rowsPath(attributes), std::ios::binary) << from.rdbuf();
+    return true;
+}
+
+void loadInFreshProcesses(benchmark::State& state, const char* mode) {
+    const int attributes = static_cast<int>(state.range(0));
+    if (!prepareModel(attributes)) {
+        state.SkipWithError("the generated model did not load");
         return;
     }
-    sqlite3* db = nullptr;
-    sqlite3_open(QV_REALTIME_DB_PATH, &db);
-    const ModelRows rows{allRows(db, "DataSet"), allRows(db, "DataSetSub"), allRows(db, "DA"),
-                         allRows(db, "DAValue")};
-    sqlite3_close(db);
+    long peakRssKiB = 0;
+    double seconds = 0, wallSeconds = 0;
     for (auto _ : state) {
-        state.PauseTiming();
-        db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
-        state.ResumeTiming();
-        qvbench::execOrDie(db, "begin");
-        insertRows(db, "DataSet", rows.dataSets);
-        insertRows(db, "DataSetSub", rows.members);
-        insertRows(db, "DA", rows.attributes);
-        insertRows(db, "DAValue", rows.values);
-        qvbench::execOrDie(db, "commit");
-        sqlite3_close(db);
+        createStore();
+        const ChildRun run = runLoadChild(mode, attributes);
+        if (!run.report.ok) {
+            state.SkipWithError("the load failed");
+            return;
+        }
+        state.SetIterationTime(run.report.cpuSeconds);
+        seconds += run.report.cpuSeconds;
+        wallSeconds += run.report.wallSeconds;
+        peakRssKiB = std::max(peakRssKiB, run.peakRssKiB);
     }
-    state.counters["DA_rows"] = static_cast<double>(rows.attributes.size());
-    unlink(path.c_str());
+    const long rows = countAttributeRows();
+    state.counters["DA_rows"] = static_cast<double>(rows);
+    state.counters["peak_rss_MiB"] = static_cast<double>(peakRssKiB) / 1024.0;
+    state.counters["wall_ms"] = wallSeconds / static_cast<double>(state.iterations()) * 1e3;
+    state.counters["us_per_1000_attributes"] =
+        seconds / static_cast<double>(state.iterations()) * 1e9 / static_cast<double>(rows);
+    unlink(modelPath(attributes).c_str());
+    unlink(rowsPath(attributes).c_str());
 }
 
-}  // namespace
+// Library and baseline side by side at each size, so that both see the
+// same load on the machine.
+[[maybe_unused]] const bool g_registered = [] {
+    for (int attributes : {5000, 50000, 100000}) {
+        for (const char* mode : {"lib", "bare"}) {
+            const std::string name =
+                std::strcmp(mode, "lib") == 0 ? "Lib/LoadModel" : "Bare/LoadModel";
+            benchmark::RegisterBenchmark(name.c_str(), loadInFreshProcesses, mode)
+                ->Arg(attributes)
+                ->Iterations(9)
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond);
+        }
+    }
+    return true;
+}();
 
-BENCHMARK(BM_BareWriteOfTheSameRows)->Name("Bare/LoadLargeModel")->Unit(benchmark::kMillisecond);
+}  // namespace

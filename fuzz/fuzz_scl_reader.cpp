@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes, as an SCL file, through the model reader, the type
-// expansion, the instance values and the classification. The store is not
-// touched.
+// expansion, the instance values, the classification and every attribute
+// row, as `qvtool load --check` does. The store is not touched.
 #include <libxml/xmlerror.h>
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "qvaddied.h"
+#include "internal/qvloader.h"
 
 namespace {
 
@@ -46,12 +46,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    using namespace qvaddied;
-    if (!writeInput(data, size) || mallocData() != 0) return 0;
-    if (readICD(g_inputPath.c_str()) == 0 && initDATable() == 0) {
-        initDaValue();
-        read_daConfTypes();
-    }
-    freeData();
+    if (writeInput(data, size)) qvaddied::loadFile(g_inputPath.c_str(), nullptr, false, nullptr);
     return 0;
 }

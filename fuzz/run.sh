@@ -26,6 +26,6 @@ set +e
 "$build/fuzz/fuzz_scl_reader" -max_total_time="$seconds" -max_len=32768 \
   -dict="$here/scl.dict" -artifact_prefix="$build/fuzz/artifacts/" \
   -print_final_stats=1 "$corpus" 2>&1 |
-  grep -v -E '^(Failed to parse xml file:|Root is empty\.|The root is not SCL\.|SCL (error|model too large):|cid )'
+  grep -a -v -E '^(Failed to parse xml file:|Root is empty\.|The root is not SCL\.|SCL (error|model too large|parse error|warning):|Cannot read |cid )'
 status=${PIPESTATUS[0]}
 exit "$status"

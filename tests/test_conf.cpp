@@ -214,6 +214,15 @@ TEST_F(ConfStore, ASettingWrittenByAnotherProcessIsRead) {
     EXPECT_TRUE(untouched(misc));
 }
 
+// Each text of the record is bound up to its field's end, terminated or not.
+TEST_F(ConfStore, ASettingFromUnterminatedFieldsStopsAtEachField) {
+    const auto misc = qvtest::filledRecord<ProcessMisc>('x');
+    ASSERT_EQ(zq_setProcessMiscValue("qv104 -p 2404", "port", &misc), 0);
+    EXPECT_EQ(qvtest::query(confDbPath(), "select length(value),length(descripe) from ProcessMisc"
+                                          " where key='port'"),
+              (qvtest::Rows{{"1023", "127"}}));
+}
+
 TEST_F(ConfStore, LongTextsAreCutAndNullTextsAreEmpty) {
     qvtest::execSql(confDbPath(),
                     "create table P2 (no integer, processName text, processDescribe text);"
@@ -242,13 +251,18 @@ TEST_F(ConfStore, NullArgumentsAndAClosedStoreAreRefused) {
                                    "zq_getAllProcessDataAssociations: a required argument is null\n"
                                    "zq_setProcessMiscValue: a required argument is null\n");
 
+    // A closed store: the message has the form of a failed prepare.
     EXPECT_EQ(zq_closeConfDB(), 0);
     EXPECT_EQ(zq_closeConfDB(), 0);
+    const ProcessMisc misc{};
     CaptureStderr();
     EXPECT_EQ(counted(zq_getProcessMsgAssociationsNum, "qvacq"), "-1/0");
+    EXPECT_EQ(zq_setProcessMiscValue("qvacq", "period", &misc), -1);
     EXPECT_EQ(GetCapturedStderr(),
-              "zq_getProcessMsgAssociationsNum: the configuration store is not open "
-              "(call zq_openConfDB first)\n");
+              "sqlite3_prepare_v2 err the configuration store is not open "
+              "(zq_getProcessMsgAssociationsNum called before zq_openConfDB)\n"
+              "sqlite3_prepare_v2 err:the configuration store is not open "
+              "(zq_setProcessMiscValue called before zq_openConfDB)\n");
 }
 
 TEST_F(ConfStore, AFailedOpenIsTriedAgain) {

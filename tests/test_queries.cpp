@@ -140,17 +140,6 @@ std::string stored(const std::vector<const char*>& references) {
 
 // ---- Queries -----------------------------------------------------------------------
 
-TEST_F(ModelStore, AllDataSetsAreCountedAndListed) {
-    int count = -1;
-    DataSet sets[3];
-    ASSERT_EQ(zq_getAllDataSetsNum(&count), 0);
-    EXPECT_EQ(count, 3);
-    ASSERT_EQ(zq_getAllDataSets(sets, &count), 0);
-    ASSERT_EQ(count, 3);
-    EXPECT_EQ(describe(sets[0]) + " " + describe(sets[2]),
-              "IED1|dsA|LD0|analog values IED2|dsA|MEAS|other IED");
-}
-
 TEST_F(ModelStore, LookupsByNameFindOnlyTheExactRow) {
     DataSet set{};
     DataSetSub sub{};
@@ -289,6 +278,13 @@ TEST_F(ModelStore, DataSetValueCountsThatDoNotMatchTheMembers) {
     EXPECT_EQ(GetCapturedStderr(),
               "zq_saveDAValues1ByDataSet: 5 values given, data set dsB has 2 members\n");
     EXPECT_EQ(stored({kTotW1, kHz1, kInd1, kInd2, kHealth}), "7.0|0 8.0|0 0.0|0 7.0|1 8.0|1");
+    // A hostile name is cut in the message, not repeated whole.
+    const std::string hostile(100000, 'h');
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDAValuesByDataSet("IED1", hostile.c_str(), values, 1), -1);
+    const std::string message = GetCapturedStderr();
+    EXPECT_THAT(message, testing::HasSubstr(" data set " + hostile.substr(0, 64) + " has "));
+    EXPECT_LT(message.size(), 200u);
 }
 
 // ---- Failures ----------------------------------------------------------------------

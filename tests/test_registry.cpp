@@ -184,6 +184,26 @@ TEST_F(Registry, TerminalsRoundTripAndChangeByName) {
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from LTUInfor"), 0);
 }
 
+// The writers bind each text of a record up to its field's end, terminated or not.
+TEST_F(Registry, UnterminatedFieldsAreStoredUpToTheirEnds) {
+    const auto access = filledRecord<LTUAccess>('x');
+    const auto t = filledRecord<LTUInfor>('x');
+    const auto n = filledRecord<TopoInfor>('x');
+    ASSERT_EQ(zq_addLTUAccess(&access), 0);
+    ASSERT_EQ(zq_addLTUInfor(&t), 0);
+    ASSERT_EQ(zq_setLTUInforByName(std::string(32, 'x').c_str(), &t), 0);
+    ASSERT_EQ(zq_addTopoInfor(&n), 0);
+    EXPECT_EQ(query(realDbPath(), "select length(date_time),length(deviceid),length(desc),"
+                                  "length(key),length(version) from ltu_access_list"),
+              (Rows{{"255", "255", "63", "255", "63"}}));
+    EXPECT_EQ(query(realDbPath(), "select length(QVsoftware_version),length(SGhardware_version),"
+                                  "length(name),length(addr),length(desc) from LTUInfor"),
+              (Rows{{"7", "7", "32", "32", "255"}}));
+    EXPECT_EQ(query(realDbPath(), "select length(type),length(m_rln),length(r_link),"
+                                  "length(iedName),length(substation) from TopoInfor"),
+              (Rows{{"15", "63", "63", "31", "63"}}));
+}
+
 TEST_F(Registry, ABatchStopsAtTheRefusedRecord) {
     refuseInsert("LTUInfor", "name");
     refuseInsert("TopoInfor", "m_rln");

@@ -137,7 +137,7 @@ TEST_F(Tool, LoadCountsTheStoreAndSetGetRoundTripValueAndQuality) {
     ToolRun run = tool({"load", model});
     ASSERT_EQ(run.code, 0) << run.err;
     const std::string attributes = count("DA");
-    EXPECT_EQ(run.out, "loading " + model + " ...\nloaded: " + count("DataSet") + " data sets, " +
+    EXPECT_EQ(run.out, "loading " + model + " ...\nIEDs: QVFTU1\nloaded: " + count("DataSet") + " data sets, " +
                            count("DataSetSub") + " members, " + attributes + " attributes\n");
     run = tool({"load", sourcePath("schema/realtime.sql")});
     EXPECT_EQ(run.code, 1);

@@ -295,7 +295,11 @@ int runSendChild() {
                  sender.c_str(), kind->name);
         return kFailed;
     }
-    kind->send(&record.msgInfo);
+    if (kind->send(&record.msgInfo) != 0) {
+        // The library has named each receiver whose queue stayed full.
+        complain("the %s message was not queued for the receiver named above", kind->name);
+        return kFailed;
+    }
     std::printf("sent %s as process \"%s\" along %d route%s\n", kind->name, sender.c_str(),
                 carrying, carrying == 1 ? "" : "s");
     return kOk;

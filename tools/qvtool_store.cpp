@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "internal/qvloader.h"
 #include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtool.h"
@@ -18,6 +19,9 @@
 namespace qvtool {
 
 namespace {
+
+// Room for rows that a load adds between a count and its fetch.
+constexpr int kSpareRows = 5000;
 
 // ---- init -------------------------------------------------------------------
 
@@ -156,14 +160,22 @@ int runInit(const Args& args) {
 
 // ---- load -------------------------------------------------------------------
 
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : " ") + name;
+    return text;
+}
+
+// Loads (or with --check only reads and expands) one file and prints what
+// it holds: its IEDs and its own data sets, members and attributes.
 int runLoad(const Args& args) {
     const std::string& file = args.positional[0];
-    if (!openRealStore()) return kFailed;
-    std::printf("loading %s ...\n", file.c_str());
+    const bool check = args.has("--check");
+    if (!check && !openRealStore()) return kFailed;
+    std::printf("%s %s ...\n", check ? "checking" : "loading", file.c_str());
     std::fflush(stdout);
-    std::vector<char> name(file.begin(), file.end());
-    name.push_back('\0');
-    const int result = zq_addIEDRealDB(name.data());
+    qvaddied::LoadSummary summary;
+    const int result = qvaddied::loadFile(file.c_str(), args.value("--ied"), !check, &summary);
     if (result == -2) {
         complain("%s is not a usable SCL model; the store is unchanged", file.c_str());
         return kFailed;
@@ -173,15 +185,13 @@ int runLoad(const Args& args) {
                  "unchanged");
         return kFailed;
     }
-    int sets = 0, members = 0, attributes = 0;
-    if (zq_getAllDataSetsNum(&sets) != 0 ||
-        zq_getDataSetSubsByParamsNum(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                     nullptr, nullptr, &members) != 0 ||
-        zq_getDAsByParamsNum(nullptr, nullptr, nullptr, nullptr, nullptr, &attributes) != 0) {
-        complain("loaded, but the store could not be counted");
+    if (summary.ieds.empty()) {
+        complain("%s has no IED: nothing %s", file.c_str(), check ? "to load" : "was loaded");
         return kFailed;
     }
-    std::printf("loaded: %d data sets, %d members, %d attributes\n", sets, members, attributes);
+    std::printf("IEDs: %s\n%s: %ld data sets, %ld members, %ld attributes\n",
+                joined(summary.ieds).c_str(), check ? "would load" : "loaded", summary.dataSets,
+                summary.members, summary.attributes);
     return kOk;
 }
 
@@ -230,7 +240,7 @@ int runSet(const Args& args) {
 int runDataSets(const Args&) {
     if (!openRealStore()) return kFailed;
     std::vector<DataSet> sets;
-    if (!fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSets, qvaddied::kDataSetCapacity))
+    if (!fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSets, kSpareRows))
         return kFailed;
     Table table({"IED", "DATA SET", "LD", "DESCRIPTION"});
     for (const DataSet& set : sets) table.add({set.iedName, set.name, set.ldInst, set.desc});
@@ -253,7 +263,7 @@ int runMembers(const Args& args) {
             return zq_getDataSetSubsByParams(f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], rows,
                                              count);
         },
-        qvaddied::kDataSetSubCapacity);
+        kSpareRows);
     if (!fetched) return kFailed;
     Table table({"IED", "DATA SET", "LD", "LN", "DO", "DA", "FC", "REFERENCE"});
     for (const DataSetSub& m : members) {
@@ -274,7 +284,7 @@ int runAttrs(const Args& args) {
         [&](DA* rows, int* count) {
             return zq_getDAsByParams(f[0], f[1], f[2], f[3], f[4], rows, count);
         },
-        qvaddied::kDaTableCapacity);
+        kSpareRows);
     if (!fetched) return kFailed;
     Table table({"REFERENCE", "FC", "TYPE", "VALUE", "DESCRIPTION"});
     for (const DA& da : attributes) {
@@ -355,10 +365,10 @@ int runDump(const Args& args) {
             return zq_getDataSetSubsByParams(ied.c_str(), dataSet.c_str(), nullptr, nullptr,
                                              nullptr, nullptr, nullptr, nullptr, rows, count);
         },
-        qvaddied::kDataSetSubCapacity);
+        kSpareRows);
     if (!fetched) return kFailed;
     // The library reads the members again; room for a reload in between.
-    const size_t room = members.size() + qvaddied::kDataSetSubCapacity;
+    const size_t room = members.size() + kSpareRows;
     std::vector<double> values(room, NAN);  // a member without a value row stays NaN
     std::vector<int> qualities(room, 0);
     int count = 0;
@@ -395,11 +405,16 @@ const std::vector<Command>& storeCommands() {
          "  --conf-sample FILE  then run FILE (SQL, e.g. samples/conf_sample.sql) into the\n"
          "                      configuration store; refused when it already has processes\n",
          {"--conf-sample"}, {"--fresh"}, 0, 0, runInit},
-        {"load", "load FILE", "load an SCL model (ICD/CID) into the real-time store",
-         "Replaces the rows of the file's IED. The counts printed afterwards are those of\n"
-         "the whole store. A load fails, leaving the store as it was, when the file is\n"
-         "not a usable model or when another process keeps the store busy; run it again.\n",
-         {}, {}, 1, 1, runLoad},
+        {"load", "load FILE [--ied NAME] [--check]",
+         "load an SCL model (ICD/CID/SCD) into the real-time store",
+         "Replaces the rows of the file's IEDs and prints the IEDs, data sets, members\n"
+         "and attributes of this file. A load fails, leaving the store as it was, when\n"
+         "the file is not a usable model or when another process keeps the store busy;\n"
+         "run it again. Exit code 1 also for a file without any IED.\n\n"
+         "  --ied NAME  load only the IED of that name (the file's types are shared)\n"
+         "  --check     read and expand the model and report what would be loaded;\n"
+         "              the store is not touched\n",
+         {"--ied"}, {"--check"}, 1, 1, runLoad},
         {"get", "get REF", "print the live value and quality of a data attribute",
          "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f'.\n"
          "Prints \"value=V quality=Q\". Exit code 1 when REF has no value row.\n",

@@ -92,6 +92,41 @@ private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 
+// Result rows into a caller's array of `capacity` records, from index 0. A
+// row that finds the array full is left out and marks the list as cut.
+template <typename Record>
+class BoundedList {
+public:
+    BoundedList(Record* records, int capacity) : records_(records), capacity_(capacity) {}
+
+    // Reads the row into the next record; false, without reading, when the
+    // array is full (the caller stops stepping there).
+    template <typename Read>
+    bool add(sqlite3_stmt* row, Read read) {
+        if (filled_ >= capacity_) {
+            cut_ = true;
+            return false;
+        }
+        read(row, records_[filled_++]);
+        return true;
+    }
+
+    // A query that failed passes its result on and leaves *pCount alone;
+    // otherwise *pCount is the number filled and the result 0, or 1 when
+    // rows were left out.
+    int finish(int queryResult, int* pCount) const {
+        if (queryResult != 0) return queryResult;
+        *pCount = filled_;
+        return cut_ ? 1 : 0;
+    }
+
+private:
+    Record* records_;
+    int capacity_;
+    int filled_ = 0;
+    bool cut_ = false;
+};
+
 }  // namespace qvsql
 
 #endif  // QV_INTERNAL_QVSQLITE_H

@@ -8,7 +8,17 @@
 //   pub    sends what stdin asks for and answers each command with the int
 //          result on stdout. A command is one byte and a whole MSGINFO:
 //          'P' zq_publisherMsg, 'M' zq_sendMsg, 'K' the kind's own operation,
-//          'D' zq_sendDoubSoeMsg.
+//          'D' zq_sendDoubSoeMsg; 'B' and 'T' send a burst of the record's
+//          generalMsg.dataLen general messages numbered 1, 2, ... in
+//          generalMsg.type, 'B' as fast as it can, 'T' one a millisecond,
+//          and answer how many sends returned -1.
+// With QV_MSG_PEER_UNPRIVILEGED set, the peer first gives up
+// CAP_SYS_RESOURCE, so that it meets the system's queue limit.
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -43,12 +53,31 @@ int sendWithKindOperation(MSGINFO& record) {
     }
 }
 
+// Sends the numbered burst; paced sends keep to a 1 ms grid.
+int sendBurst(MSGINFO& record, bool paced) {
+    GENERALMSG message = record.msgInfo.generalMsg;
+    int failed = 0;
+    timespec due;
+    clock_gettime(CLOCK_MONOTONIC, &due);
+    for (int number = 1; number <= record.msgInfo.generalMsg.dataLen; ++number) {
+        message.type = number;
+        if (zq_sendGeneralMsg(&message) != 0) ++failed;
+        if (!paced) continue;
+        due.tv_nsec += 1000000;
+        if (due.tv_nsec >= 1000000000) due.tv_sec += 1, due.tv_nsec -= 1000000000;
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+    }
+    return failed;
+}
+
 int runCommand(char command, MSGINFO& record) {
     switch (command) {
         case 'P': return zq_publisherMsg();
         case 'M': return zq_sendMsg(&record);
         case 'K': return sendWithKindOperation(record);
         case 'D': return zq_sendDoubSoeMsg(&record.msgInfo.soeInfo);
+        case 'B': return sendBurst(record, false);
+        case 'T': return sendBurst(record, true);
         default: return -100;
     }
 }
@@ -83,9 +112,21 @@ int subscribe(bool async) {
     return 0;
 }
 
+void dropSysResourceCapability() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2];
+    if (syscall(SYS_capget, &header, data) != 0) std::_Exit(2);
+    const unsigned bit = 1u << CAP_SYS_RESOURCE;  // below 32: in the first word
+    data[0].effective &= ~bit;
+    data[0].permitted &= ~bit;
+    data[0].inheritable &= ~bit;
+    if (syscall(SYS_capset, &header, data) != 0) std::_Exit(2);
+}
+
 }  // namespace
 
 int main() {
+    if (std::getenv("QV_MSG_PEER_UNPRIVILEGED") != nullptr) dropSysResourceCapability();
     const char* mode = std::getenv("QV_MSG_PEER_MODE");
     const std::string role = mode ? mode : "";
     if (role == "path") return printPath();

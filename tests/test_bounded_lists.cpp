@@ -1,0 +1,240 @@
+// Bounded lists: rows that another process adds between the count and the
+// fetch never overrun the caller's array. One table row per list; every row
+// runs the same check.
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "qvconf.h"
+#include "qvrealapi.h"
+#include "qvtest.h"
+
+using qvtest::confDbPath;
+using qvtest::realDbPath;
+
+namespace {
+
+// One output array of `capacity` zeroed elements, followed by guard elements
+// of a pattern that no list may touch.
+class GuardedArray {
+public:
+    GuardedArray(std::size_t elementSize, int capacity)
+        : elementSize_(elementSize),
+          used_(elementSize * capacity),
+          bytes_(used_ + kGuardElements * elementSize, kGuardByte) {
+        std::fill_n(bytes_.begin(), used_, 0);
+    }
+    template <typename T>
+    T* as() {
+        return reinterpret_cast<T*>(bytes_.data());
+    }
+    bool guardIntact() const {
+        return std::all_of(bytes_.begin() + used_, bytes_.end(),
+                           [](unsigned char b) { return b == kGuardByte; });
+    }
+    // The first n elements, byte for byte.
+    std::string head(int n) const {
+        return std::string(bytes_.begin(), bytes_.begin() + n * elementSize_);
+    }
+
+private:
+    static constexpr std::size_t kGuardElements = 2;
+    static constexpr unsigned char kGuardByte = 0xA5;
+    std::size_t elementSize_;
+    std::size_t used_;
+    std::vector<unsigned char> bytes_;
+};
+
+// The arrays that one list fills (a record list fills one; a list of values
+// with their qualities fills two).
+using Arrays = std::vector<GuardedArray>;
+
+// A list that fills more than one array (values and their qualities) gives
+// one element size per array and its own three calls, for example
+//   {sizeof(double), sizeof(int)},
+//   [](int* c) { return zq_getDataSetSubsByParamsNum("IED1", "dsA", n, ..., c); },
+//   [](Arrays& a, int* c) { return zq_getDAValues1ByDataSet("IED1", "dsA",
+//                                      a[0].as<double>(), a[1].as<int>(), c); },
+//   [](Arrays& a, int capacity, int* c) { return zq_getDAValues1ByDataSetN(...); }
+struct BoundedListCase {
+    const char* name;
+    std::string store;       // where the other process adds rows
+    std::string addTwoRows;  // SQL adding two rows that the list matches
+    std::vector<std::size_t> elementSizes;
+    std::function<int(int*)> count;
+    std::function<int(Arrays&, int*)> list;  // without a limit
+    std::function<int(Arrays&, int, int*)> listN;
+
+    Arrays arrays(int capacity) const {
+        Arrays out;
+        for (std::size_t size : elementSizes) out.emplace_back(size, capacity);
+        return out;
+    }
+};
+
+// A record list: its count, the list and its bounded form (the list's name
+// with the suffix N), all called with the same leading arguments.
+#define RECORD_LIST(Record, count, list, ...)                                                  \
+    {sizeof(Record)}, [](int* c) { return count(__VA_ARGS__ __VA_OPT__(, ) c); },              \
+        [](Arrays& a, int* c) { return list(__VA_ARGS__ __VA_OPT__(, ) a[0].as<Record>(), c); }, \
+        [](Arrays& a, int capacity, int* c) {                                                  \
+            return list##N(__VA_ARGS__ __VA_OPT__(, ) a[0].as<Record>(), capacity, c);         \
+        }
+
+const char* const n = nullptr;  // no filter
+
+const std::string real = realDbPath();
+const std::string conf = confDbPath();
+
+const BoundedListCase kLists[] = {
+    {"data sets", real,
+     "insert into DataSet values('IED2','dsC','LD0','c'),('IED2','dsD','LD0','d')",
+     RECORD_LIST(DataSet, zq_getAllDataSetsNum, zq_getAllDataSets)},
+    {"data set members", real,
+     "insert into DataSetSub values"
+     "('IED1LD0/MMXU1$MX$A$mag$f','IED1','dsA','LD0','MMXU','1','A','mag.f','MX'),"
+     "('IED1LD0/MMXU1$MX$V$mag$f','IED1','dsA','LD0','MMXU','1','V','mag.f','MX')",
+     RECORD_LIST(DataSetSub, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams, "IED1",
+                 "dsA", n, n, n, n, n, n)},
+    {"data attributes", real,
+     "insert into DA values"
+     "('IED1LD0/MMXU1$MX$A$mag$f','IED1','LD0','MMXU1','A','MX','','FLOAT32','',3),"
+     "('IED1LD0/MMXU1$MX$V$mag$f','IED1','LD0','MMXU1','V','MX','','FLOAT32','',4)",
+     RECORD_LIST(DA, zq_getDAsByParamsNum, zq_getDAsByParams, "IED1", "LD0", n, n, "MX")},
+    {"access list", real, "insert into ltu_access_list values('t','D3',3,'','',''),"
+                          "('t','D4',4,'','','')",
+     RECORD_LIST(LTUAccess, zq_getAllLTUAccessNum, zq_getAllLTUAccess)},
+    {"terminals", real, "insert into LTUInfor values(3,'','','','','LTU-3','',0,0,''),"
+                        "(4,'','','','','LTU-4','',0,0,'')",
+     RECORD_LIST(LTUInfor, zq_getAllLTUInforsNum, zq_getAllLTUInfors)},
+    {"topology", real, "insert into TopoInfor values(4,'switch','LN_X','LN_X','busX','busY',0,'',''),"
+                       "(5,'switch','LN_Y','LN_Y','busX','busY',0,'','')",
+     RECORD_LIST(TopoInfor, zq_getAllTopoInforsNum, zq_getAllTopoInfors)},
+    {"left neighbours", real, "insert into TopoInfor values(6,'switch','LN_L1','LN_L1','bus1','-',0,'',''),"
+                              "(7,'switch','LN_L2','LN_L2','bus1','-',0,'','')",
+     RECORD_LIST(TopoInfor, zq_getLeftTopoInforsNumByLNName, zq_getLeftTopoInforsByLNName, "LN_A")},
+    {"right neighbours", real, "insert into TopoInfor values(8,'switch','LN_R1','LN_R1','-','bus2',0,'',''),"
+                               "(9,'switch','LN_R2','LN_R2','-','bus2',0,'','')",
+     RECORD_LIST(TopoInfor, zq_getRightTopoInforsNumByLNName, zq_getRightTopoInforsByLNName,
+                 "LN_A")},
+    {"processes", conf, "insert into ProcessConfig values(5,'qvx','x'),(6,'qvy','y')",
+     RECORD_LIST(ProcessConfig, zq_getAllProcessConfigsNum, zq_getAllProcessConfigs)},
+    {"message routes", conf, "insert into ProcessMsgAssociation values(3,4,1),(3,1,2)",
+     RECORD_LIST(ProcessMsgAssociation, zq_getProcessMsgAssociationsNum,
+                 zq_getProcessMsgAssociations, "qvctrl")},
+    {"device points", conf, "insert into DeviceModelAssociation values('dx',1,6,1,'d',0),"
+                            "('dy',1,6,2,'d',0)",
+     RECORD_LIST(DeviceModelAssociation, zq_getAllDeviceModelAssociationsNum,
+                 zq_getAllDeviceModelAssociations)},
+    {"device points of a type", conf, "insert into DeviceModelAssociation values"
+                                      "('dz',1,2,3,'d',0),('dw',1,2,4,'d',0)",
+     RECORD_LIST(DeviceModelAssociation, zq_getDeviceModelAssociationsByTypeNum,
+                 zq_getDeviceModelAssociationsByType, 2)},
+    {"device points of a type and index", conf, "insert into DeviceModelAssociation values"
+                                                "('dv',3,2,1,'d',0),('du',4,2,1,'d',0)",
+     RECORD_LIST(DeviceModelAssociation, zq_getDeviceModelAssociationsByTypeIndexNum,
+                 zq_getDeviceModelAssociationsByTypeIndex, 2, 1)},
+    {"process points", conf, "insert into ProcessDataAssociation values(1,'P1',5,1,'d',1),"
+                             "(1,'P2',5,2,'d',1)",
+     RECORD_LIST(ProcessDataAssociation, zq_getAllProcessDataAssociationsNum,
+                 zq_getAllProcessDataAssociations, "qvacq")},
+    {"process points of a type", conf, "insert into ProcessDataAssociation values"
+                                       "(1,'P3',2,3,'d',1),(1,'P4',2,4,'d',1)",
+     RECORD_LIST(ProcessDataAssociation, zq_getProcessDataAssociationsByTypeNum,
+                 zq_getProcessDataAssociationsByType, "qvacq", 2)},
+};
+
+// Another process, on a connection of its own, adds rows.
+void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& sql) {
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        sqlite3* db = nullptr;
+        int rc = sqlite3_open(dbPath.c_str(), &db);
+        if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+        _exit(rc == SQLITE_OK ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << sql;
+}
+
+// Two or more rows for every list, in both stores, opened by the library.
+class BoundedLists : public qvtest::RealStoreTest {
+protected:
+    void SetUp() override {
+        qvtest::RealStoreTest::SetUp();
+        qvtest::execSql(
+            realDbPath(),
+            "insert into DataSet values('IED1','dsA','LD0','a'),('IED1','dsB','LD0','b');"
+            "insert into DataSetSub values"
+            "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','dsA','LD0','MMXU','1','TotW','mag.f','MX'),"
+            "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','dsA','LD0','MMXU','1','Hz','mag.f','MX');"
+            "insert into DA values"
+            "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','LD0','MMXU1','TotW','MX','','FLOAT32','',1),"
+            "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','LD0','MMXU1','Hz','MX','','FLOAT32','',2);"
+            "insert into ltu_access_list values('t','D1',1,'','',''),('t','D2',2,'','','');"
+            "insert into LTUInfor values(1,'','','','','LTU-1','',0,0,''),"
+            "(2,'','','','','LTU-2','',0,0,'');"
+            "insert into TopoInfor values(1,'switch','LN_A','LN_A','bus1','bus2',0,'',''),"
+            "(2,'switch','LN_B','LN_B','bus1','bus2',0,'',''),"
+            "(3,'switch','LN_C','LN_C','bus1','bus2',0,'','')");
+        zq_closeConfDB();
+        qvtest::freshConfStore();
+        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
+        ASSERT_EQ(zq_openConfDB(), 0);
+    }
+    void TearDown() override {
+        zq_closeConfDB();
+        qvtest::RealStoreTest::TearDown();
+    }
+};
+
+}  // namespace
+
+TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
+    for (const BoundedListCase& c : kLists) {
+        SCOPED_TRACE(c.name);
+        int counted = -1;
+        ASSERT_EQ(c.count(&counted), 0);
+        ASSERT_GE(counted, 2);
+        addRowsFromAnotherProcess(c.store, c.addTwoRows);
+
+        // An array sized from the count: cut there, nothing written past it.
+        Arrays sized = c.arrays(counted);
+        int delivered = -1;
+        EXPECT_EQ(c.listN(sized, counted, &delivered), 1);
+        EXPECT_EQ(delivered, counted);
+
+        // The whole list now, without a limit; the cut one is its beginning.
+        int now = -1;
+        ASSERT_EQ(c.count(&now), 0);
+        ASSERT_EQ(now, counted + 2);
+        Arrays whole = c.arrays(now);
+        EXPECT_EQ(c.list(whole, &delivered), 0);
+        EXPECT_EQ(delivered, now);
+
+        // No room at all: a negative capacity writes nothing.
+        Arrays none = c.arrays(0);
+        EXPECT_EQ(c.listN(none, -1, &delivered), 1);
+        EXPECT_EQ(delivered, 0);
+
+        // Room for every row: all of them, and result 0.
+        Arrays roomy = c.arrays(now);
+        EXPECT_EQ(c.listN(roomy, now, &delivered), 0);
+        EXPECT_EQ(delivered, now);
+
+        for (std::size_t a = 0; a < whole.size(); ++a) {
+            EXPECT_TRUE(sized[a].guardIntact() && whole[a].guardIntact() &&
+                        roomy[a].guardIntact() && none[a].guardIntact());
+            EXPECT_EQ(sized[a].head(counted), whole[a].head(counted));
+            EXPECT_EQ(roomy[a].head(now), whole[a].head(now));
+        }
+    }
+}
