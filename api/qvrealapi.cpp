@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -41,6 +42,7 @@ const char* const kUpdate1Sql = "update DAValue set value=?,quality=? where hash
 
 union semun {
     int val;
+    semid_ds* buf;
 };
 
 // Holds the store lock for one operation.
@@ -93,6 +95,27 @@ void releaseConnection() {
     }
     sqlite3_close(s_sqliteDB);
     s_sqliteDB = nullptr;
+}
+
+std::string currentJournalMode() {
+    qvsql::Statement mode;
+    if (mode.prepare(s_sqliteDB, "PRAGMA journal_mode") != SQLITE_OK ||
+        sqlite3_step(mode.get()) != SQLITE_ROW)
+        return "";
+    const unsigned char* text = sqlite3_column_text(mode.get(), 0);
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+// A store created in rollback-journal mode is switched to the write-ahead
+// log when no other connection is in the way. Failing is no error: every
+// operation works in either mode, only more slowly in the old one. In the
+// log a commit then skips the sync that only a power loss would need: the
+// store sits in memory and is gone after one anyway.
+void switchToWal() {
+    if (currentJournalMode() != "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    if (currentJournalMode() == "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
 }
 
 // ---- Single values --------------------------------------------------------
@@ -160,27 +183,68 @@ unsigned int RSHash(const char* str, unsigned int len) {
     return hash;
 }
 
-int initRealSem(void) {
-    s_RealSemId = semget(static_cast<key_t>(QV_SEM_KEY), 1, IPC_CREAT | 0666);
+namespace {
+
+// How long an opener waits for the process that created the semaphore set
+// to set it free before it takes the creator for dead and does it itself.
+constexpr int kSemInitWaitMillis = 2000;
+
+// A set's sem_otime stays 0 until its first semop: the creator's freeing one.
+bool semaphoreInitialised(int semid) {
+    semid_ds info{};
+    semun arg;
+    arg.buf = &info;
+    return semctl(semid, 0, IPC_STAT, arg) == 0 && info.sem_otime != 0;
+}
+
+// Frees a set whose creator died between creating and freeing it. Setting
+// the value (rather than adding to it) keeps two such openers from raising
+// it to 2; the pair of operations marks the set initialised.
+void takeOverInitialisation(int semid) {
     semun arg;
     arg.val = 1;
-    semctl(s_RealSemId, 0, SETVAL, arg);
+    semctl(semid, 0, SETVAL, arg);
+    sembuf ops[2] = {{0, -1, 0}, {0, 1, 0}};
+    semop(semid, ops, 2);
+}
+
+}  // namespace
+
+// Only the process that creates the set frees it; an existing lock is never
+// reset, since another process may hold it.
+int initRealSem(void) {
+    const key_t key = static_cast<key_t>(QV_SEM_KEY);
+    s_RealSemId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
+    if (s_RealSemId >= 0) {
+        // A new set holds 0 (taken); this first semop frees it and sets
+        // sem_otime, which tells other openers that it is ready.
+        sembuf release{0, 1, 0};
+        semop(s_RealSemId, &release, 1);
+        return 0;
+    }
+    if (errno != EEXIST) return 0;
+    s_RealSemId = semget(key, 1, 0666);
+    if (s_RealSemId < 0) return 0;
+    for (int waited = 0; !semaphoreInitialised(s_RealSemId); ++waited) {
+        if (waited == kSemInitWaitMillis) {
+            takeOverInitialisation(s_RealSemId);
+            break;
+        }
+        usleep(1000);
+    }
     return 0;
 }
 
+// SEM_UNDO: a process that ends while it holds the lock, however it ends,
+// gives it back at once.
 void locksem(int semid) {
-    sembuf op{};
-    op.sem_num = 0;
-    op.sem_op = -1;
-    op.sem_flg = 0;
-    semop(semid, &op, 1);
+    sembuf op{0, -1, SEM_UNDO};
+    while (semop(semid, &op, 1) == -1 && errno == EINTR) {
+    }
 }
 
 void unlocksem(int semid) {
-    sembuf op{};
-    op.sem_num = 0;
-    op.sem_op = 1;
-    op.sem_flg = 0;
+    sembuf op{0, 1, SEM_UNDO};
     semop(semid, &op, 1);
 }
 
@@ -192,6 +256,7 @@ int zq_openRealDB(void) {
         releaseConnection();
         return -1;
     }
+    switchToWal();
     const char* const sqls[] = {kSelectSql, kSelect1Sql, kUpdateSql, kUpdate1Sql};
     for (int i = 0; i < 4; ++i) {
         if (qvsql::prepareWithBusyRetry(s_sqliteDB, sqls[i], sharedStatements[i]) != SQLITE_OK) {
@@ -419,12 +484,6 @@ int listMembersBy(const Filters& filters, DataSetSub* pSubs, int capacity, int* 
     return listRows(sql, filterBinds(filters), readDataSetSub, pSubs, capacity, pCount);
 }
 
-// The member table of the data-set value operations: members added since
-// their count are left out, which is no failure (0 or -1).
-int listMembers(const Filters& filters, DataSetSub* pSubs, int* pCount, int capacity) {
-    return std::min(listMembersBy(filters, pSubs, capacity, pCount, "initDaValueDataSetInfo"), 0);
-}
-
 }  // namespace
 
 int zq_getAllDataSetsNum(int* pCount) {
@@ -496,19 +555,44 @@ namespace {
 // A begin or commit that fails for a reason other than busy is tried this
 // many times, with a pause in between, before the save gives up: every other
 // process waits on the store lock meanwhile.
-constexpr int kTransactionControlAttempts = 20;
+constexpr int kTransactionControlAttempts = 5;
 constexpr useconds_t kControlFailurePauseMicros = 10000;
 
-// The DA references of one data set's members, built and released by each
-// data-set operation.
-DaNameRow* s_datasetDas = nullptr;
-int s_datasetDasNum = 0;
+// The member query of zq_getDataSetSubsByParams: the data-set operations run
+// the very same text, so that they meet the members in the same order.
+const char* const kMemberListSql =
+    "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from DataSetSub ";
 
-// A name row holds at most 256 bytes, terminator or not.
-void bindNameRowKey(sqlite3_stmt* stmt, int index, const DaNameRow& row) {
-    const unsigned int key = RSHash(row, static_cast<unsigned int>(strnlen(row, sizeof row)));
+// The row key of a reference given with its length.
+void bindReferenceKey(sqlite3_stmt* stmt, int index, std::string_view reference) {
+    const unsigned int key = RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
     sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
 }
+
+// A name row holds at most 256 bytes, terminator or not.
+std::string_view nameRowReference(const DaNameRow& row) {
+    return {row, strnlen(row, sizeof row)};
+}
+
+// A member's reference as a DataSetSub record holds it: at most 255 bytes.
+std::string_view memberReference(sqlite3_stmt* row) {
+    const char* text = reinterpret_cast<const char*>(sqlite3_column_text(row, 0));
+    if (text == nullptr) text = "";
+    return {text, strnlen(text, sizeof(DataSetSub::fcdaName) - 1)};
+}
+
+// One consistent snapshot of the store for a list of reads.
+class ReadTransaction {
+public:
+    ReadTransaction() { sqlite3_exec(s_sqliteDB, "begin", nullptr, nullptr, nullptr); }
+    ~ReadTransaction() {
+        if (sqlite3_get_autocommit(s_sqliteDB)) return;
+        if (sqlite3_exec(s_sqliteDB, "commit", nullptr, nullptr, nullptr) != SQLITE_OK)
+            sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    }
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+};
 
 enum class TransactionStep { Begin, Commit };
 
@@ -524,159 +608,184 @@ void printTransactionFailure(TransactionStep step, bool withQuality, int rc, con
         std::fprintf(stderr, "zq_saveDAValues sqlite3_exec commit err:%d,%s\n", rc, text);
 }
 
-// Runs the begin or the commit of a save list. Busy is waited out; any other
-// failure is reported and tried again, a bounded number of times.
+// Runs the begin or the commit of a save list. The begin takes the write
+// lock at once, so that no element step meets a busy store. Busy is waited
+// out; any other failure is tried again a bounded number of times and then
+// reported once, with the first failure's cause.
 bool runTransactionStep(TransactionStep step, bool withQuality) {
-    const char* sql = step == TransactionStep::Begin ? "begin transaction" : "commit transaction";
+    const char* sql =
+        step == TransactionStep::Begin ? "begin immediate transaction" : "commit transaction";
     int failures = 0;
+    int firstCode = SQLITE_OK;
+    std::string firstCause;
     for (;;) {
         char* errorText = nullptr;
         const int rc = sqlite3_exec(s_sqliteDB, sql, nullptr, nullptr, &errorText);
         if (rc == SQLITE_OK) return true;
+        if (rc != SQLITE_BUSY && firstCode == SQLITE_OK) {
+            firstCode = rc;
+            firstCause = errorText != nullptr ? errorText : sqlite3_errmsg(s_sqliteDB);
+        }
+        sqlite3_free(errorText);
         if (rc == SQLITE_BUSY) {
-            sqlite3_free(errorText);
             usleep(qvsql::kBusyPauseMicros);
             continue;
         }
+        // SQLite may have rolled the transaction back itself (a full disk at
+        // commit): then no repetition can commit it.
+        const bool transactionGone =
+            step == TransactionStep::Commit && sqlite3_get_autocommit(s_sqliteDB);
+        if (++failures == kTransactionControlAttempts || transactionGone) break;
         usleep(kControlFailurePauseMicros);
-        printTransactionFailure(step, withQuality, rc, errorText);
-        sqlite3_free(errorText);
-        if (++failures == kTransactionControlAttempts) return false;
     }
+    printTransactionFailure(step, withQuality, firstCode, firstCause.c_str());
+    return false;
 }
 
-// A save list that cannot begin or commit leaves nothing behind.
+// A save list that cannot go on leaves nothing behind.
 int abandonSave() {
-    sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    if (!sqlite3_get_autocommit(s_sqliteDB))
+        sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
     return -1;
 }
 
+// Binds one element of a save to the shared update statement and steps it.
+// An element whose reference has no row changes nothing and succeeds.
+bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
+                 const int* quality) {
+    sqlite3_bind_double(stmt, 1, value);
+    if (quality != nullptr) sqlite3_bind_int(stmt, 2, *quality);
+    bindReferenceKey(stmt, quality != nullptr ? 3 : 2, reference);
+    const bool done = stepWithBusyRetry(stmt) == SQLITE_DONE;
+    if (!done) printStepError();
+    sqlite3_reset(stmt);
+    return done;
+}
+
+// Reads one element through the shared select statement (with the quality
+// when asked for): true when read or without a row (the element then keeps
+// the caller's value), false after a failed step.
+bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality) {
+    bindReferenceKey(stmt, 1, reference);
+    const int rc = stepWithBusyRetry(stmt);
+    if (rc == SQLITE_ROW) {
+        *value = sqlite3_column_double(stmt, 0);
+        if (quality != nullptr) *quality = sqlite3_column_int(stmt, 1);
+    } else if (rc != SQLITE_DONE) {
+        printStepError();
+    }
+    sqlite3_reset(stmt);
+    return rc == SQLITE_ROW || rc == SQLITE_DONE;
+}
+
 // Writes the list in one transaction through the shared update statement
-// (with the qualities when given). An element without a row, or whose step
-// fails, is skipped. A step that rolls the whole transaction back ends the
-// loop, so that no later element is written outside the transaction; the
-// commit then fails and the save reports it.
+// (with the qualities when given): every element or, when one fails, none.
 int saveValueList(const DaNameRow* names, const double* values, const int* qualities,
                   int count) {
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
-    for (int i = 0; i < count && !sqlite3_get_autocommit(s_sqliteDB); ++i) {
-        sqlite3_bind_double(stmt, 1, values[i]);
-        if (withQuality) sqlite3_bind_int(stmt, 2, qualities[i]);
-        bindNameRowKey(stmt, withQuality ? 3 : 2, names[i]);
-        sqlite3_step(stmt);
-        sqlite3_reset(stmt);
+    for (int i = 0; i < count; ++i) {
+        if (!saveElement(stmt, nameRowReference(names[i]), values[i],
+                         withQuality ? &qualities[i] : nullptr))
+            return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
     return 0;
 }
 
-// Reads each element through the shared select statement (with the quality
-// when asked for). An element without a row keeps the caller's value; a
-// failed step ends the list with -1.
+// Reads the list in one read transaction, so that it shows the store at one
+// moment. A failed step ends the list with -1.
 int readValueList(const DaNameRow* names, int count, double* values, int* qualities) {
     sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
     StoreLock lock;
+    ReadTransaction snapshot;
     for (int i = 0; i < count; ++i) {
-        bindNameRowKey(stmt, 1, names[i]);
-        const int rc = stepWithBusyRetry(stmt);
-        if (rc == SQLITE_ROW) {
-            values[i] = sqlite3_column_double(stmt, 0);
-            if (qualities != nullptr) qualities[i] = sqlite3_column_int(stmt, 1);
-        } else if (rc != SQLITE_DONE) {
-            printStepError();
-            sqlite3_reset(stmt);
+        if (!readElement(stmt, nameRowReference(names[i]), &values[i],
+                         qualities != nullptr ? &qualities[i] : nullptr))
             return -1;
-        }
-        sqlite3_reset(stmt);
     }
     return 0;
 }
 
-void releaseMemberTable() {
-    std::free(s_datasetDas);
-    s_datasetDas = nullptr;
-}
-
-// Builds the member table of one data set: the members' references in
-// member-query order. A data set without members gives an empty table.
-int initDaValueDataSetInfo(const char* iedName, const char* dataSetName) {
-    int count = 0;
-    if (zq_getDataSetSubsByParamsNum(iedName, dataSetName, nullptr, nullptr, nullptr, nullptr,
-                                     nullptr, nullptr, &count) != 0)
-        return -1;
-    s_datasetDasNum = count;
-    // At least one row, so that an empty data set is no allocation failure.
-    const std::size_t rows = static_cast<std::size_t>(std::max(count, 1));
-    auto* members = static_cast<DataSetSub*>(std::malloc(rows * sizeof(DataSetSub)));
-    if (members == nullptr) {
-        std::perror("malloc failed\n");
-        return -1;
-    }
-    s_datasetDas = static_cast<DaNameRow*>(std::malloc(rows * sizeof(DaNameRow)));
-    if (s_datasetDas == nullptr) {
-        std::free(members);
-        std::perror("malloc failed\n");
-        return -1;
-    }
-    // Members added since the count are left out: the array holds `count`.
-    int delivered = 0;
+// Runs the member query of one data set and hands each member's reference,
+// in query order, to onMember for as long as it returns true. A failed query
+// reports itself and "err initDaValueDataSetInfo".
+template <typename OnMember>
+int forEachMember(const char* iedName, const char* dataSetName, OnMember onMember) {
     const Filters filters = memberFilters(iedName, dataSetName, nullptr, nullptr, nullptr,
                                           nullptr, nullptr, nullptr);
-    if (listMembers(filters, members, &delivered, count) != 0) {
-        std::free(members);
-        return -1;
+    qvsql::Statement stmt;
+    int result = -1;
+    if (stmt.prepare(s_sqliteDB, filteredSql(kMemberListSql, filters).c_str()) != SQLITE_OK) {
+        printPrepareError();
+    } else {
+        filterBinds(filters)(stmt.get());
+        result = forEachRow(stmt.get(),
+                            [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
     }
-    s_datasetDasNum = delivered;
-    for (int i = 0; i < delivered; ++i) qvsql::copyText(s_datasetDas[i], members[i].fcdaName);
-    std::free(members);
-    return 0;
+    if (result != 0) std::fprintf(stderr, "err initDaValueDataSetInfo\n");
+    return result;
 }
 
 // The most of a caller's name that a message repeats.
 constexpr int kEchoedNameMax = 64;
 
-// Saves the first `count` members' values; values beyond the members have
-// nowhere to go, so they make the save fail after the members are written.
+// Saves the first `count` members' values in one write transaction with the
+// member query; values beyond the members have nowhere to go, so they make
+// the save fail after the members are written.
 int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
                       const int* qualities, int count, const char* operation) {
-    int result = -1;
-    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
-        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
-    } else {
-        const int writable = std::min(count, s_datasetDasNum);
-        const int saved = qualities != nullptr
-                              ? zq_saveDAValues1(s_datasetDas, values, qualities, writable)
-                              : zq_saveDAValues(s_datasetDas, values, writable);
-        result = saved == 0 ? 0 : -1;
-        if (count > s_datasetDasNum) {
-            std::fprintf(stderr, "%s: %d values given, data set %.*s has %d members\n",
-                         operation, count, kEchoedNameMax,
-                         dataSetName != nullptr ? dataSetName : "", s_datasetDasNum);
-            result = -1;
-        }
+    const bool withQuality = qualities != nullptr;
+    sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
+    StoreLock lock;
+    if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
+    int members = 0;
+    bool saved = true;
+    const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
+        if (members < count)
+            saved = saveElement(stmt, reference, values[members],
+                                withQuality ? &qualities[members] : nullptr);
+        ++members;
+        return saved;
+    });
+    if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
+        return abandonSave();
+    if (count > members) {
+        std::fprintf(stderr, "%s: %d values given, data set %.*s has %d members\n", operation,
+                     count, kEchoedNameMax, dataSetName != nullptr ? dataSetName : "", members);
+        return -1;
     }
-    releaseMemberTable();
-    return result;
+    return 0;
 }
 
-// Reads every member's value; *pCount = the number of members.
+// Reads the values of at most `capacity` members, in member order, in one
+// read transaction; *pCount = the number of members read. 1 when more
+// members matched than the capacity allowed.
 int readDataSetValues(const char* iedName, const char* dataSetName, double* values,
-                      int* qualities, int* pCount) {
-    int result = -1;
-    if (initDaValueDataSetInfo(iedName, dataSetName) != 0) {
-        std::fprintf(stderr, "err initDaValueDataSetInfo\n");
-    } else {
-        const int read = qualities != nullptr
-                             ? zq_getDAValues1(s_datasetDas, s_datasetDasNum, values, qualities)
-                             : zq_getDAValues(s_datasetDas, s_datasetDasNum, values);
-        result = read == 0 ? 0 : -1;
-        *pCount = s_datasetDasNum;
-    }
-    releaseMemberTable();
-    return result;
+                      int* qualities, int capacity, int* pCount) {
+    sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
+    StoreLock lock;
+    ReadTransaction snapshot;
+    int members = 0;
+    bool more = false;
+    bool read = true;
+    const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
+        if (members == capacity) {
+            more = true;
+            return false;
+        }
+        if (read)
+            read = readElement(stmt, reference, &values[members],
+                               qualities != nullptr ? &qualities[members] : nullptr);
+        ++members;
+        return true;
+    });
+    if (listed != 0) return -1;
+    *pCount = members;
+    if (!read) return -1;
+    return more ? 1 : 0;
 }
 
 }  // namespace
@@ -732,7 +841,7 @@ int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName, double
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, pCount);
+    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, INT_MAX, pCount);
 }
 
 int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -740,7 +849,26 @@ int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, doubl
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCharacter, __func__) || !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, pCount);
+    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, INT_MAX, pCount);
+}
+
+int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
+                             int capacity, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    if (capacity > 0 && !argumentGiven(pDaVals, __func__)) return -1;
+    *pCount = 0;
+    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, std::max(capacity, 0),
+                             pCount);
+}
+
+int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
+                              int* pCharacter, int capacity, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    if (capacity > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
+        return -1;
+    *pCount = 0;
+    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, std::max(capacity, 0),
+                             pCount);
 }
 
 // ---- Data attributes ----------------------------------------------------------

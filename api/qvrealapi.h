@@ -106,6 +106,9 @@ typedef char DaNameRow[256];
 
 QV_API int zq_openRealDB(void);
 QV_API int zq_closeRealDB(void);
+/* The store lock: one System V semaphore. initRealSem creates it free when it
+ * does not exist and never resets an existing one (another process may hold
+ * it); a process that ends while holding it, however it ends, releases it. */
 QV_API int initRealSem(void);
 QV_API void locksem(int semid);
 QV_API void unlocksem(int semid);
@@ -146,6 +149,10 @@ QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
 
 /* ---- Bulk and data-set values ----------------------------------------- */
 
+/* A save list is written whole or not at all: an element whose reference has
+ * no row is skipped, any other failure leaves the store as it was and
+ * returns -1. A list read shows the store at one moment. */
+
 QV_API int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count);
 QV_API int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals,
                             const int* pCharacter, int count);
@@ -161,6 +168,14 @@ QV_API int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName,
                                    double* pDaVals, int* pCount);
 QV_API int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int* pCharacter, int* pCount);
+
+/* The bounded forms of the two data-set reads: at most `capacity` values
+ * (and qualities), in member order; 0, 1 when members were left out, -1. */
+QV_API int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName,
+                                    double* pDaVals, int capacity, int* pCount);
+QV_API int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName,
+                                     double* pDaVals, int* pCharacter, int capacity,
+                                     int* pCount);
 
 /* ---- Data attributes -------------------------------------------------- */
 

@@ -1,6 +1,9 @@
 // Value lists and whole data sets through the library, each next to the same
 // work on a bare SQLite connection (own prepared statements, no store lock)
-// on the same store file.
+// on the same store file: the best bare design (Bare/: write-ahead log, each
+// list in one transaction) and the pattern the library used before (Old/:
+// rollback journal, a read per value in autocommit, a save list in one
+// transaction). Saves write new values on every iteration.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -14,6 +17,8 @@
 #include "qvrealapi.h"
 
 namespace {
+
+using qvbench::Journal;
 
 constexpr int kValueRows = 10000;
 constexpr int kMembers = 256;
@@ -38,12 +43,10 @@ void buildStore() {
     zq_closeRealDB();
     sqlite3* db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
     checked(sqlite3_exec(db, "begin", nullptr, nullptr, nullptr), db, "begin");
-    sqlite3_stmt* value = nullptr;
-    sqlite3_stmt* member = nullptr;
-    sqlite3_prepare_v2(db, "insert into DAValue(hashID,type,value) values(?,1,0)", -1, &value,
-                       nullptr);
-    sqlite3_prepare_v2(db, "insert into DataSetSub(fcdaName,iedName,dsName) values(?,?,?)", -1,
-                       &member, nullptr);
+    sqlite3_stmt* value = qvbench::prepareOrDie(
+        db, "insert into DAValue(hashID,type,value) values(?,1,0)");
+    sqlite3_stmt* member = qvbench::prepareOrDie(
+        db, "insert into DataSetSub(fcdaName,iedName,dsName) values(?,?,?)");
     for (int i = 0; i < kValueRows; ++i) {
         std::snprintf(g_names[i], sizeof g_names[i], "BENCHMEAS/MMXU1$MX$A$phs%05d$cVal$mag$f", i);
         sqlite3_bind_int64(value, 1, rowKey(g_names[i]));
@@ -62,6 +65,15 @@ void buildStore() {
     sqlite3_close(db);
 }
 
+void countValues(benchmark::State& state, int perIteration) {
+    state.SetItemsProcessed(state.iterations() * perIteration);
+}
+
+// Values that differ from those of the previous iteration.
+void nextValues(std::vector<double>& values) {
+    for (double& value : values) value += 1.0;
+}
+
 class Lib : public benchmark::Fixture {
 public:
     void SetUp(const benchmark::State&) override {
@@ -71,132 +83,32 @@ public:
     void TearDown(const benchmark::State&) override { zq_closeRealDB(); }
 };
 
-// The baseline: one connection of its own, statements prepared once, no lock.
-class Bare : public benchmark::Fixture {
-public:
-    void SetUp(const benchmark::State&) override {
-        buildStore();
-        sqlite3_open(QV_REALTIME_DB_PATH, &db);
-        sqlite3_prepare_v2(db, "update DAValue set value=?  where hashID=?", -1, &update, nullptr);
-        sqlite3_prepare_v2(db, "select value from DAValue where hashID=?", -1, &select, nullptr);
-        sqlite3_prepare_v2(db, "select fcdaName from DataSetSub where iedName=? and dsName=?", -1,
-                           &members, nullptr);
-    }
-    void TearDown(const benchmark::State&) override {
-        for (sqlite3_stmt* stmt : {update, select, members}) sqlite3_finalize(stmt);
-        sqlite3_close(db);
-    }
-
-    template <typename Name>
-    void saveList(const Name* names, const double* values, int count) {
-        sqlite3_exec(db, "begin transaction", nullptr, nullptr, nullptr);
-        for (int i = 0; i < count; ++i) {
-            sqlite3_bind_double(update, 1, values[i]);
-            sqlite3_bind_int64(update, 2, rowKey(nameText(names[i])));
-            sqlite3_step(update);
-            sqlite3_reset(update);
-        }
-        sqlite3_exec(db, "commit transaction", nullptr, nullptr, nullptr);
-    }
-    template <typename Name>
-    void readList(const Name* names, int count, double* values) {
-        for (int i = 0; i < count; ++i) {
-            sqlite3_bind_int64(select, 1, rowKey(nameText(names[i])));
-            if (sqlite3_step(select) == SQLITE_ROW) values[i] = sqlite3_column_double(select, 0);
-            sqlite3_reset(select);
-        }
-    }
-    std::vector<std::string> memberNames() {
-        std::vector<std::string> names;
-        sqlite3_bind_text(members, 1, kIed, -1, SQLITE_STATIC);
-        sqlite3_bind_text(members, 2, kDataSet, -1, SQLITE_STATIC);
-        while (sqlite3_step(members) == SQLITE_ROW)
-            names.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(members, 0)));
-        sqlite3_reset(members);
-        return names;
-    }
-
-    sqlite3* db = nullptr;
-    sqlite3_stmt* update = nullptr;
-    sqlite3_stmt* select = nullptr;
-    sqlite3_stmt* members = nullptr;
-
-private:
-    static const char* nameText(const DaNameRow& row) { return row; }
-    static const char* nameText(const std::string& name) { return name.c_str(); }
-};
-
-void countValues(benchmark::State& state, int perIteration) {
-    state.SetItemsProcessed(state.iterations() * perIteration);
-}
-
-// ---- Lists of 1, 100 and 10000 values ------------------------------------------
-
 BENCHMARK_DEFINE_F(Lib, SaveDAValues)(benchmark::State& state) {
     const int count = static_cast<int>(state.range(0));
-    std::vector<double> values(count, 1.5);
-    for (auto _ : state) benchmark::DoNotOptimize(zq_saveDAValues(g_names.data(), values.data(), count));
-    countValues(state, count);
-}
-
-BENCHMARK_DEFINE_F(Bare, SaveDAValues)(benchmark::State& state) {
-    const int count = static_cast<int>(state.range(0));
-    std::vector<double> values(count, 1.5);
-    for (auto _ : state) saveList(g_names.data(), values.data(), count);
+    std::vector<double> values(count);
+    for (auto _ : state) {
+        nextValues(values);
+        benchmark::DoNotOptimize(zq_saveDAValues(g_names.data(), values.data(), count));
+    }
     countValues(state, count);
 }
 
 BENCHMARK_DEFINE_F(Lib, GetDAValues)(benchmark::State& state) {
     const int count = static_cast<int>(state.range(0));
     std::vector<double> values(count);
-    for (auto _ : state) benchmark::DoNotOptimize(zq_getDAValues(g_names.data(), count, values.data()));
-    countValues(state, count);
-}
-
-BENCHMARK_DEFINE_F(Bare, GetDAValues)(benchmark::State& state) {
-    const int count = static_cast<int>(state.range(0));
-    std::vector<double> values(count);
-    for (auto _ : state) {
-        readList(g_names.data(), count, values.data());
-        benchmark::DoNotOptimize(values.data());
-    }
-    countValues(state, count);
-}
-
-// For comparison only: the same reads inside one read transaction, which
-// spares SQLite taking and dropping its file lock for every value.
-BENCHMARK_DEFINE_F(Bare, GetDAValuesInOneReadTransaction)(benchmark::State& state) {
-    const int count = static_cast<int>(state.range(0));
-    std::vector<double> values(count);
-    for (auto _ : state) {
-        sqlite3_exec(db, "begin transaction", nullptr, nullptr, nullptr);
-        readList(g_names.data(), count, values.data());
-        sqlite3_exec(db, "commit transaction", nullptr, nullptr, nullptr);
-        benchmark::DoNotOptimize(values.data());
-    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(zq_getDAValues(g_names.data(), count, values.data()));
     countValues(state, count);
 }
 
 BENCHMARK_REGISTER_F(Lib, SaveDAValues)->Arg(1)->Arg(100)->Arg(kValueRows);
-BENCHMARK_REGISTER_F(Bare, SaveDAValues)->Arg(1)->Arg(100)->Arg(kValueRows);
 BENCHMARK_REGISTER_F(Lib, GetDAValues)->Arg(1)->Arg(100)->Arg(kValueRows);
-BENCHMARK_REGISTER_F(Bare, GetDAValues)->Arg(1)->Arg(100)->Arg(kValueRows);
-BENCHMARK_REGISTER_F(Bare, GetDAValuesInOneReadTransaction)->Arg(100)->Arg(kValueRows);
-
-// ---- A data set of 256 members ---------------------------------------------------
 
 BENCHMARK_F(Lib, SaveDAValuesByDataSet)(benchmark::State& state) {
-    std::vector<double> values(kMembers, 2.5);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(zq_saveDAValuesByDataSet(kIed, kDataSet, values.data(), kMembers));
-    countValues(state, kMembers);
-}
-
-BENCHMARK_F(Bare, SaveDAValuesByDataSet)(benchmark::State& state) {
-    std::vector<double> values(kMembers, 2.5);
+    std::vector<double> values(kMembers);
     for (auto _ : state) {
-        const std::vector<std::string> names = memberNames();
-        saveList(names.data(), values.data(), static_cast<int>(names.size()));
+        nextValues(values);
+        benchmark::DoNotOptimize(zq_saveDAValuesByDataSet(kIed, kDataSet, values.data(), kMembers));
     }
     countValues(state, kMembers);
 }
@@ -209,14 +121,168 @@ BENCHMARK_F(Lib, GetDAValuesByDataSet)(benchmark::State& state) {
     countValues(state, kMembers);
 }
 
-BENCHMARK_F(Bare, GetDAValuesByDataSet)(benchmark::State& state) {
+// ---- Bare baselines -----------------------------------------------------------------
+
+// One bare connection on a fresh store in the given mode, statements prepared
+// once, no lock.
+class BareLists {
+public:
+    explicit BareLists(Journal journal) : journal_(journal) {
+        buildStore();
+        db_ = qvbench::openBare(QV_REALTIME_DB_PATH, journal);
+        update_ = qvbench::prepareOrDie(db_, "update DAValue set value=?  where hashID=?");
+        select_ = qvbench::prepareOrDie(db_, "select value from DAValue where hashID=?");
+        count_ = qvbench::prepareOrDie(
+            db_, "select count(*) from DataSetSub where iedName=? and dsName=?");
+        members_ = qvbench::prepareOrDie(
+            db_, "select fcdaName from DataSetSub where iedName=? and dsName=?");
+    }
+    ~BareLists() {
+        for (sqlite3_stmt* stmt : {update_, select_, count_, members_}) sqlite3_finalize(stmt);
+        sqlite3_close(db_);
+    }
+
+    void saveList(const DaNameRow* names, const double* values, int count) {
+        exec(journal_ == Journal::Wal ? "begin immediate" : "begin transaction");
+        for (int i = 0; i < count; ++i) save(names[i], values[i]);
+        exec("commit transaction");
+    }
+    // The best design reads in one transaction, the old one value by value.
+    void readList(const DaNameRow* names, int count, double* values) {
+        inReadTransaction([&] {
+            for (int i = 0; i < count; ++i) read(names[i], values[i]);
+        });
+    }
+    void saveDataSet(const double* values) {
+        if (journal_ == Journal::Wal) {
+            exec("begin immediate");
+            int i = 0;
+            forEachMember([&](const char* name) { save(name, values[i++]); });
+            exec("commit");
+            return;
+        }
+        const std::vector<DaNameRow> names = oldMemberTable();
+        saveList(names.data(), values, static_cast<int>(names.size()));
+    }
+    void readDataSet(double* values) {
+        if (journal_ == Journal::Wal) {
+            inReadTransaction([&] {
+                int i = 0;
+                forEachMember([&](const char* name) { read(name, values[i++]); });
+            });
+            return;
+        }
+        const std::vector<DaNameRow> names = oldMemberTable();
+        readList(names.data(), static_cast<int>(names.size()), values);
+    }
+
+private:
+    void exec(const char* sql) { sqlite3_exec(db_, sql, nullptr, nullptr, nullptr); }
+    template <typename Body>
+    void inReadTransaction(Body body) {
+        if (journal_ == Journal::Wal) exec("begin");
+        body();
+        if (journal_ == Journal::Wal) exec("commit");
+    }
+    void save(const char* name, double value) {
+        sqlite3_bind_double(update_, 1, value);
+        sqlite3_bind_int64(update_, 2, rowKey(name));
+        sqlite3_step(update_);
+        sqlite3_reset(update_);
+    }
+    void read(const char* name, double& value) {
+        sqlite3_bind_int64(select_, 1, rowKey(name));
+        if (sqlite3_step(select_) == SQLITE_ROW) value = sqlite3_column_double(select_, 0);
+        sqlite3_reset(select_);
+    }
+    template <typename OnMember>
+    void forEachMember(OnMember onMember) {
+        sqlite3_bind_text(members_, 1, kIed, -1, SQLITE_STATIC);
+        sqlite3_bind_text(members_, 2, kDataSet, -1, SQLITE_STATIC);
+        while (sqlite3_step(members_) == SQLITE_ROW)
+            onMember(reinterpret_cast<const char*>(sqlite3_column_text(members_, 0)));
+        sqlite3_reset(members_);
+    }
+    // The old member table: a count, then the members, each in autocommit.
+    std::vector<DaNameRow> oldMemberTable() {
+        sqlite3_bind_text(count_, 1, kIed, -1, SQLITE_STATIC);
+        sqlite3_bind_text(count_, 2, kDataSet, -1, SQLITE_STATIC);
+        const int count = sqlite3_step(count_) == SQLITE_ROW ? sqlite3_column_int(count_, 0) : 0;
+        sqlite3_reset(count_);
+        std::vector<DaNameRow> names(count);
+        int i = 0;
+        forEachMember([&](const char* name) {
+            if (i < count) std::snprintf(names[i++], sizeof(DaNameRow), "%s", name);
+        });
+        return names;
+    }
+
+    Journal journal_;
+    sqlite3* db_ = nullptr;
+    sqlite3_stmt* update_ = nullptr;
+    sqlite3_stmt* select_ = nullptr;
+    sqlite3_stmt* count_ = nullptr;
+    sqlite3_stmt* members_ = nullptr;
+};
+
+void bareSaveList(benchmark::State& state, Journal journal) {
+    BareLists bare(journal);
+    const int count = static_cast<int>(state.range(0));
+    std::vector<double> values(count);
+    for (auto _ : state) {
+        nextValues(values);
+        bare.saveList(g_names.data(), values.data(), count);
+    }
+    countValues(state, count);
+}
+
+void bareReadList(benchmark::State& state, Journal journal) {
+    BareLists bare(journal);
+    const int count = static_cast<int>(state.range(0));
+    std::vector<double> values(count);
+    for (auto _ : state) {
+        bare.readList(g_names.data(), count, values.data());
+        benchmark::DoNotOptimize(values.data());
+    }
+    countValues(state, count);
+}
+
+void bareSaveDataSet(benchmark::State& state, Journal journal) {
+    BareLists bare(journal);
     std::vector<double> values(kMembers);
     for (auto _ : state) {
-        const std::vector<std::string> names = memberNames();
-        readList(names.data(), static_cast<int>(names.size()), values.data());
+        nextValues(values);
+        bare.saveDataSet(values.data());
+    }
+    countValues(state, kMembers);
+}
+
+void bareReadDataSet(benchmark::State& state, Journal journal) {
+    BareLists bare(journal);
+    std::vector<double> values(kMembers);
+    for (auto _ : state) {
+        bare.readDataSet(values.data());
         benchmark::DoNotOptimize(values.data());
     }
     countValues(state, kMembers);
 }
+
+// Registers "Bare/<name>" and "Old/<name>", for each list length when given.
+bool registerBaselines(const char* name, void (*body)(benchmark::State&, Journal),
+                       std::vector<int> lengths = {}) {
+    for (const auto& [prefix, journal] : {std::make_pair("Bare/", Journal::Wal),
+                                          std::make_pair("Old/", Journal::Rollback)}) {
+        auto* bench = benchmark::RegisterBenchmark((prefix + std::string(name)).c_str(), body,
+                                                   journal);
+        for (const int length : lengths) bench->Arg(length);
+    }
+    return true;
+}
+
+const bool g_registered =
+    registerBaselines("SaveDAValues", bareSaveList, {1, 100, kValueRows}) &&
+    registerBaselines("GetDAValues", bareReadList, {1, 100, kValueRows}) &&
+    registerBaselines("SaveDAValuesByDataSet", bareSaveDataSet) &&
+    registerBaselines("GetDAValuesByDataSet", bareReadDataSet);
 
 }  // namespace

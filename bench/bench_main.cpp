@@ -1,12 +1,15 @@
 // The benchmark binary's entry point. Besides the usual console output it can
 // write a Markdown report that sets every library benchmark "Lib/X" next to
-// its baseline "Bare/X" (the same work on bare SQLite or bare IPC) with the
-// ratio of their times: qv_bench --report=FILE.
+// its baselines with the ratios of their times: "Bare/X", the same work on
+// bare SQLite or bare IPC in the best design, and, where there is one,
+// "Old/X", the bare pattern the library followed before:
+// qv_bench --report=FILE. With repetitions the medians are reported.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,14 +19,20 @@ struct Timing {
     double nanoseconds;
 };
 
-// Passes every run on to the console and keeps its time per iteration.
+// Passes every run on to the console and keeps its time per iteration (the
+// median when the runs are repeated).
 class KeepingReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
+            if (run.error_occurred) continue;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            const std::string name = run.run_name.str();
+            if (!median && (run.run_type != Run::RT_Iteration || medians_.count(name) != 0))
+                continue;
+            if (median) medians_.insert(name);
             const double perUnit = benchmark::GetTimeUnitMultiplier(run.time_unit);
-            times_[run.benchmark_name()] = {run.GetAdjustedRealTime() / perUnit * 1e9};
+            times_[name] = {run.GetAdjustedRealTime() / perUnit * 1e9};
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -31,6 +40,7 @@ public:
 
 private:
     std::map<std::string, Timing> times_;
+    std::set<std::string> medians_;
 };
 
 std::string humanTime(double ns) {
@@ -44,21 +54,26 @@ std::string humanTime(double ns) {
     return text;
 }
 
+// "time | ratio" of the baseline named prefix + operation, or dashes.
+std::string baselineCells(const std::map<std::string, Timing>& times, const std::string& name,
+                          double library) {
+    const auto baseline = times.find(name);
+    if (baseline == times.end()) return "— | — |";
+    char ratio[16];
+    std::snprintf(ratio, sizeof ratio, "%.2f", library / baseline->second.nanoseconds);
+    return humanTime(baseline->second.nanoseconds) + " | " + ratio + " |";
+}
+
 void writeReport(const std::map<std::string, Timing>& times, const std::string& file) {
     std::ofstream out(file);
-    out << "| Operation | Library | Baseline | Ratio |\n|---|---:|---:|---:|\n";
+    out << "| Operation | Library | Best bare | Ratio | Old pattern | Ratio |\n"
+           "|---|---:|---:|---:|---:|---:|\n";
     for (const auto& [name, lib] : times) {
         if (name.rfind("Lib/", 0) != 0) continue;
         const std::string operation = name.substr(4);
-        const auto bare = times.find("Bare/" + operation);
-        out << "| " << operation << " | " << humanTime(lib.nanoseconds) << " | ";
-        if (bare == times.end()) {
-            out << "— | — |\n";
-            continue;
-        }
-        char ratio[16];
-        std::snprintf(ratio, sizeof ratio, "%.2f", lib.nanoseconds / bare->second.nanoseconds);
-        out << humanTime(bare->second.nanoseconds) << " | " << ratio << " |\n";
+        out << "| " << operation << " | " << humanTime(lib.nanoseconds) << " | "
+            << baselineCells(times, "Bare/" + operation, lib.nanoseconds) << " "
+            << baselineCells(times, "Old/" + operation, lib.nanoseconds) << "\n";
     }
 }
 

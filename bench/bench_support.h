@@ -40,6 +40,34 @@ inline sqlite3* freshStore(const char* dbPath, const char* schemaFile) {
     return db;
 }
 
+// The two bare baselines beside each library benchmark: "Bare/X" is the best
+// bare design (the same SQL on a store in write-ahead log mode with the sync
+// at commit left out, lists in one transaction), "Old/X" the pattern the library used before (autocommit per
+// value on a store with a rollback journal).
+enum class Journal { Wal, Rollback };
+
+// Opens a bare connection to the store at dbPath in the given journal mode.
+inline sqlite3* openBare(const char* dbPath, Journal journal) {
+    sqlite3* db = nullptr;
+    if (sqlite3_open(dbPath, &db) != SQLITE_OK) {
+        std::fprintf(stderr, "bench set-up: cannot open %s\n", dbPath);
+        std::exit(1);
+    }
+    execOrDie(db, journal == Journal::Wal ? "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL"
+                                          : "PRAGMA journal_mode=DELETE");
+    return db;
+}
+
+// Prepares a statement or ends the benchmark run.
+inline sqlite3_stmt* prepareOrDie(sqlite3* db, const char* sql) {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
+        std::fprintf(stderr, "bench set-up: %s: %s\n", sql, sqlite3_errmsg(db));
+        std::exit(1);
+    }
+    return stmt;
+}
+
 }  // namespace qvbench
 
 #endif  // QV_BENCH_SUPPORT_H

@@ -1,5 +1,7 @@
 // Single-value access through the library against the same statement run on
-// a bare SQLite connection (no store lock, no library), on the same file.
+// a bare SQLite connection (no store lock, no library) on the same file: in
+// write-ahead log mode (Bare/) and with a rollback journal (Old/). Saves
+// write a new value on every iteration.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -11,6 +13,8 @@
 #include "qvrealapi.h"
 
 namespace {
+
+using qvbench::Journal;
 
 constexpr int kRows = 1000;
 
@@ -29,72 +33,35 @@ void prepareStore() {
     }
     qvbench::execOrDie(db, "commit");
     sqlite3_close(db);
-    if (zq_openRealDB() != 0) std::exit(1);
+}
+
+sqlite3_int64 keyOf(int i) {
+    return RSHash(g_refs[i].c_str(), static_cast<unsigned>(g_refs[i].size()));
 }
 
 class Lib : public benchmark::Fixture {
 public:
-    void SetUp(const benchmark::State&) override { prepareStore(); }
-    void TearDown(const benchmark::State&) override { zq_closeRealDB(); }
-};
-
-// The bare baseline: one connection, one prepared statement, no lock.
-class Bare : public benchmark::Fixture {
-public:
     void SetUp(const benchmark::State&) override {
         prepareStore();
-        zq_closeRealDB();
-        sqlite3_open(QV_REALTIME_DB_PATH, &db);
+        if (zq_openRealDB() != 0) std::exit(1);
     }
-    void TearDown(const benchmark::State&) override {
-        sqlite3_finalize(stmt);
-        sqlite3_close(db);
-    }
-    void prepare(const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr); }
-    sqlite3_int64 keyOf(int i) const {
-        return RSHash(g_refs[i].c_str(), static_cast<unsigned>(g_refs[i].size()));
-    }
-    sqlite3* db = nullptr;
-    sqlite3_stmt* stmt = nullptr;
+    void TearDown(const benchmark::State&) override { zq_closeRealDB(); }
 };
 
 BENCHMARK_F(Lib, SaveDouble)(benchmark::State& state) {
     int i = 0;
+    double value = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(zq_saveDoubDAValue(g_refs[i].c_str(), i * 0.5));
-        i = (i + 1) % kRows;
-    }
-}
-
-BENCHMARK_F(Bare, SaveDouble)(benchmark::State& state) {
-    prepare("update DAValue set value=?  where hashID=?");
-    int i = 0;
-    for (auto _ : state) {
-        sqlite3_bind_double(stmt, 1, i * 0.5);
-        sqlite3_bind_int64(stmt, 2, keyOf(i));
-        benchmark::DoNotOptimize(sqlite3_step(stmt));
-        sqlite3_reset(stmt);
+        benchmark::DoNotOptimize(zq_saveDoubDAValue(g_refs[i].c_str(), ++value));
         i = (i + 1) % kRows;
     }
 }
 
 BENCHMARK_F(Lib, SaveDoubleWithQuality)(benchmark::State& state) {
     int i = 0;
+    double value = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(zq_saveDoubDAValue1(g_refs[i].c_str(), i * 0.5, i & 0xff));
-        i = (i + 1) % kRows;
-    }
-}
-
-BENCHMARK_F(Bare, SaveDoubleWithQuality)(benchmark::State& state) {
-    prepare("update DAValue set value=?,quality=? where hashID=?");
-    int i = 0;
-    for (auto _ : state) {
-        sqlite3_bind_double(stmt, 1, i * 0.5);
-        sqlite3_bind_int(stmt, 2, i & 0xff);
-        sqlite3_bind_int64(stmt, 3, keyOf(i));
-        benchmark::DoNotOptimize(sqlite3_step(stmt));
-        sqlite3_reset(stmt);
+        benchmark::DoNotOptimize(zq_saveDoubDAValue1(g_refs[i].c_str(), ++value, i & 0xff));
         i = (i + 1) % kRows;
     }
 }
@@ -104,17 +71,6 @@ BENCHMARK_F(Lib, GetDouble)(benchmark::State& state) {
     double value = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(zq_getDoubDAValue(g_refs[i].c_str(), &value));
-        i = (i + 1) % kRows;
-    }
-}
-
-BENCHMARK_F(Bare, GetDouble)(benchmark::State& state) {
-    prepare("select value from DAValue where hashID=?");
-    int i = 0;
-    for (auto _ : state) {
-        sqlite3_bind_int64(stmt, 1, keyOf(i));
-        if (sqlite3_step(stmt) == SQLITE_ROW) benchmark::DoNotOptimize(sqlite3_column_double(stmt, 0));
-        sqlite3_reset(stmt);
         i = (i + 1) % kRows;
     }
 }
@@ -129,18 +85,66 @@ BENCHMARK_F(Lib, GetDoubleWithQuality)(benchmark::State& state) {
     }
 }
 
-BENCHMARK_F(Bare, GetDoubleWithQuality)(benchmark::State& state) {
-    prepare("select value,quality from DAValue where hashID=?");
+// ---- Bare baselines: one connection, one prepared statement, no lock -------------
+
+// The statement of one bare benchmark on a fresh store in the given mode.
+struct BareStatement {
+    BareStatement(Journal journal, const char* sql) {
+        prepareStore();
+        db = qvbench::openBare(QV_REALTIME_DB_PATH, journal);
+        stmt = qvbench::prepareOrDie(db, sql);
+    }
+    ~BareStatement() {
+        sqlite3_finalize(stmt);
+        sqlite3_close(db);
+    }
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+};
+
+void bareSave(benchmark::State& state, Journal journal, bool withQuality) {
+    BareStatement bare(journal, withQuality ? "update DAValue set value=?,quality=? where hashID=?"
+                                            : "update DAValue set value=?  where hashID=?");
     int i = 0;
+    double value = 0;
     for (auto _ : state) {
-        sqlite3_bind_int64(stmt, 1, keyOf(i));
-        if (sqlite3_step(stmt) == SQLITE_ROW) {
-            benchmark::DoNotOptimize(sqlite3_column_double(stmt, 0));
-            benchmark::DoNotOptimize(sqlite3_column_int(stmt, 1));
-        }
-        sqlite3_reset(stmt);
+        sqlite3_bind_double(bare.stmt, 1, ++value);
+        if (withQuality) sqlite3_bind_int(bare.stmt, 2, i & 0xff);
+        sqlite3_bind_int64(bare.stmt, withQuality ? 3 : 2, keyOf(i));
+        benchmark::DoNotOptimize(sqlite3_step(bare.stmt));
+        sqlite3_reset(bare.stmt);
         i = (i + 1) % kRows;
     }
 }
+
+void bareRead(benchmark::State& state, Journal journal, bool withQuality) {
+    BareStatement bare(journal, withQuality ? "select value,quality from DAValue where hashID=?"
+                                            : "select value from DAValue where hashID=?");
+    int i = 0;
+    for (auto _ : state) {
+        sqlite3_bind_int64(bare.stmt, 1, keyOf(i));
+        if (sqlite3_step(bare.stmt) == SQLITE_ROW) {
+            benchmark::DoNotOptimize(sqlite3_column_double(bare.stmt, 0));
+            if (withQuality) benchmark::DoNotOptimize(sqlite3_column_int(bare.stmt, 1));
+        }
+        sqlite3_reset(bare.stmt);
+        i = (i + 1) % kRows;
+    }
+}
+
+// Registers "Bare/<name>" and "Old/<name>" for one baseline body.
+bool registerBaselines(const char* name, void (*body)(benchmark::State&, Journal, bool),
+                       bool withQuality) {
+    benchmark::RegisterBenchmark((std::string("Bare/") + name).c_str(), body, Journal::Wal,
+                                 withQuality);
+    benchmark::RegisterBenchmark((std::string("Old/") + name).c_str(), body, Journal::Rollback,
+                                 withQuality);
+    return true;
+}
+
+const bool g_registered = registerBaselines("SaveDouble", bareSave, false) &&
+                          registerBaselines("SaveDoubleWithQuality", bareSave, true) &&
+                          registerBaselines("GetDouble", bareRead, false) &&
+                          registerBaselines("GetDoubleWithQuality", bareRead, true);
 
 }  // namespace

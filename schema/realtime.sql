@@ -1,6 +1,10 @@
 -- Real-time store: device model, live values, terminals and feeder topology.
 -- Text columns are never NULL: readers copy them into fixed record fields.
 
+-- Write-ahead log: readers never wait for a writer (the model load included),
+-- and a transaction costs SQLite far fewer file locks.
+PRAGMA journal_mode=WAL;
+
 CREATE TABLE IF NOT EXISTS DataSet (
   iedName TEXT NOT NULL DEFAULT '',
   dsName  TEXT NOT NULL DEFAULT '',

@@ -1,14 +1,20 @@
 // Real-time store: connection lifecycle, row keys, single values and the
 // inter-process store lock.
 #include <poll.h>
-#include <signal.h>
 #include <sqlite3.h>
+#include <fcntl.h>
 #include <sys/ipc.h>
+#include <sys/mount.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -127,10 +133,12 @@ TEST(RealStoreConnection, OpenCloseReopen) {
     EXPECT_EQ(zq_closeRealDB(), 0);  // closing a closed store is harmless
     ASSERT_EQ(zq_openRealDB(), 0);
     addValueRow(kRef, 4.0);
-    // A second open keeps the connection and still sets the lock free.
+    // A second open keeps the connection and leaves a taken lock taken.
     locksem(semget(QV_SEM_KEY, 1, 0666));
     EXPECT_EQ(storeLockValue(), 0);
     EXPECT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(storeLockValue(), 0);
+    unlocksem(semget(QV_SEM_KEY, 1, 0666));
     EXPECT_EQ(storeLockValue(), 1);
     EXPECT_EQ(zq_closeRealDB(), 0);
     EXPECT_EQ(zq_closeRealDB(), 0);
@@ -138,6 +146,31 @@ TEST(RealStoreConnection, OpenCloseReopen) {
     double value = 0;
     EXPECT_EQ(zq_getDoubDAValue(kRef, &value), 0);
     EXPECT_EQ(value, 4.0);
+    zq_closeRealDB();
+}
+
+TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
+    const std::string mode = "PRAGMA journal_mode";
+    zq_closeRealDB();
+    // Both the schema and the tool's init create the store in the log.
+    ASSERT_EQ(std::system(QV_TOOL " init --fresh >/dev/null"), 0);
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
+    qvtest::freshRealStore();
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
+    execSql(realDbPath(), mode + "=DELETE");
+    ASSERT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"wal"}}));
+    // A reader in the way: the switch fails, the store works as it is.
+    qvtest::openRealStoreInRollbackMode();
+    EXPECT_EQ(query(realDbPath(), mode), (qvtest::Rows{{"delete"}}));
+    addValueRow(kRef, 1.0);
+    DaNameRow names[1] = {};
+    std::snprintf(names[0], sizeof names[0], "%s", kRef);
+    const double values[1] = {2.5};
+    double value = 0;
+    EXPECT_EQ(zq_saveDAValues(names, values, 1), 0);
+    EXPECT_EQ(zq_getDAValues(names, 1, &value), 0);
+    EXPECT_EQ(value, 2.5);
     zq_closeRealDB();
 }
 
@@ -262,22 +295,129 @@ TEST(StoreLock, BlockedLockWaitsForUnlock) {
     EXPECT_EQ(storeLockValue(), 1);
 }
 
-TEST(StoreLock, AKilledHolderIsRecoveredByTheNextOpen) {
+// ---- Bounded data-set reads ------------------------------------------------------
+
+namespace {
+
+// A member of data set dsB of IED BIED with the value n and the quality 10 n.
+void addMember(int n) {
+    const std::string reference = "BIEDLD0/GGIO1$ST$Ind" + std::to_string(n) + "$stVal";
+    addValueRow(reference, n, 10 * n);
+    execSql(realDbPath(), "insert into DataSetSub(fcdaName,iedName,dsName) values('" + reference +
+                              "','BIED','dsB')");
+}
+
+}  // namespace
+
+// The caller sizes its arrays from the count; another process then adds
+// members. The bounded reads fill the arrays only, in member order.
+TEST(DataSetValuesBounded, MembersAddedAfterTheCountStayOutsideTheArrays) {
     zq_closeRealDB();
     qvtest::freshRealStore();
+    for (int n : {4, 1, 3}) addMember(n);
     ASSERT_EQ(zq_openRealDB(), 0);
-    zq_closeRealDB();
+    const char* n = nullptr;
+    int count = 0;
+    ASSERT_EQ(zq_getDataSetSubsByParamsNum("BIED", "dsB", n, n, n, n, n, n, &count), 0);
+    ASSERT_EQ(count, 3);
+    std::vector<double> values(count);  // on the heap, exactly sized, for the sanitizer
+    std::vector<int> qualities(count);
+
     const pid_t child = fork();
     if (child == 0) {
-        locksem(semget(QV_SEM_KEY, 1, 0666));
-        pause();  // dies holding the lock
+        for (int m : {2, 6}) addMember(m);
         _exit(0);
     }
-    while (storeLockValue() != 0) usleep(1000);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(storeLockValue(), 0);  // no undo: the lock stays taken
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+
+    int written = -1;
+    EXPECT_EQ(zq_getDAValues1ByDataSetN("BIED", "dsB", values.data(), qualities.data(), count,
+                                        &written), 1);
+    EXPECT_EQ(written, 3);
+    // The first members in the order in which the member list delivers them.
+    DataSetSub subs[5];
+    int listed = 0;
+    ASSERT_EQ(zq_getDataSetSubsByParams("BIED", "dsB", n, n, n, n, n, n, subs, &listed), 0);
+    ASSERT_EQ(listed, 5);
+    auto storedValue = [&subs](int i) {
+        double stored = -1;
+        zq_getDoubDAValue(subs[i].fcdaName, &stored);
+        return stored;
+    };
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(values[i], storedValue(i)) << i;
+        EXPECT_EQ(qualities[i], 10 * storedValue(i)) << i;
+    }
+    // Room for all: 0 and every member; no room: 1 and nothing written.
+    std::vector<double> all(listed);
+    EXPECT_EQ(zq_getDAValuesByDataSetN("BIED", "dsB", all.data(), listed, &written), 0);
+    EXPECT_EQ(written, listed);
+    for (int i = 0; i < listed; ++i) EXPECT_EQ(all[i], storedValue(i)) << i;
+    EXPECT_EQ(zq_getDAValuesByDataSetN("BIED", "dsB", nullptr, 0, &written), 1);
+    EXPECT_EQ(written, 0);
+    zq_closeRealDB();
+}
+
+// ---- A full file system -------------------------------------------------------
+
+namespace {
+
+// The store directory on a tmpfs of its own for the test's length.
+class SmallTmpfs {
+public:
+    SmallTmpfs() {
+        mkdir(QV_TEST_STORE_DIR, 0755);
+        mounted_ = geteuid() == 0 && mount("tmpfs", QV_TEST_STORE_DIR, "tmpfs", 0, "size=1m") == 0;
+    }
+    ~SmallTmpfs() {
+        if (mounted_) umount2(QV_TEST_STORE_DIR, MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+
+    // Writes a file until the file system has no room left.
+    void fill() const {
+        const int fd = open(filler().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const std::vector<char> block(4096, 'x');
+        while (write(fd, block.data(), block.size()) > 0) {
+        }
+        close(fd);
+    }
+    void makeRoom() const { unlink(filler().c_str()); }
+
+private:
+    static std::string filler() { return std::string(QV_TEST_STORE_DIR) + "/filler"; }
+    bool mounted_ = false;
+};
+
+}  // namespace
+
+// A list save that finds no room fails whole, says why in one line and frees
+// the lock; once there is room the same save goes through.
+TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
+    zq_closeRealDB();
+    SmallTmpfs tmpfs;
+    if (!tmpfs.mounted()) GTEST_SKIP() << "mounting a small tmpfs needs root";
+    qvtest::freshRealStore();
+    constexpr int kRows = 300;
+    std::vector<DaNameRow> names(kRows);
+    std::vector<double> values(kRows);
+    for (int i = 0; i < kRows; ++i) {
+        std::snprintf(names[i], sizeof names[i], "FULLLD0/GGIO1$ST$Ind%d$stVal", i);
+        addValueRow(names[i]);
+        values[i] = i + 1;
+    }
     ASSERT_EQ(zq_openRealDB(), 0);
+    tmpfs.fill();
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), -1);
+    const std::string err = GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("database or disk is full"));
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_EQ(storeLockValue(), 1);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), 0);
+
+    tmpfs.makeRoom();
+    EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), 0);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), kRows);
     zq_closeRealDB();
 }

@@ -1,6 +1,7 @@
-// Several processes on the real-time store at once: writers, readers and a
-// model load. Each writer owns a pair of rows and a counter and writes a
-// rising sequence, so a reader can tell a lost, torn or backward value; the
+// Eight processes on the real-time store at once, each opening its
+// connection as it starts: list writers, a data-set writer, list and
+// data-set readers, optionally a model load beside them. Every writer writes
+// a rising sequence, so a reader can tell a lost, torn or backward value; the
 // parent kills every child past a deadline, so a deadlock fails the test
 // instead of hanging it.
 #include <signal.h>
@@ -27,15 +28,19 @@ using qvtest::realDbPath;
 namespace {
 
 constexpr int kWriters = 3;
-constexpr int kReaders = 2;
-constexpr int kSequence = 300;  // values each writer writes
+constexpr int kListReaders = 2;
+constexpr int kSetReaders = 2;  // with the data-set writer: 8 processes
+constexpr int kSequence = 200;  // values each writer writes
+constexpr int kMembers = 16;    // members of the data set under load
 constexpr int kLoads = 3;       // successful loads the loader needs
 const char* const kIed = "QVFTU1";
 const char* const kOtherIed = "QVFTU2";
+const char* const kSetIed = "STRESS";
+const char* const kSet = "dsStress";
 
-// Start and stop flags, mapped shared before the children fork.
+// Flags mapped shared before the children fork.
 struct Shared {
-    std::atomic<int> ready, go, stop;
+    std::atomic<int> held, stop;
 };
 Shared* shared = nullptr;
 
@@ -49,38 +54,40 @@ std::string ref(int writer, char row) {
     return "STRESS/W" + std::to_string(writer) + "$" + row;
 }
 
+std::string memberRef(int member) { return "STRESS/SET$m" + std::to_string(member); }
+
 // The names of a writer's first `count` rows: the pair a, b and the counter n.
 void rowNames(DaNameRow* names, int writer, int count) {
     for (int i = 0; i < count; ++i)
         std::snprintf(names[i], sizeof names[i], "%s", ref(writer, "abn"[i]).c_str());
 }
 
-// A bulk save skips elements that meet a busy store (the loader's
-// transaction); the owner reads back and saves again until its rows hold seq.
-bool savePair(int writer, int seq) {
-    DaNameRow names[2];
-    rowNames(names, writer, 2);
-    const double values[2] = {double(seq), double(seq)};
-    const int qualities[2] = {seq, seq};
-    for (;;) {
-        double read[2];
-        int readQ[2];
-        if (zq_saveDAValues1(names, values, qualities, 2) != 0 ||
-            zq_getDAValues1(names, 2, read, readQ) != 0)
-            return fail("pair save or read failed");
-        if (read[0] == seq && read[1] == seq) return true;
-        usleep(1000);
-    }
-}
-
-// The counter goes through both single-value saves in turn.
+// The pair goes in one list save, the counter through both single-value
+// saves in turn.
 bool writer(int w) {
+    DaNameRow names[2];
+    rowNames(names, w, 2);
     const std::string counter = ref(w, 'n');
     for (int seq = 1; seq <= kSequence; ++seq) {
-        if (!savePair(w, seq)) return false;
+        const double values[2] = {double(seq), double(seq)};
+        const int qualities[2] = {seq, seq};
+        if (zq_saveDAValues1(names, values, qualities, 2) != 0)
+            return fail("pair save failed at " + std::to_string(seq));
         const int saved = seq % 2 == 0 ? zq_saveDoubDAValue1(counter.c_str(), seq, seq)
                                        : zq_saveIntDAValueValue1(counter.c_str(), seq, seq);
         if (saved != 0) return fail("counter save failed at " + std::to_string(seq));
+    }
+    return true;
+}
+
+// Every member gets the same value and quality in one data-set save.
+bool setWriter() {
+    for (int seq = 1; seq <= kSequence; ++seq) {
+        const std::vector<double> values(kMembers, seq);
+        const std::vector<int> qualities(kMembers, seq);
+        if (zq_saveDAValues1ByDataSet(kSetIed, kSet, values.data(), qualities.data(),
+                                      kMembers) != 0)
+            return fail("data-set save failed at " + std::to_string(seq));
     }
     return true;
 }
@@ -92,9 +99,9 @@ int membersThroughLibrary(const char* ied) {
     return members;
 }
 
-// No value a reader sees may go back. A pair is never torn, except while the
-// loader makes a bulk save skip elements; a load shows whole or not at all.
-bool reader(bool withLoader, int loadedMembers) {
+// No value a reader sees may go back, no pair may be torn, and a load shows
+// whole or not at all.
+bool listReader(int loadedMembers) {
     constexpr int kRows = 3 * kWriters;
     DaNameRow names[kRows];
     for (int w = 0; w < kWriters; ++w) rowNames(names + 3 * w, w, 3);
@@ -107,13 +114,36 @@ bool reader(bool withLoader, int loadedMembers) {
             if (values[i] < seen[i]) return fail(std::string(names[i]) + " went back");
             seen[i] = values[i];
         }
-        for (int i = 0; i < kRows && !withLoader; i += 3) {
+        for (int i = 0; i < kRows; i += 3) {
             if (values[i] != values[i + 1] || qualities[i] != qualities[i + 1])
                 return fail(std::string(names[i]) + " torn from its pair");
         }
         const int shown = membersThroughLibrary(kOtherIed);
         if (shown != 0 && shown != loadedMembers)
             return fail("the loading IED showed " + std::to_string(shown) + " members");
+    }
+    return true;
+}
+
+// Every read of the data set shows all members at one save, never older
+// than the last read; the bounded form is used in turn with the plain one.
+bool setReader() {
+    double seen = 0;
+    for (int pass = 0; shared->stop.load() == 0; ++pass) {
+        double values[kMembers];
+        int qualities[kMembers];
+        int count = 0;
+        const int result =
+            pass % 2 == 0
+                ? zq_getDAValues1ByDataSet(kSetIed, kSet, values, qualities, &count)
+                : zq_getDAValues1ByDataSetN(kSetIed, kSet, values, qualities, kMembers, &count);
+        if (result != 0 || count != kMembers) return fail("data-set read failed");
+        for (int i = 0; i < kMembers; ++i) {
+            if (values[i] != values[0] || qualities[i] != values[0])
+                return fail("torn data-set read at member " + std::to_string(i));
+        }
+        if (values[0] < seen) return fail("the data set went back");
+        seen = values[0];
     }
     return true;
 }
@@ -149,43 +179,45 @@ std::string writeOtherModel() {
     return std::system(rename.c_str()) == 0 ? path : "";
 }
 
+void addValueRow(const std::string& reference) {
+    qvtest::execSql(realDbPath(), "insert into DAValue values(" +
+                                      std::to_string(qvtest::rowKey(reference)) + ",1,0,0,0)");
+}
+
 class Stress : public testing::Test {
 protected:
     void SetUp() override {
         shared = static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         zq_closeRealDB();  // children must not inherit a connection
+        qvtest::removeStoreLock();
         qvtest::freshRealStore();
         std::string sample = qvtest::sourcePath("samples/feeder_terminal.cid");
         ASSERT_EQ(zq_addIEDRealDB(&sample[0]), 0);
-        for (int w = 0; w < kWriters; ++w) {
-            for (const char row : {'a', 'b', 'n'})
-                qvtest::execSql(realDbPath(), "insert into DAValue values(" +
-                                                  std::to_string(qvtest::rowKey(ref(w, row))) +
-                                                  ",1,0,0,0)");
+        for (int w = 0; w < kWriters; ++w)
+            for (const char row : {'a', 'b', 'n'}) addValueRow(ref(w, row));
+        for (int m = 0; m < kMembers; ++m) {
+            addValueRow(memberRef(m));
+            qvtest::execSql(realDbPath(), "insert into DataSetSub(fcdaName,iedName,dsName) values('" +
+                                              memberRef(m) + "','" + kSetIed + "','" + kSet + "')");
         }
     }
-    // Ends what a failed test left running and sets the store lock free again.
     void TearDown() override {
         for (size_t i = 0; i < pids_.size(); ++i) killChild(i);
-        zq_openRealDB();
-        zq_closeRealDB();
         munmap(shared, sizeof(Shared));
     }
 
-    // Forks a child that opens its own connection, waits for the start and
-    // runs its role; its exit code says whether the role held.
-    void start(const std::function<bool()>& role) {
+    // Forks a child that opens its own connection and runs its role at once;
+    // its exit code says whether the role held.
+    size_t start(const std::function<bool()>& role) {
         const pid_t pid = fork();
         if (pid == 0) {
-            bool ok = zq_openRealDB() == 0 || fail("open failed");
-            shared->ready.fetch_add(1);
-            while (shared->go.load() == 0) usleep(1000);
-            ok = ok && role();
+            const bool ok = (zq_openRealDB() == 0 || fail("open failed")) && role();
             zq_closeRealDB();
             _exit(ok ? 0 : 1);
         }
         pids_.push_back(pid);
+        return pids_.size() - 1;
     }
     // Polls until the condition holds; false once the test's deadline passed.
     bool until(const std::function<bool()>& condition) {
@@ -194,11 +226,6 @@ protected:
             usleep(1000);
         }
         return true;
-    }
-    // Every child has opened its connection before any takes the store lock,
-    // since each open sets the lock free.
-    bool allReady(int count) {
-        return until([count] { return shared->ready.load() == count; });
     }
     // Waits for child i to end well; false when it had not ended by the deadline.
     bool finished(size_t i) {
@@ -218,12 +245,11 @@ protected:
     void run(bool withLoader) {
         const int loadedMembers = static_cast<int>(members(kIed));
         for (int w = 0; w < kWriters; ++w) start([w] { return writer(w); });
+        start(setWriter);
         if (withLoader) start([] { return loader(writeOtherModel()); });
         const size_t workers = pids_.size();
-        for (int r = 0; r < kReaders; ++r)
-            start([=] { return reader(withLoader, loadedMembers); });
-        ASSERT_TRUE(allReady(static_cast<int>(pids_.size())));
-        shared->go.store(1);
+        for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(loadedMembers); });
+        for (int r = 0; r < kSetReaders; ++r) start(setReader);
         for (size_t i = 0; i < pids_.size(); ++i) {
             if (i == workers) shared->stop.store(1);
             ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
@@ -232,7 +258,8 @@ protected:
         const std::string last = std::to_string(kSequence);
         EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=" + last +
                                              " and quality=" + last),
-                  3 * kWriters);
+                  3 * kWriters + kMembers);
+        EXPECT_EQ(qvtest::storeLockValue(), 1);
         if (withLoader) {
             EXPECT_EQ(members(kOtherIed), loadedMembers);
         }
@@ -240,45 +267,35 @@ protected:
 
     std::vector<pid_t> pids_;
     std::chrono::steady_clock::time_point end_ =
-        std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        std::chrono::steady_clock::now() + std::chrono::seconds(60);
 };
 
 }  // namespace
 
-TEST_F(Stress, WritersAndReadersNeverSeeALostTornOrBackwardValue) { run(false); }
+TEST_F(Stress, EightProcessesLoseNoUpdateAndReadNothingTorn) { run(false); }
 
 TEST_F(Stress, LoadsOfAnotherIedUnderTrafficLandWholeOrNotAtAll) { run(true); }
 
-// A process that dies holding the store lock leaves it taken; the next
-// zq_openRealDB of any process sets it free.
-TEST_F(Stress, ALockHolderKilledMidOperationIsRecoveredByTheNextOpen) {
+// A save waits while another process holds the store lock, and goes on as
+// soon as the holder is killed: the lock dies with its holder.
+TEST_F(Stress, ASaveWaitsForTheHolderAndGoesOnWhenItIsKilled) {
     const std::string counter = ref(0, 'n');
-    // The waiter opens first: an open after the holder's would free the lock.
-    start([&counter] {
-        while (shared->stop.load() == 0) usleep(1000);
-        return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0;
-    });
-    ASSERT_TRUE(allReady(1));
-    start([] {
+    const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
-        shared->ready.fetch_add(1);
+        shared->held.store(1);
         pause();
         return true;
     });
-    shared->go.store(1);
-    ASSERT_TRUE(allReady(3));
-    killChild(1);
-    EXPECT_EQ(qvtest::storeLockValue(), 0);
-
-    shared->stop.store(1);
+    ASSERT_TRUE(until([] { return shared->held.load() == 1; }));
+    const size_t saver = start([&counter] {
+        return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0;
+    });
     usleep(300000);
-    EXPECT_EQ(waitpid(pids_[0], nullptr, WNOHANG), 0) << "the dead holder's lock did not hold";
+    EXPECT_EQ(waitpid(pids_[saver], nullptr, WNOHANG), 0) << "the save did not wait";
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=7"), 0);
 
-    ASSERT_EQ(zq_openRealDB(), 0);  // sets the lock free
-    ASSERT_TRUE(finished(0)) << "the waiter stayed blocked after zq_openRealDB";
-    double value = 0;
-    EXPECT_EQ(zq_getDoubDAValue(counter.c_str(), &value), 0);
-    EXPECT_EQ(value, 7);
+    killChild(holder);
+    ASSERT_TRUE(finished(saver)) << "the saver stayed blocked after the holder died";
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=7"), 1);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
-    zq_closeRealDB();
 }

@@ -96,6 +96,20 @@ long long countRows(const std::string& path, const char* sql) {
     return count;
 }
 
+// A journal mode cannot change inside the transaction that runs the schema:
+// the schema's journal mode line is taken out and run first, on its own. A
+// store in use may refuse it; the library switches it when it opens it.
+void setJournalModeFirst(const std::string& path, std::string& schema) {
+    const std::size_t start = schema.find("PRAGMA journal_mode");
+    if (start == std::string::npos) return;
+    const std::size_t length = schema.find(';', start) + 1 - start;
+    sqlite3* db = nullptr;
+    if (sqlite3_open(path.c_str(), &db) == SQLITE_OK)
+        sqlite3_exec(db, schema.substr(start, length).c_str(), nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    schema.erase(start, length);
+}
+
 bool createStore(const char* what, const std::string& path, const std::string& schemaFile,
                  bool fresh) {
     std::string schema;
@@ -105,7 +119,9 @@ bool createStore(const char* what, const std::string& path, const std::string& s
     }
     if (fresh) removeStoreFiles(path);
     const bool existed = isFile(path);
-    if (!makeParentDirs(path) || !runSql(path, schema, schemaFile)) return false;
+    if (!makeParentDirs(path)) return false;
+    setJournalModeFirst(path, schema);
+    if (!runSql(path, schema, schemaFile)) return false;
     std::printf("%s store %s: %s\n", what, path.c_str(),
                 existed ? "schema checked, rows kept" : "created");
     return true;

@@ -93,6 +93,11 @@ int storeLockValue() {
     return semid < 0 ? -1 : semctl(semid, 0, GETVAL);
 }
 
+void removeStoreLock() {
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    if (semid >= 0) semctl(semid, 0, IPC_RMID);
+}
+
 long long rowKey(const std::string& reference) {
     return RSHash(reference.c_str(), static_cast<unsigned int>(reference.size()));
 }
@@ -111,6 +116,18 @@ void freshRealStore() {
 void freshConfStore() {
     removeStore(confDbPath());
     execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));
+}
+
+void openRealStoreInRollbackMode() {
+    zq_closeRealDB();
+    execSql(realDbPath(), "PRAGMA journal_mode=DELETE");
+    sqlite3* reader = openOrFail(realDbPath());
+    EXPECT_EQ(sqlite3_exec(reader, "begin; select count(*) from sqlite_master", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    EXPECT_EQ(zq_openRealDB(), 0);
+    sqlite3_exec(reader, "commit", nullptr, nullptr, nullptr);
+    sqlite3_close(reader);
 }
 
 void RealStoreTest::SetUp() {

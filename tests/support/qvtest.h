@@ -36,6 +36,10 @@ std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()
 // The store lock's semaphore value: 1 free, 0 taken, -1 no semaphore yet.
 int storeLockValue();
 
+// Removes the store lock's semaphore set, so that the next zq_openRealDB
+// creates it afresh, free, whatever an earlier run left in it.
+void removeStoreLock();
+
 // The row key of a DA reference, as the library binds it.
 long long rowKey(const std::string& reference);
 
@@ -54,6 +58,11 @@ void removeStore(const std::string& dbPath);
 // Empty stores created from the shipped schema files.
 void freshRealStore();
 void freshConfStore();
+
+// Opens the library's connection on the real-time store with the store in
+// rollback-journal mode: the library's switch to the write-ahead log fails
+// while another connection is reading, and the store keeps its mode.
+void openRealStoreInRollbackMode();
 
 // A fresh real-time store, opened by the library for the test's length.
 class RealStoreTest : public ::testing::Test {
