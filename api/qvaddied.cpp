@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -198,6 +199,9 @@ int forEachChild(xmlNodePtr parent, const char* name, Visit visit) {
 // The file being parsed, for messages about text that came from an entity.
 const char* s_parsedFile = "";
 
+// How many data attributes the model of the file being loaded may have.
+long s_attributeAllowance = kMinAttributeAllowance;
+
 // libxml2's errors and warnings, one line each, naming file and line.
 void reportXmlError(void*, xmlErrorPtr error) {
     if (error == nullptr || error->message == nullptr) return;
@@ -211,6 +215,7 @@ void reportXmlError(void*, xmlErrorPtr error) {
 
 // False, after a line naming the file and the system's reason, when the
 // file cannot be opened for reading as a file.
+// Its size sets the model's attribute allowance.
 bool isReadableFile(const char* file) {
     const int fd = open(file, O_RDONLY);
     struct stat info;
@@ -218,7 +223,11 @@ bool isReadableFile(const char* file) {
     if (fd >= 0) {
         reason = fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? EISDIR : 0;
         close(fd);
-        if (reason == 0) return true;
+        if (reason == 0) {
+            s_attributeAllowance = std::max<long>(kMinAttributeAllowance,
+                                                  info.st_size / kFileBytesPerAttribute);
+            return true;
+        }
     }
     std::fprintf(stderr, "Cannot read %s: %s\n", file, std::strerror(reason));
     return false;
@@ -1141,7 +1150,7 @@ int initDATable() {
             const std::vector<Leaf>* leaves = leavesOf(lnTypeIndex);
             if (leaves == nullptr) return -1;
             attributes += static_cast<long>(leaves->size());
-            if (tooLarge(attributes, kMaxAttributes, "data attributes in all")) return -1;
+            if (tooLarge(attributes, s_attributeAllowance, "data attributes in all")) return -1;
         }
     }
     return 0;

@@ -169,6 +169,9 @@ int runLoad(const Args& args) {
     const std::string& file = args.positional[0];
     const bool check = args.has("--check");
     if (!check && !openRealStore()) return kFailed;
+    // The load takes no store lock: a long load is no wait for the store, and
+    // --timeout must not cut it short.
+    waitingForStore(nullptr);
     std::printf("%s %s ...\n", check ? "checking" : "loading", file.c_str());
     std::fflush(stdout);
     qvaddied::LoadSummary summary;

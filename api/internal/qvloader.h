@@ -139,8 +139,14 @@ struct DAConfType {
 
 // Limits that refuse a model: beyond them a small file of nested types
 // could keep a load going for minutes and take gigabytes.
-constexpr long kMaxAttributes = 1000000;
+constexpr long kMaxAttributes = 1000000;    // leaves of the types in use
 constexpr long kMaxNestedEntries = 100000;  // sub-data objects and structures, as expanded
+// Data attributes a whole model may expand to: this many for any file, and
+// one per kFileBytesPerAttribute bytes of a larger file, so that a file of up
+// to a megabyte loads or is refused in about a second while a large file
+// still loads the large model it describes.
+constexpr long kMinAttributeAllowance = 250000;
+constexpr long kFileBytesPerAttribute = 4;
 
 extern std::vector<IED> giedVector;
 extern std::vector<DaValue> gDaValueVector;
