@@ -65,10 +65,18 @@ static_assert(sizeof(ReceiveBuffer) == 8200, "the receive buffer is type field p
 
 ProcessMsgAssociation* s_pAssociations = nullptr;
 int s_count = 0;
-// Per route: its receiver's queue stayed full at the last send. The next
-// send then tries once without waiting, so a receiver that stopped reading
-// costs the sender one wait, not one per message.
-std::unique_ptr<std::atomic<bool>[]> s_routeStalled;
+// What the sender keeps per route.
+struct RouteState {
+    // The receiver's queue, opened at the route's first send and kept (an
+    // open per message doubles the cost of a burst); -1 until then. A queue
+    // removed meanwhile is opened again when a send finds its id gone.
+    std::atomic<int> queueId{-1};
+    // The queue stayed full at the last send. The next send then tries once
+    // without waiting, so a receiver that stopped reading costs the sender
+    // one wait, not one per message.
+    std::atomic<bool> stalled{false};
+};
+std::unique_ptr<RouteState[]> s_routeStates;
 
 // Shared by every receiving loop of the process and read afresh at each
 // receive; atomic because a loop re-opens the queue and a later
@@ -217,20 +225,36 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
                  receiver, reason, kind);
 }
 
+// The receiver's queue of a route: the one kept, or opened (created when
+// absent) when there is none yet or `reopen` says the kept one is gone; -1
+// after a failed open, which is reported.
+int routeQueue(RouteState& route, int receiver, bool reopen) {
+    if (!reopen && route.queueId != -1) return route.queueId;
+    const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
+    if (msgid == -1) std::perror("msgget failed\n");
+    route.queueId = msgid;
+    return msgid;
+}
+
 // Sends the record along route i: 0, or -1 when the receiver's queue stayed
 // full and the record is lost for it. Other failures are reported and cost
 // the record without changing the result.
 int sendAlongRoute(int i, SendBuffer& buffer) {
     const int receiver = s_pAssociations[i].recvProcessNo;
-    const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
-    if (msgid == -1) {
-        std::perror("msgget failed\n");
-        return 0;
-    }
-    const bool stalled = s_routeStalled[i];
+    RouteState& route = s_routeStates[i];
+    const bool stalled = route.stalled;
     const auto patience = stalled ? std::chrono::microseconds(0) : kFullQueuePatience;
-    const int error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
-    s_routeStalled[i] = error == EAGAIN;
+    const bool kept = route.queueId != -1;
+    int msgid = routeQueue(route, receiver, false);
+    if (msgid == -1) return 0;
+    int error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+    // A kept queue that was removed since: open the receiver's queue anew.
+    if (kept && (error == EINVAL || error == EIDRM)) {
+        msgid = routeQueue(route, receiver, true);
+        if (msgid == -1) return 0;
+        error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+    }
+    route.stalled = error == EAGAIN;
     if (error == 0) return 0;
     if (error != EAGAIN) {
         errno = error;
@@ -376,8 +400,8 @@ int zq_publisherMsg(void) {
     const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
     s_pAssociations =
         static_cast<ProcessMsgAssociation*>(std::malloc(entries * sizeof(ProcessMsgAssociation)));
-    s_routeStalled.reset(new (std::nothrow) std::atomic<bool>[entries]());
-    if (s_pAssociations == nullptr || s_routeStalled == nullptr) {
+    s_routeStates.reset(new (std::nothrow) RouteState[entries]);
+    if (s_pAssociations == nullptr || s_routeStates == nullptr) {
         s_count = 0;
         std::perror("malloc err\n");
         return -1;
