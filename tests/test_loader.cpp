@@ -642,20 +642,17 @@ TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
     const struct {
         Words args;
         int code;
-        std::string output;
-        Rows rows;  // the store afterwards
+        std::string output;  // stdout, then stderr
+        Rows rows;           // the store afterwards
         bool freshStore = false;
     } runs[] = {
         {{"load", two, "--check"}, 0,
-         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n",
-         sample},
+         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n", sample},
         {{"load", two, "--ied", "C", "--check"}, 1,
-         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two +
-             "\ncid 解析出错.\nqvtool: " + two +
-             " is not a usable SCL model; the store is unchanged\n",
+         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two + "\ncid 解析出错.\nqvtool: " +
+             two + " is not a usable SCL model; the store is unchanged\n", sample},
+        {{"load", none}, 1, "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n",
          sample},
-        {{"load", none}, 1,
-         "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n", sample},
         {{"load", two, "--ied", "B"}, 0,
          "loading " + two + " ...\nIEDs: B\nloaded: 1 data sets, 1 members, 4 attributes\n",
          rowsOfIed("B", "false"), true},
