@@ -52,9 +52,8 @@ Rows dumpModel(const std::string& ied = "") {
         const Rows rows = query(realDbPath(), "select * from " + table + of + " order by rowid");
         all.insert(all.end(), rows.begin(), rows.end());
     }
-    const Rows values = query(realDbPath(), "select * from DAValue where " +
-                                                (ied.empty() ? "1" : "hashID in (select hashID from DA" + of + ")") +
-                                                " order by rowid");
+    const std::string ofValues = ied.empty() ? "" : " where hashID in (select hashID from DA" + of + ")";
+    const Rows values = query(realDbPath(), "select * from DAValue" + ofValues + " order by rowid");
     all.insert(all.end(), values.begin(), values.end());
     return all;
 }
@@ -145,17 +144,13 @@ const std::string kValidModel = sclText(
     "<EnumType id=\"T_Cat\"><EnumVal ord=\"1\">bay</EnumVal></EnumType>",
     "QVFTU1");
 
-std::string repeated(const std::string& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
-}
-
 std::string times(int n, const std::function<std::string(int)>& item) {
     std::string all;
     for (int i = 0; i < n; ++i) all += item(i);
     return all;
 }
+
+std::string repeated(const std::string& text, int n) { return times(n, [&](int) { return text; }); }
 
 std::string missing(const char* element, const char* attribute) {
     return std::string("SCL error: ") + element + " without attribute \"" + attribute + "\"\n";
@@ -381,12 +376,14 @@ std::string s(int i) { return std::to_string(i); }
 // EnumVals in one EnumType, and 8016 attributes.
 std::string modelOverTheOldCapacities() {
     std::string t = "<EnumType id=\"E0\">" +
-                    times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; }) +
-                    "</EnumType>";
-    t += times(128, [](int i) { return "<EnumType id=\"E" + s(i + 1) + "\"><EnumVal ord=\"0\">v0</EnumVal></EnumType>"; });
-    t += "<DAType id=\"S0\">" + times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) +
-         "</DAType>";
-    const std::string floats = times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; });
+                    times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; });
+    t += "</EnumType>" + times(128, [](int i) {
+        return "<EnumType id=\"E" + s(i + 1) + "\"><EnumVal ord=\"0\">v0</EnumVal></EnumType>";
+    });
+    t += "<DAType id=\"S0\">" +
+         times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) + "</DAType>";
+    const std::string floats =
+        times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; });
     t += times(64, [&](int i) { return "<DAType id=\"S" + s(i + 1) + "\">" + floats + "</DAType>"; });
     t += "<DOType id=\"D0\">" +
          times(201, [](int i) { return "<DA name=\"a" + s(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
@@ -399,7 +396,8 @@ std::string modelOverTheOldCapacities() {
                "\" fc=\"ST\"/><DA name=\"v\" bType=\"Struct\" type=\"S" +
                (i == 2 ? "0" : s(i % 64 + 1)) + "\" fc=\"MX\"/></DOType>";
     });
-    t += "<LNodeType id=\"L0\">" + times(501, [](int i) { return "<DO name=\"o" + s(i) + "\" type=\"D1\"/>"; }) +
+    t += "<LNodeType id=\"L0\">" +
+         times(501, [](int i) { return "<DO name=\"o" + s(i) + "\" type=\"D1\"/>"; }) +
          "</LNodeType><LNodeType id=\"L1\"><DO name=\"big\" type=\"D0\"/></LNodeType>";
     t += times(127, [](int k) {
         return "<LNodeType id=\"L" + s(k + 2) + "\"><DO name=\"x\" type=\"D" + s(k + 2) + "\"/></LNodeType>";
@@ -649,8 +647,9 @@ TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
         {{"load", two, "--check"}, 0,
          "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n", sample},
         {{"load", two, "--ied", "C", "--check"}, 1,
-         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two + "\ncid 解析出错.\nqvtool: " +
-             two + " is not a usable SCL model; the store is unchanged\n", sample},
+         "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two +
+             "\ncid 解析出错.\nqvtool: " + two + " is not a usable SCL model; the store is unchanged\n",
+         sample},
         {{"load", none}, 1, "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n",
          sample},
         {{"load", two, "--ied", "B"}, 0,
