@@ -5,18 +5,13 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
+#include "qvtool_run.h"
 
 using namespace qvtest;
 using testing::internal::CaptureStderr;
@@ -26,9 +21,8 @@ namespace {
 
 std::string writeFile(const std::string& name, const std::string& content) {
     mkdir(QV_TEST_STORE_DIR, 0755);
-    const std::string path = std::string(QV_TEST_STORE_DIR) + "/" + name;
-    std::ofstream(path) << content;
-    return path;
+    std::ofstream(storeFile(name)) << content;
+    return storeFile(name);
 }
 
 std::string sclText(const std::string& lDevices, const std::string& templates,
@@ -39,17 +33,28 @@ std::string sclText(const std::string& lDevices, const std::string& templates,
            "</DataTypeTemplates></SCL>\n";
 }
 
+// `text` with its first `from` replaced by `to`.
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
 int load(const std::string& path) { return zq_addIEDRealDB(const_cast<char*>(path.c_str())); }
 int loadScl(const std::string& text) { return load(writeFile("model.scd", text)); }
 const std::string kSample = sourcePath("samples/feeder_terminal.cid");
 
-// Every row of the four model tables, in insertion order.
-Rows dumpModel() {
+// Every row of the four model tables (of one IED when given), in insertion order.
+Rows dumpModel(const std::string& ied = "") {
+    const std::string of = ied.empty() ? "" : " where iedName='" + ied + "'";
     Rows all;
-    for (const char* table : {"DataSet", "DataSetSub", "DA", "DAValue"}) {
-        const Rows rows = query(realDbPath(), std::string("select * from ") + table + " order by rowid");
+    for (const std::string table : {"DataSet", "DataSetSub", "DA"}) {
+        const Rows rows = query(realDbPath(), "select * from " + table + of + " order by rowid");
         all.insert(all.end(), rows.begin(), rows.end());
     }
+    const std::string ofValues = ied.empty() ? "" : " where hashID in (select hashID from DA" + of + ")";
+    const Rows values = query(realDbPath(), "select * from DAValue" + ofValues + " order by rowid");
+    all.insert(all.end(), values.begin(), values.end());
     return all;
 }
 
@@ -96,7 +101,7 @@ protected:
     void TearDown() override { zq_closeRealDB(); }
 };
 
-class SampleLoaded : public Loader {
+class LoaderOnSample : public Loader {
 protected:
     void SetUp() override {
         Loader::SetUp();
@@ -139,17 +144,13 @@ const std::string kValidModel = sclText(
     "<EnumType id=\"T_Cat\"><EnumVal ord=\"1\">bay</EnumVal></EnumType>",
     "QVFTU1");
 
-std::string repeated(const std::string& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
-}
-
 std::string times(int n, const std::function<std::string(int)>& item) {
     std::string all;
     for (int i = 0; i < n; ++i) all += item(i);
     return all;
 }
+
+std::string repeated(const std::string& text, int n) { return times(n, [&](int) { return text; }); }
 
 std::string missing(const char* element, const char* attribute) {
     return std::string("SCL error: ") + element + " without attribute \"" + attribute + "\"\n";
@@ -187,7 +188,7 @@ const std::vector<BadModel> kBadModels = {
          repeated(std::string(60, 'p') + "$", 2) + "...\n"},
 };
 
-class LoaderRejectsModel : public SampleLoaded, public testing::WithParamInterface<BadModel> {};
+class LoaderRejectsModel : public LoaderOnSample, public testing::WithParamInterface<BadModel> {};
 
 }  // namespace
 
@@ -202,7 +203,6 @@ TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
                     {"MX$A$phsA$cVal$mag$f", "A$phsA", "MX", "", "FLOAT32", ""},
                     {"MX$A$phsA$cVal$ang$f", "A$phsA", "MX", "", "FLOAT32", ""},
                     {"CF$A$phsA$units$range$f", "A$phsA", "CF", "", "FLOAT32", ""}}));
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA where iedName='IED1'"), 10);
     EXPECT_EQ(query(realDbPath(), "select value from DA where daName like 'IED1LD0/MMXU2%SIUnit'"),
               (Rows{{"furlong"}}));
 
@@ -216,8 +216,7 @@ TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
               (Rows{{std::to_string(rowKey(leaf)), "1.0", "0.0", "0", "0.0"},
                     {std::to_string(rowKey("IED1LD0/MMXU1$MX$A")), "1.0", "0.0", "0", "0.0"}}));
     // The leaf's value row meets its attribute row; the whole-DO one meets none.
-    EXPECT_EQ(query(realDbPath(), "select d.daName from DAValue v join DA d using(hashID)"),
-              (Rows{{leaf}}));
+    EXPECT_EQ(query(realDbPath(), "select d.daName from DAValue v join DA d using(hashID)"), (Rows{{leaf}}));
 }
 
 TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
@@ -245,14 +244,18 @@ TEST_F(Loader, ReloadReplacesTheRowsOfThatIedOnly) {
     ASSERT_EQ(loadScl(sclText(kMeasurementDevice, kMeasurementTypes, std::string(40, 'O'))), 0);
     ASSERT_EQ(load(kSample), 0);
     const Rows first = dumpModel();
+    // Enumerations as their ord; entity references replaced.
+    EXPECT_EQ(query(realDbPath(), "select value from DA where daName in ('QVFTU1LD0/LLN0$DC$NamPlt$d',"
+                                  "'QVFTU1MEAS/MMXU1$CF$TotW$units$SIUnit') order by daName"),
+              (Rows{{"Feeder 7 & ring main unit 3"}, {"62"}}));
     ASSERT_EQ(zq_openRealDB(), 0);
     ASSERT_EQ(zq_saveDoubDAValue("QVFTU1MEAS/MMXU1$MX$TotW$mag$f", 17.5), 0);
     ASSERT_EQ(zq_closeRealDB(), 0);
+    ASSERT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=17.5"), 1);
     ASSERT_EQ(load(kSample), 0);
     // The other IED's rows come first and stay; QVFTU1's come back once, values at 0.
     EXPECT_EQ(dumpModel(), first);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA where iedName='" + std::string(31, 'O') + "'"), 10);
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 18 + 2);
 }
 
 TEST_F(Loader, StoreWithoutValueTableOrUnopenableFailsCleanly) {
@@ -273,32 +276,10 @@ TEST_F(Loader, StoreWithoutValueTableOrUnopenableFailsCleanly) {
 
 // ---- The sample model, and files that must not change it ---------------------
 
-TEST_F(SampleLoaded, SingleValueOperationsReachTheLoadedRows) {
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 18);
-    // Enumerations as their ord; entity references replaced.
-    EXPECT_EQ(query(realDbPath(), "select value from DA where daName in ('QVFTU1LD0/LLN0$DC$NamPlt$d',"
-                                  "'QVFTU1MEAS/MMXU1$CF$TotW$units$SIUnit') order by daName"),
-              (Rows{{"Feeder 7 & ring main unit 3"}, {"62"}}));
-    const std::string stVal = "QVFTU1CTRL/XCBR1$ST$Pos$stVal";
-    ASSERT_EQ(zq_openRealDB(), 0);
-    ASSERT_EQ(zq_saveDoubDAValue1(stVal.c_str(), 2.0, 0x40), 0);
-    EXPECT_EQ(query(realDbPath(), "select v.type,v.value,v.quality from DAValue v join DA d "
-                                  "using(hashID) where daName='" + stVal + "'"),
-              (Rows{{"3.0", "2.0", "64"}}));
-    double value = 0;
-    int quality = 0;
-    ASSERT_EQ(zq_getDoubDAValue1(stVal.c_str(), &value, &quality), 0);
-    EXPECT_EQ(value, 2.0);
-    EXPECT_EQ(quality, 0x40);
-}
-
-TEST_F(SampleLoaded, FileWithoutIedChangesNothing) {
+TEST_F(LoaderOnSample, RejectsFilesThatAreNotSclSayingWhyAndIgnoresOneWithoutIed) {
     ASSERT_EQ(loadScl(std::string("<SCL><DataTypeTemplates>") + kMeasurementTypes +
                       "</DataTypeTemplates></SCL>"), 0);
     EXPECT_EQ(dumpModel(), before_);
-}
-
-TEST_F(SampleLoaded, RejectsFilesThatAreNotSclSayingWhy) {
     const std::string missing = std::string(QV_TEST_STORE_DIR) + "/no-such.cid";
     expectRejected(missing.c_str(), "Cannot read " + missing + ": No such file or directory\n"
                                     "Failed to parse xml file:" + missing + "\n");
@@ -314,12 +295,8 @@ TEST_F(SampleLoaded, RejectsFilesThatAreNotSclSayingWhy) {
     expectRejected(valid.c_str(), "SCL error: no IED named \"QVFTU2\" in " + valid + "\n", "QVFTU2");
 }
 
-
 TEST_P(LoaderRejectsModel, WithItsMessage) {
-    std::string text = kValidModel;
-    const auto at = text.find(GetParam().from);
-    ASSERT_NE(at, std::string::npos);
-    const std::string path = writeFile("model.scd", text.replace(at, GetParam().from.size(), GetParam().to));
+    const std::string path = writeFile("model.scd", replaced(kValidModel, GetParam().from, GetParam().to));
     expectRejected(path.c_str(), GetParam().message);
 }
 
@@ -347,23 +324,17 @@ std::string withDeclaration(const std::string& model, const std::string& encodin
     return "<?xml version=\"1.0\" encoding=\"" + encoding + "\"?>" + model.substr(plain.size());
 }
 
-// Two IEDs whose logical devices, nodes and data sets have the same names.
+// Two IEDs whose logical devices, nodes and data sets have the same names;
+// each describes its data set and data object by its own name.
 std::string twoIedModel() {
-    auto ied = [](const char* name, const char* value) {
-        return std::string("<IED name=\"") + name +
-               "\"><AccessPoint name=\"S1\"><Server>"
-               "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_LN\" inst=\"\">"
-               "<DataSet name=\"dsGgio\" desc=\"" +
-               name + "\">" + kFcda +
-               "</DataSet></LN0>"
-               "<LN lnClass=\"GGIO\" inst=\"1\" lnType=\"T_LN\"><DOI name=\"Ind1\" desc=\"" +
-               name + "\"><DAI name=\"stVal\"><Val>" + value +
-               "</Val></DAI></DOI></LN></LDevice>"
-               "</Server></AccessPoint></IED>";
+    const size_t from = kValidModel.find("<IED"), to = kValidModel.find("<DataTypeTemplates>");
+    auto ied = [&](const std::string& name, const std::string& value) {
+        std::string text = replaced(kValidModel.substr(from, to - from), "QVFTU1", name);
+        text = replaced(text, "\"dsGgio\"", "\"dsGgio\" desc=\"" + name + "\"");
+        text = replaced(text, "\"Ind1\">", "\"Ind1\" desc=\"" + name + "\">");
+        return replaced(text, ">true<", ">" + value + "<");
     };
-    const std::string valid = kValidModel;
-    const std::string templates = valid.substr(valid.find("<DataTypeTemplates>"));
-    return "<?xml version=\"1.0\"?>\n<SCL>" + ied("A", "true") + ied("B", "false") + templates;
+    return kValidModel.substr(0, from) + ied("A", "true") + ied("B", "false") + kValidModel.substr(to);
 }
 
 // The rows that IED `ied` of twoIedModel() owns.
@@ -384,22 +355,6 @@ Rows rowsOfIed(const std::string& ied, const std::string& value) {
             {std::to_string(rowKey(member)), "2.0", "0.0", "0", "0.0"}};
 }
 
-Rows ofIed(const std::string& ied) {
-    Rows all;
-    for (const char* table : {"DataSet", "DataSetSub", "DA"}) {
-        const Rows rows = query(realDbPath(), std::string("select * from ") + table +
-                                                  " where iedName='" + ied + "' order by rowid");
-        all.insert(all.end(), rows.begin(), rows.end());
-    }
-    const Rows values =
-        query(realDbPath(),
-              "select v.* from DAValue v join DataSetSub s on "
-              "v.hashID=(select hashID from DA where daName=s.fcdaName) where s.iedName='" +
-                  ied + "'");
-    all.insert(all.end(), values.begin(), values.end());
-    return all;
-}
-
 std::string ldevice(const std::string& inst, const std::string& nodes) {
     return "<LDevice inst=\"" + inst + "\">" + nodes + "</LDevice>";
 }
@@ -418,25 +373,19 @@ std::string s(int i) { return std::to_string(i); }
 // LNodeType, 201 DAs and SDOs in one DOType, 257 BDAs in one DAType, 257
 // EnumVals in one EnumType, and 8016 attributes.
 std::string modelOverTheOldCapacities() {
-    std::string t =
-        "<EnumType id=\"E0\">" +
-        times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; }) +
-        "</EnumType>";
-    t += times(128, [](int i) {
+    std::string t = "<EnumType id=\"E0\">" +
+                    times(257, [](int i) { return "<EnumVal ord=\"" + s(i) + "\">v" + s(i) + "</EnumVal>"; });
+    t += "</EnumType>" + times(128, [](int i) {
         return "<EnumType id=\"E" + s(i + 1) + "\"><EnumVal ord=\"0\">v0</EnumVal></EnumType>";
     });
     t += "<DAType id=\"S0\">" +
-         times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) +
-         "</DAType>";
-    t += times(64, [](int i) {
-        return "<DAType id=\"S" + s(i + 1) + "\">" +
-               times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; }) +
-               "</DAType>";
-    });
-    t +=
-        "<DOType id=\"D0\">" +
-        times(201, [](int i) { return "<DA name=\"a" + s(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
-        times(201, [](int i) { return "<SDO name=\"s" + s(i) + "\" type=\"D1\"/>"; }) + "</DOType>";
+         times(257, [](int i) { return "<BDA name=\"b" + s(i) + "\" bType=\"INT32\"/>"; }) + "</DAType>";
+    const std::string floats =
+        times(20, [](int k) { return "<BDA name=\"f" + s(k) + "\" bType=\"FLOAT32\"/>"; });
+    t += times(64, [&](int i) { return "<DAType id=\"S" + s(i + 1) + "\">" + floats + "</DAType>"; });
+    t += "<DOType id=\"D0\">" +
+         times(201, [](int i) { return "<DA name=\"a" + s(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
+         times(201, [](int i) { return "<SDO name=\"s" + s(i) + "\" type=\"D1\"/>"; }) + "</DOType>";
     t += "<DOType id=\"D1\"><DA name=\"stVal\" bType=\"Enum\" type=\"E0\" fc=\"ST\"/>"
          "<DA name=\"q\" bType=\"Quality\" fc=\"ST\"/></DOType>";
     t += times(127, [](int k) {
@@ -447,11 +396,9 @@ std::string modelOverTheOldCapacities() {
     });
     t += "<LNodeType id=\"L0\">" +
          times(501, [](int i) { return "<DO name=\"o" + s(i) + "\" type=\"D1\"/>"; }) +
-         "</LNodeType>";
-    t += "<LNodeType id=\"L1\"><DO name=\"big\" type=\"D0\"/></LNodeType>";
+         "</LNodeType><LNodeType id=\"L1\"><DO name=\"big\" type=\"D0\"/></LNodeType>";
     t += times(127, [](int k) {
-        return "<LNodeType id=\"L" + s(k + 2) + "\"><DO name=\"x\" type=\"D" + s(k + 2) +
-               "\"/></LNodeType>";
+        return "<LNodeType id=\"L" + s(k + 2) + "\"><DO name=\"x\" type=\"D" + s(k + 2) + "\"/></LNodeType>";
     });
 
     // Each o-i's stVal has two values (setting groups): the last one, v(i mod 257), stays.
@@ -460,29 +407,22 @@ std::string modelOverTheOldCapacities() {
                "</Val></DAI></DOI>";
     });
     const std::string dataSets =
-        times(50, [](int i) { return "<DataSet name=\"ds" + s(i) + "\"/>"; }) +
-        "<DataSet name=\"dsAin\">" +
-        times(257,
-              [](int i) {
-                  return "<FCDA ldInst=\"LD0\" lnClass=\"LLN\" lnInst=\"0\" doName=\"o" + s(i) +
-                         "\" daName=\"stVal\" fc=\"ST\"/>";
-              }) +
-        "</DataSet>";
-    const std::string ld0 = "<LN0 lnClass=\"LLN0\" inst=\"\" lnType=\"L0\">" + dataSets + values +
-                            "</LN0>" +
+        times(50, [](int i) { return "<DataSet name=\"ds" + s(i) + "\"/>"; }) + "<DataSet name=\"dsAin\">" +
+        times(257, [](int i) {
+            return "<FCDA ldInst=\"LD0\" lnClass=\"LLN\" lnInst=\"0\" doName=\"o" + s(i) +
+                   "\" daName=\"stVal\" fc=\"ST\"/>";
+        }) + "</DataSet>";
+    const std::string ld0 = "<LN0 lnClass=\"LLN0\" inst=\"\" lnType=\"L0\">" + dataSets + values + "</LN0>" +
                             times(128, [](int i) { return node("GGIO", i + 1, "L" + s(i + 1)); });
-    const std::string devices =
-        ldevice("LD0", ld0) +
-        times(128, [](int i) { return ldevice("LD" + s(i + 1), node("GGIO", 1, "L" + s(i + 1))); });
-    return sclText(devices, t);
+    return sclText(ldevice("LD0", ld0) + times(128, [](int i) {
+                       return ldevice("LD" + s(i + 1), node("GGIO", 1, "L" + s(i + 1)));
+                   }), t);
 }
 
 }  // namespace
 
 TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
-    std::string model = kValidModel;
-    model.replace(model.find("<DataSet name=\"dsGgio\">"), 23,
-                  "<DataSet name=\"dsGgio\" desc=\"Zähler Größe\">");
+    const std::string model = replaced(kValidModel, "\"dsGgio\"", "\"dsGgio\" desc=\"Zähler Größe\"");
     ASSERT_EQ(loadScl(model), 0);
     const Rows expected = dumpModel();
     ASSERT_EQ(query(realDbPath(), "select dsDesc from DataSet"), (Rows{{"Zähler Größe"}}));
@@ -500,9 +440,8 @@ TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
     }
     // libxml2's warnings come through the loader, one line each.
     freshRealStore();
-    model.replace(model.find("<SCL>"), 5, "<SCL xmlns=\"scl\">");
     CaptureStderr();
-    EXPECT_EQ(loadScl(model), 0);
+    EXPECT_EQ(loadScl(replaced(model, "<SCL>", "<SCL xmlns=\"scl\">")), 0);
     EXPECT_EQ(GetCapturedStderr(),
               "SCL warning: " QV_TEST_STORE_DIR "/model.scd:2: xmlns: URI scl is not absolute\n");
     EXPECT_EQ(dumpModel(), expected);
@@ -511,8 +450,8 @@ TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
 TEST_F(Loader, EveryIedKeepsItsOwnRowsAndOneCanBeLoadedAlone) {
     const std::string path = writeFile("two.scd", twoIedModel());
     ASSERT_EQ(load(path), 0);
-    EXPECT_EQ(ofIed("A"), rowsOfIed("A", "true"));
-    EXPECT_EQ(ofIed("B"), rowsOfIed("B", "false"));
+    EXPECT_EQ(dumpModel("A"), rowsOfIed("A", "true"));
+    EXPECT_EQ(dumpModel("B"), rowsOfIed("B", "false"));
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 2);
 
     freshRealStore();
@@ -520,8 +459,8 @@ TEST_F(Loader, EveryIedKeepsItsOwnRowsAndOneCanBeLoadedAlone) {
     EXPECT_EQ(dumpModel(), rowsOfIed("B", "false"));
     // Loading A alone adds A and leaves B as it was.
     ASSERT_EQ(zq_addIEDRealDBByName(path.c_str(), "A"), 0);
-    EXPECT_EQ(ofIed("B"), rowsOfIed("B", "false"));
-    EXPECT_EQ(ofIed("A"), rowsOfIed("A", "true"));
+    EXPECT_EQ(dumpModel("B"), rowsOfIed("B", "false"));
+    EXPECT_EQ(dumpModel("A"), rowsOfIed("A", "true"));
 }
 
 TEST_F(Loader, ModelOverEveryOldCapacityLoadsWhole) {
@@ -574,8 +513,7 @@ namespace {
 
 // The valid model with an internal DTD subset, `at` replaced by `use`.
 std::string withDoctype(const std::string& doctype, const std::string& at, const std::string& use) {
-    std::string model = kValidModel;
-    model.replace(model.find(at), at.size(), use);
+    const std::string model = replaced(kValidModel, at, use);
     return "<?xml version=\"1.0\"?>\n" + doctype + model.substr(model.find("<SCL>"));
 }
 
@@ -692,58 +630,35 @@ TEST_F(Loader, HostileFilesAreBoundedAndNothingComesFromOutside) {
 
 // ---- qvtool load ---------------------------------------------------------------
 
-namespace {
-
-struct ToolRun {
-    int code;
-    std::string output;  // stdout, then stderr
-};
-
-ToolRun runTool(const std::string& args) {
-    const std::string err = std::string(QV_TEST_STORE_DIR) + "/tool.err";
-    FILE* pipe = popen((std::string(QV_TOOL) + " " + args + " 2>" + err).c_str(), "r");
-    std::string output;
-    char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-    const int status = pclose(pipe);
-    std::ifstream in(err);
-    output.append(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
-}  // namespace
-
 TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
     const std::string two = writeFile("two.scd", twoIedModel());
     const std::string none = writeFile("none.scd", "<SCL><DataTypeTemplates/></SCL>");
     ASSERT_EQ(load(kSample), 0);  // counts are the file's, not the store's
     const Rows sample = dumpModel();
     const struct {
-        std::string args;
+        Words args;
         int code;
-        std::string output;
-        Rows rows;  // the store afterwards
+        std::string output;  // stdout, then stderr
+        Rows rows;           // the store afterwards
         bool freshStore = false;
     } runs[] = {
-        {"load " + two + " --check", 0,
-         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n",
-         sample},
-        {"load " + two + " --ied C --check", 1,
+        {{"load", two, "--check"}, 0,
+         "checking " + two + " ...\nIEDs: A B\nwould load: 2 data sets, 2 members, 8 attributes\n", sample},
+        {{"load", two, "--ied", "C", "--check"}, 1,
          "checking " + two + " ...\nSCL error: no IED named \"C\" in " + two +
-             "\ncid 解析出错.\nqvtool: " + two +
-             " is not a usable SCL model; the store is unchanged\n",
+             "\ncid 解析出错.\nqvtool: " + two + " is not a usable SCL model; the store is unchanged\n",
          sample},
-        {"load " + none, 1,
-         "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n", sample},
-        {"load " + two + " --ied B", 0,
+        {{"load", none}, 1, "loading " + none + " ...\nqvtool: " + none + " has no IED: nothing was loaded\n",
+         sample},
+        {{"load", two, "--ied", "B"}, 0,
          "loading " + two + " ...\nIEDs: B\nloaded: 1 data sets, 1 members, 4 attributes\n",
          rowsOfIed("B", "false"), true},
     };
     for (const auto& run : runs) {
         if (run.freshStore) freshRealStore();
-        const ToolRun result = runTool(run.args);
-        EXPECT_EQ(result.code, run.code) << run.args;
-        EXPECT_EQ(result.output, run.output) << run.args;
-        EXPECT_EQ(dumpModel(), run.rows) << run.args;
+        const ToolRun result = tool(run.args);
+        EXPECT_EQ(result.code, run.code) << run.args[1];
+        EXPECT_EQ(result.out + result.err, run.output) << run.args[1];
+        EXPECT_EQ(dumpModel(), run.rows) << run.args[1];
     }
 }

@@ -1,31 +1,19 @@
 // qvtool, run as a subprocess on the private stores: what it prints, what it
 // writes and the exit codes that scripts rely on.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "qvrealapi.h"
 #include "qvtest.h"
+#include "qvtool_run.h"
 #include "qvversion.h"
 
-using qvtest::confDbPath;
-using qvtest::execSql;
-using qvtest::query;
-using qvtest::queryInt;
-using qvtest::realDbPath;
-using qvtest::sourcePath;
+using namespace qvtest;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -34,20 +22,6 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-using Words = std::vector<std::string>;
-
-struct ToolRun {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string storeFile(const char* name) { return std::string(QV_TEST_STORE_DIR) + "/" + name; }
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> result;
     std::istringstream in(text);
@@ -55,41 +29,7 @@ std::vector<std::string> lines(const std::string& text) {
     return result;
 }
 
-// Starts the tool with stdout and stderr going to the given files; inChild
-// runs in the child just before exec (to point stdout elsewhere). The alarm
-// outlives exec: a tool that hangs ends after 30 s instead of hanging the test.
-pid_t startTool(const Words& args, const std::string& out, const std::string& err,
-                const std::function<void()>& inChild = nullptr) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
-        if (inChild) inChild();
-        std::vector<char*> argv{const_cast<char*>(QV_TOOL)};
-        for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        alarm(30);
-        execv(QV_TOOL, argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-ToolRun finish(pid_t pid, const std::string& out, const std::string& err) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status)) << "the tool hung or crashed";
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
-}
-
-ToolRun tool(const Words& args, const std::function<void()>& inChild = nullptr) {
-    const std::string out = storeFile("tool.out"), err = storeFile("tool.err");
-    return finish(startTool(args, out, err, inChild), out, err);
-}
-
-Json parsed(const std::string& text) {
-    return Json::parse(text, nullptr, /*allow_exceptions=*/false);
-}
+Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 // The rows of a JSON array in a fixed order: the store returns rows in the
 // order of the index that a query happens to use.
@@ -99,11 +39,16 @@ Json sorted(Json rows) {
     return rows;
 }
 
-// The rows of a query whose one column is json_object(...), as one array.
-Json jsonRows(const std::string& dbPath, const std::string& sql) {
-    Json rows = Json::array();
-    for (const std::vector<std::string>& row : query(dbPath, sql)) rows.push_back(parsed(row[0]));
-    return rows;
+// "select json_object('key',column,...) <rest>" for fields "key key=column ...".
+std::string jsonSelect(const std::string& fields, const std::string& rest) {
+    std::istringstream in(fields);
+    std::string pairs;
+    for (std::string field; in >> field;) {
+        const size_t eq = field.find('=');
+        pairs += (pairs.empty() ? "'" : ",'") + field.substr(0, eq) + "'," +
+                 (eq == std::string::npos ? field : field.substr(eq + 1));
+    }
+    return "select json_object(" + pairs + ") " + rest;
 }
 
 std::string toolName() {
@@ -122,16 +67,13 @@ const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
 class Tool : public testing::Test {
 protected:
     void SetUp() override {
-        qvtest::removeStore(realDbPath());
-        qvtest::removeStore(confDbPath());
+        removeStore(realDbPath());
+        removeStore(confDbPath());
     }
     // Both stores, the sample configuration and the sample model.
     void provision() {
         ASSERT_EQ(tool({"init", "--conf-sample", sourcePath("samples/conf_sample.sql")}).code, 0);
         ASSERT_EQ(tool({"load", sourcePath("samples/feeder_terminal.cid")}).code, 0);
-    }
-    std::string count(const std::string& from) {
-        return std::to_string(queryInt(realDbPath(), "select count(*) from " + from));
     }
     long long processes() { return queryInt(confDbPath(), "select count(*) from ProcessConfig"); }
 };
@@ -145,140 +87,85 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsAConfSampleOnceAndWhole) {
     EXPECT_EQ(run.out, "real-time store " + realDbPath() + ": created\nconfiguration store " +
                            confDbPath() + ": created\nconfiguration store " + confDbPath() + ": " +
                            sample + " run\n");
-    EXPECT_EQ(count("sqlite_master where name in ('DAValue','DA','DataSet','DataSetSub',"
-                    "'LTUInfor','ltu_access_list','TopoInfor')"),
-              "7");
     EXPECT_EQ(processes(), 4);
-    // Again: the sample is refused instead of doubled.
-    run = tool({"init", "--conf-sample", sample});
-    EXPECT_EQ(run.code, 1);
-    EXPECT_THAT(run.err, HasSubstr("already holds processes"));
-    EXPECT_EQ(processes(), 4);
-    // A sample that fails half way leaves nothing behind.
-    EXPECT_EQ(tool({"init", "--fresh"}).code, 0);
+    // Again the sample is refused instead of doubled; one failing half way leaves nothing.
     const std::string broken = storeFile("broken_sample.sql");
     std::ofstream(broken) << "insert into ProcessConfig values(1,'a','');\n"
                              "insert into Nowhere values(1);\n";
-    run = tool({"init", "--conf-sample", broken});
-    EXPECT_EQ(run.code, 1);
-    EXPECT_THAT(run.err, HasSubstr("no such table: Nowhere"));
-    EXPECT_EQ(processes(), 0);
-}
-
-TEST_F(Tool, LoadCountsTheStoreAndSetGetRoundTripValueAndQuality) {
-    ASSERT_EQ(tool({"init"}).code, 0);
-    const std::string model = sourcePath("samples/feeder_terminal.cid");
-    ToolRun run = tool({"load", model});
-    ASSERT_EQ(run.code, 0) << run.err;
-    const std::string attributes = count("DA");
-    EXPECT_EQ(run.out, "loading " + model + " ...\nIEDs: QVFTU1\nloaded: " + count("DataSet") +
-                           " data sets, " + count("DataSetSub") + " members, " + attributes +
-                           " attributes\n");
-    run = tool({"load", sourcePath("schema/realtime.sql")});
-    EXPECT_EQ(run.code, 1);
-    EXPECT_THAT(run.err, HasSubstr("not a usable SCL model"));
-    EXPECT_EQ(count("DA"), attributes);
-
-    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
-    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
-    // Without a quality the stored one stays.
-    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
-    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
-              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
+    const struct { Words args; const char* why; long long processesAfter; } refused[] = {
+        {{"init", "--conf-sample", sample}, "already holds processes", 4},
+        {{"init", "--fresh", "--conf-sample", broken}, "no such table: Nowhere", 0}};
+    for (const auto& r : refused) {
+        run = tool(r.args);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_THAT(run.err, HasSubstr(r.why));
+        EXPECT_EQ(processes(), r.processesAfter);
+    }
 }
 
 // Every listing's JSON is the table's rows under the record's field names.
 TEST_F(Tool, ListingsInJsonAreTheStoredRowsUnderTheRecordsFieldNames) {
     provision();
     // Texts that JSON must escape, and one that is not UTF-8.
-    execSql(
-        realDbPath(),
-        "insert into LTUInfor values(7,'1.0','2','3','4','ltu \"7\"','addr\t1',2,1,'caf\xc3\xa9');"
-        "insert into ltu_access_list values('2026-01-01','dev\\1',3,'d','k','v');"
-        "insert into TopoInfor values(1,'sw','LN1','LN1','a','b',1,'QVFTU1','S1');");
-    const std::string ds =
-        "json_object('fcdaName',fcdaName,'iedName',iedName,'dsName',dsName,"
-        "'ldInst',ldInst,'lnClass',lnClass,'lnInst',lnInst,'doName',doName,"
-        "'daName',daName,'fc',fc) from DataSetSub ";
-    const std::string da =
-        "json_object('daName',daName,'iedName',iedName,'ldName',ldName,'lnName',"
-        "lnName,'doName',doName,'fcName',fcName,'value',value,'valueType',"
-        "valueType,'doDesc',doDesc) from DA ";
-    const struct {
-        Words args;
-        std::string db, sql;
-    } cases[] = {
-        {{"datasets"},
-         realDbPath(),
-         "select json_object('iedName',iedName,'name',dsName,'ldInst',ldInst,'desc',dsDesc) "
-         "from DataSet"},
+    execSql(realDbPath(),
+            "insert into LTUInfor values(7,'1.0','2','3','4','ltu \"7\"','addr\t1',2,1,'caf\xc3\xa9');"
+            "insert into ltu_access_list values('2026-01-01','dev\\1',3,'d','k','v');"
+            "insert into TopoInfor values(1,'sw','LN1','LN1','a','b',1,'QVFTU1','S1');");
+    const std::string member = "fcdaName iedName dsName ldInst lnClass lnInst doName daName fc";
+    const std::string attr = "daName iedName ldName lnName doName fcName value valueType doDesc";
+    const struct { Words args; std::string db, sql; } cases[] = {
+        {{"datasets"}, realDbPath(),
+         jsonSelect("iedName name=dsName ldInst desc=dsDesc", "from DataSet")},
         // Either path notation, and the same option names as attrs.
-        {{"members", "--ds", "dsAin", "--do", "PhV$phsA"},
+        {{"members", "--ds", "dsAin", "--do", "PhV$phsA"}, realDbPath(),
+         jsonSelect(member, "from DataSetSub where dsName='dsAin' and doName='PhV.phsA'")},
+        {{"members", "--ied", "QVFTU1", "--ld", "CTRL", "--ln", "XCBR1", "--da", "stVal",
+          "--fc", "ST"},
          realDbPath(),
-         "select " + ds + "where dsName='dsAin' and doName='PhV.phsA'"},
-        {{"members", "--ied", "QVFTU1", "--ld", "CTRL", "--ln", "XCBR1", "--da", "stVal", "--fc",
-          "ST"},
+         jsonSelect(member, "from DataSetSub where ldInst='CTRL' and lnClass='XCBR' and "
+                            "lnInst='1' and daName='stVal'")},
+        {{"members", "--lnclass", "MMXU", "--da", "cVal$mag$f"}, realDbPath(),
+         jsonSelect(member, "from DataSetSub where lnClass='MMXU' and daName='cVal.mag.f'")},
+        {{"attrs", "--ied", "QVFTU1", "--ld", "MEAS", "--ln", "MMXU1", "--do", "PhV.phsA",
+          "--fc", "MX"},
          realDbPath(),
-         "select " + ds +
-             "where ldInst='CTRL' and lnClass='XCBR' and lnInst='1' and daName='stVal'"},
-        {{"members", "--lnclass", "MMXU", "--da", "cVal$mag$f"},
-         realDbPath(),
-         "select " + ds + "where lnClass='MMXU' and daName='cVal.mag.f'"},
-        {{"attrs", "--ied", "QVFTU1", "--ld", "MEAS", "--ln", "MMXU1", "--do", "PhV.phsA", "--fc",
-          "MX"},
-         realDbPath(),
-         "select " + da + "where lnName='MMXU1' and doName='PhV$phsA' and fcName='MX'"},
-        {{"processes"},
-         confDbPath(),
-         "select json_object('no',no,'processName',processName,'processDescribe',processDescribe)"
-         " from ProcessConfig"},
-        {{"terminals"},
-         realDbPath(),
-         "select json_object('id',id,'QVsoftware_version',QVsoftware_version,"
-         "'QVhardware_version',QVhardware_version,'SGsoftware_version',SGsoftware_version,"
-         "'SGhardware_version',SGhardware_version,'name',name,'addr',addr,'failedcount',"
-         "failedcount,'state',state,'desc',desc) from LTUInfor"},
-        {{"access"},
-         realDbPath(),
-         "select json_object('date_time',date_time,'deviceid',deviceid,'accessmodel',accessmodel,"
-         "'desc',desc,'key',key,'version',version) from ltu_access_list"},
-        {{"topology"},
-         realDbPath(),
-         "select json_object('id',id,'type',type,'m_rln',m_rln,'name',name,'l_link',l_link,"
-         "'r_link',r_link,'power_flag',power_flag,'iedName',iedName,'substation',substation) "
-         "from TopoInfor"},
-        {{"members", "--ds", "dsNone"}, realDbPath(), "select " + ds + "where dsName='dsNone'"},
+         jsonSelect(attr, "from DA where lnName='MMXU1' and doName='PhV$phsA' and fcName='MX'")},
+        {{"processes"}, confDbPath(),
+         jsonSelect("no processName processDescribe", "from ProcessConfig")},
+        {{"terminals"}, realDbPath(),
+         jsonSelect("id QVsoftware_version QVhardware_version SGsoftware_version SGhardware_version "
+                    "name addr failedcount state desc", "from LTUInfor")},
+        {{"access"}, realDbPath(),
+         jsonSelect("date_time deviceid accessmodel desc key version", "from ltu_access_list")},
+        {{"topology"}, realDbPath(),
+         jsonSelect("id type m_rln name l_link r_link power_flag iedName substation",
+                    "from TopoInfor")},
     };
     for (const auto& c : cases) {
         Words args = c.args;
         args.push_back("--json");
         const ToolRun run = tool(args);
-        const Json expected = jsonRows(c.db, c.sql);
+        Json expected = Json::array();
+        for (const auto& row : query(c.db, c.sql)) expected.push_back(parsed(row[0]));
         EXPECT_EQ(run.code, 0) << run.err;
         EXPECT_EQ(sorted(parsed(run.out)), sorted(expected)) << testing::PrintToString(args);
-        // The table: a header and one line per row, a header alone when empty.
+        // The table: a header and one line per row.
         EXPECT_EQ(lines(tool(c.args).out).size(), expected.size() + 1)
             << testing::PrintToString(c.args);
     }
     // Bytes that are not UTF-8 are replaced, not refused.
     execSql(realDbPath(), "update LTUInfor set desc=cast(x'ff41' as text)");
-    EXPECT_EQ(parsed(tool({"terminals", "--json"}).out)[0]["desc"],
-              "\xEF\xBF\xBD"
-              "A");
+    EXPECT_EQ(parsed(tool({"terminals", "--json"}).out)[0]["desc"], "\xEF\xBF\xBD" "A");
 }
 
-TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
+// Listings and settings of the sample, empty listings (exit 0) and lookups that
+// find nothing (exit 1).
+TEST_F(Tool, AnswersOfTheSampleAndOfLookupsThatFindNothing) {
     provision();
     const std::string q = "QVFTU1MEAS/MMXU1$MX$TotW$q";
-    const struct {
-        Words args;
-        int code;
-        std::string out, err;
-    } cases[] = {
-        {{"members", "--ds", "dsNone"},
-         0,
-         "IED  DATA SET  LD  LNCLASS  LNINST  DO  DA  FC  REFERENCE\n",
-         ""},
+    const struct { Words args; int code; std::string out, err; } cases[] = {
+        {{"members", "--ds", "dsNone"}, 0,
+         "IED  DATA SET  LD  LNCLASS  LNINST  DO  DA  FC  REFERENCE\n", ""},
         {{"attrs", "--fc", "", "--json"}, 0, "[]\n", ""},
         {{"terminals", "--json"}, 0, "[]\n", ""},
         {{"routes", "qvtool watch", "--json"}, 0, "[]\n", ""},  // known, but sends nothing
@@ -288,13 +175,20 @@ TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
         {{"setting", "get", "qvacq", "nokey", "--json"}, 1, "", "has no setting nokey"},
         {{"get", "QVFTU1MEAS/MMXU1$MX$NoSuch$mag$f"}, 1, "", "no such data attribute"},
         // An attribute of the model outside the classified data sets.
-        {{"get", q},
-         1,
-         "",
+        {{"get", q}, 1, "",
          "only members of the classified data sets (dsAin, dsDin, dsGgio, dsControl, dsEnergy) "
          "have live values"},
         {{"set", q, "1"}, 1, "", "only members of the classified data sets"},
         {{"get", "QVFTU1LD0/LPHD1$ST$PhyHealth"}, 1, "", "it names a whole data object"},
+        {{"routes", "qvacq"}, 0,
+         "TO             NO  MASK  KINDS\nqv104 -p 2404  2   0x12  soe,general\n"
+         "qvtool watch   4   0x2   soe\n", ""},
+        // The sample knows "qvtool watch", not this build's tool.
+        {{"watch"}, 1, "", "cannot subscribe as process \"" + toolName() + " watch\""},
+        {{"setting", "get", "qv104 -p 2404", "port"}, 0, "2404\n", ""},
+        {{"setting", "set", "qv104 -p 2404", "port", "2405"}, 0, "port=2405 (listening TCP port)\n", ""},
+        // The library writes existing settings only.
+        {{"setting", "set", "qvacq", "nokey", "1"}, 1, "", ""},
     };
     for (const auto& c : cases) {
         const ToolRun run = tool(c.args);
@@ -302,6 +196,14 @@ TEST_F(Tool, EmptyListingsSucceedAndLookupsThatFindNothingFail) {
         EXPECT_EQ(run.out, c.out) << testing::PrintToString(c.args);
         EXPECT_THAT(run.err, HasSubstr(c.err)) << testing::PrintToString(c.args);
     }
+    EXPECT_EQ(parsed(tool({"routes", "qvacq", "--json"}).out)[0],
+              Json({{"sendProcessNo", 1}, {"recvProcessNo", 2}, {"msgType", 18},
+                    {"recvProcessName", "qv104 -p 2404"}, {"mask", "0x12"}, {"kinds", "soe,general"}}));
+    EXPECT_EQ(parsed(tool({"setting", "set", "qv104 -p 2404", "t1", "20", "ack timeout", "--json"}).out),
+              Json({{"key", "t1"}, {"value", "20"}, {"describe", "ack timeout"}}));
+    EXPECT_EQ(query(confDbPath(), "select key,value,descripe from ProcessMisc where processNo=2"),
+              (Rows{{"port", "2405", "listening TCP port"}, {"t1", "20", "ack timeout"}}));
+    EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessMisc"), 5);
 }
 
 TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
@@ -312,22 +214,17 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     const std::vector<std::string> shown = lines(run.out);
     const auto phsA = std::find(shown.begin(), shown.end(), "      PhV.phsA");
     ASSERT_NE(phsA, shown.end()) << run.out;
-    EXPECT_EQ(shown[0], "QVFTU1");
-    EXPECT_EQ(shown[1], "  MEAS");
+    EXPECT_EQ(shown[0] + "/" + shown[1], "QVFTU1/  MEAS");
     EXPECT_EQ(phsA[1], "        q [MX]");  // no value row
     EXPECT_THAT(shown, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3"));
     // One line per attribute, plus the IED, LD, LN and DO lines.
-    const long long attributes =
-        queryInt(realDbPath(), "select count(*) from DA where ldName='MEAS'");
-    const long long objects = queryInt(
-        realDbPath(),
-        "select count(*) from (select distinct lnName, doName from DA where ldName='MEAS')");
-    const long long nodes =
-        queryInt(realDbPath(), "select count(distinct lnName) from DA where ldName='MEAS'");
-    EXPECT_EQ(static_cast<long long>(shown.size()), 2 + nodes + objects + attributes);
+    EXPECT_EQ(static_cast<long long>(shown.size()),
+              queryInt(realDbPath(), "select 2+count(*)+count(distinct lnName)+count(distinct "
+                                     "lnName||'.'||doName) from DA where ldName='MEAS'"));
     // In JSON: the attributes' records, each with its live value or null.
     const Json tree = parsed(tool({"tree", "--ld", "MEAS", "--json"}).out);
-    ASSERT_EQ(static_cast<long long>(tree.size()), attributes);
+    ASSERT_EQ(static_cast<long long>(tree.size()),
+              queryInt(realDbPath(), "select count(*) from DA where ldName='MEAS'"));
     long long live = 0;
     for (const Json& da : tree) {
         live += da["liveValue"].is_null() ? 0 : 1;
@@ -339,20 +236,22 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
                                            "where ldName='MEAS'"));
 }
 
-TEST_F(Tool, DumpJsonHoldsEveryMemberWithItsLiveValue) {
+TEST_F(Tool, SetGetAndDumpCarryValueAndQuality) {
     provision();
-    ASSERT_EQ(tool({"set", kTotW, "231.5", "1"}).code, 0);
+    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
+    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
+    // Without a quality the stored one stays.
+    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
+    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
+              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "0"}).code, 0);
     Json expected = Json::array();
-    for (const auto& member : query(realDbPath(),
-                                    "select fcdaName from DataSetSub where "
-                                    "iedName='QVFTU1' and dsName='dsAin'")) {
+    for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub where "
+                                                  "iedName='QVFTU1' and dsName='dsAin'")) {
         const std::string& ref = member[0];
         expected.push_back({{"fcdaName", ref},
-                            {"value", ref == kTotW   ? 231.5
-                                      : ref == kPhsA ? 13.25
-                                                     : 0.0},
-                            {"quality", ref == kTotW ? 1 : 0}});
+                            {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
+                            {"quality", ref == kTotW ? 16385 : 0}});
     }
     ASSERT_GT(expected.size(), 2u);
     EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
@@ -363,98 +262,41 @@ TEST_F(Tool, DumpJsonHoldsEveryMemberWithItsLiveValue) {
                                         {"quality", nullptr}})));
 }
 
-TEST_F(Tool, ProcessesRoutesAndSettingsOfTheSampleConfiguration) {
-    provision();
-    EXPECT_THAT(
-        lines(tool({"processes"}).out),
-        ElementsAre(StartsWith("NO"), StartsWith("1   qvacq"), StartsWith("2   qv104 -p 2404"),
-                    StartsWith("3   qvctrl"), StartsWith("4   qvtool watch")));
-    EXPECT_THAT(
-        lines(tool({"routes", "qvacq"}).out),
-        ElementsAre("TO             NO  MASK  KINDS", "qv104 -p 2404  2   0x12  soe,general",
-                    "qvtool watch   4   0x2   soe"));
-    EXPECT_EQ(parsed(tool({"routes", "qvacq", "--json"}).out)[0],
-              Json({{"sendProcessNo", 1},
-                    {"recvProcessNo", 2},
-                    {"msgType", 18},
-                    {"recvProcessName", "qv104 -p 2404"},
-                    {"mask", "0x12"},
-                    {"kinds", "soe,general"}}));
-    // The sample knows "qvtool watch", not this build's tool.
-    EXPECT_THAT(tool({"watch"}).err,
-                HasSubstr("cannot subscribe as process \"" + toolName() + " watch\""));
-
-    EXPECT_EQ(tool({"setting", "get", "qv104 -p 2404", "port"}).out, "2404\n");
-    EXPECT_EQ(tool({"setting", "set", "qv104 -p 2404", "port", "2405"}).out,
-              "port=2405 (listening TCP port)\n");
-    EXPECT_EQ(
-        parsed(tool({"setting", "set", "qv104 -p 2404", "t1", "20", "ack timeout", "--json"}).out),
-        Json({{"key", "t1"}, {"value", "20"}, {"describe", "ack timeout"}}));
-    EXPECT_EQ(query(confDbPath(), "select key,value,descripe from ProcessMisc where processNo=2"),
-              (qvtest::Rows{{"port", "2405", "listening TCP port"}, {"t1", "20", "ack timeout"}}));
-    // The library writes existing settings only.
-    EXPECT_EQ(tool({"setting", "set", "qvacq", "nokey", "1"}).code, 1);
-    EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessMisc"), 5);
-}
-
 TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
     provision();
-    const auto routes = [] {
-        return query(confDbPath(),
-                     "select sendProcessNo, recvProcessNo, msgType from "
-                     "ProcessMsgAssociation where sendProcessNo=5 or recvProcessNo=5");
-    };
-    const struct {
-        Words args;
-        int code;
-        std::string out;
-        qvtest::Rows routesAfter;
-    } steps[] = {
-        {{"process", "add", "qvtool", "5", "engineer's tool"},
-         0,
-         "process \"qvtool\" added as number 5\n",
-         {}},
+    const std::string to = "route \"qvtool\" -> \"qvtool watch\": ";
+    const std::string noRoute = "no route \"qvtool\" -> \"qvtool watch\"\n";
+    const struct { Words args; int code; std::string out; Rows routesAfter; } steps[] = {
+        {{"process", "add", "qvtool", "5", "engineer's tool"}, 0,
+         "process \"qvtool\" added as number 5\n", {}},
         {{"process", "add", "qvtool", "5"}, 0, "process \"qvtool\" is number 5 already\n", {}},
         {{"process", "add", "qvtool", "6"}, 1, "", {}},   // its number is 5
         {{"process", "add", "qvother", "5"}, 1, "", {}},  // 5 is taken
-        {{"route", "add", "qvtool", "qvtool watch", "soe", "sboctrl"},
-         0,
-         "route \"qvtool\" -> \"qvtool watch\": soe,sboctrl (0x22)\n",
-         {{"5", "4", "34"}}},
-        {{"route", "add", "qvtool", "qvtool watch", "soe", "general"},
-         0,
-         "route \"qvtool\" -> \"qvtool watch\": soe,general,sboctrl (0x32)\n",
-         {{"5", "4", "50"}}},
+        {{"route", "add", "qvtool", "qvtool watch", "soe", "sboctrl"}, 0,
+         to + "soe,sboctrl (0x22)\n", {{"5", "4", "34"}}},
+        {{"route", "add", "qvtool", "qvtool watch", "soe", "general"}, 0,
+         to + "soe,general,sboctrl (0x32)\n", {{"5", "4", "50"}}},
         {{"route", "add", "qvtool", "qvtool watch", "nokind"}, 2, "", {{"5", "4", "50"}}},
         {{"route", "add", "qvtool", "nobody", "soe"}, 1, "", {{"5", "4", "50"}}},
-        {{"route", "remove", "qvtool", "qvtool watch", "soe"},
-         0,
-         "route \"qvtool\" -> \"qvtool watch\": general,sboctrl (0x30)\n",
-         {{"5", "4", "48"}}},
-        {{"route", "add", "qvacq", "qvtool", "all"},
-         0,
+        {{"route", "remove", "qvtool", "qvtool watch", "soe"}, 0,
+         to + "general,sboctrl (0x30)\n", {{"5", "4", "48"}}},
+        {{"route", "add", "qvacq", "qvtool", "all"}, 0,
          "route \"qvacq\" -> \"qvtool\": file,soe,protect,sbodosave,general,sboctrl,sboctrlret,"
          "digitalout,digitaloutret,fault,topo,register,updatefile (0x1FFF)\n",
          {{"5", "4", "48"}, {"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"},
-         0,
-         "no route \"qvtool\" -> \"qvtool watch\"\n",
-         {{"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"},
-         0,
-         "no route \"qvtool\" -> \"qvtool watch\"\n",
-         {{"1", "5", "8191"}}},
-        {{"process", "remove", "qvtool"},
-         0,
-         "process \"qvtool\" (number 5) and its routes removed\n",
-         {}},
+        {{"route", "remove", "qvtool", "qvtool watch"}, 0, noRoute, {{"1", "5", "8191"}}},
+        {{"route", "remove", "qvtool", "qvtool watch"}, 0, noRoute, {{"1", "5", "8191"}}},
+        {{"process", "remove", "qvtool"}, 0,
+         "process \"qvtool\" (number 5) and its routes removed\n", {}},
         {{"process", "remove", "qvtool"}, 0, "no process \"qvtool\"; nothing to remove\n", {}},
     };
     for (const auto& step : steps) {
         const ToolRun run = tool(step.args);
         EXPECT_EQ(run.code, step.code) << testing::PrintToString(step.args) << run.err;
         EXPECT_EQ(run.out, step.out) << testing::PrintToString(step.args);
-        EXPECT_EQ(routes(), step.routesAfter) << testing::PrintToString(step.args);
+        EXPECT_EQ(query(confDbPath(), "select sendProcessNo, recvProcessNo, msgType from "
+                                      "ProcessMsgAssociation where sendProcessNo=5 or recvProcessNo=5"),
+                  step.routesAfter) << testing::PrintToString(step.args);
     }
     EXPECT_EQ(processes(), 4);
     EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessMsgAssociation"), 5);
@@ -468,30 +310,15 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
     EXPECT_NE(access(realDbPath().c_str(), F_OK), 0);
     EXPECT_EQ(tool({"processes"}).code, 1);
 
-    for (const Words& usage : std::vector<Words>{{},
-                                                 {"nosuch"},
-                                                 {"help", "nosuch"},
-                                                 {"get"},
-                                                 {"get", "a", "b"},
-                                                 {"get", "a", "--timeout", "0"},
-                                                 {"get", "a", "--timeout", "x"},
-                                                 {"set", kTotW, "12x"},
-                                                 {"set", kTotW, "1", "q"},
-                                                 {"members", "--bogus", "x"},
-                                                 {"members", "--ds"},
-                                                 {"members", "--ln", "XCBR1", "--lninst", "1"},
-                                                 {"dump", "QVFTU1"},
-                                                 {"setting", "list", "a", "b"},
-                                                 {"process", "add", "a", "b"},
-                                                 {"route", "add", "a", "b"},
-                                                 {"send", "nokind"},
-                                                 {"send", "soe", "value"},
-                                                 {"send", "soe", "nofield=1"},
-                                                 {"send", "soe", "value=x"},
-                                                 {"send", "topo", "strDa=" + std::string(256, 'x')},
-                                                 {"watch", "extra"},
-                                                 {"watch", "--kind", "nokind"},
-                                                 {"watch", "--count", "0"}}) {
+    for (const Words& usage : std::vector<Words>{
+             {}, {"nosuch"}, {"help", "nosuch"}, {"get"}, {"get", "a", "b"},
+             {"get", "a", "--timeout", "0"}, {"get", "a", "--timeout", "x"}, {"set", kTotW, "12x"},
+             {"set", kTotW, "1", "q"}, {"members", "--bogus", "x"}, {"members", "--ds"},
+             {"members", "--ln", "XCBR1", "--lninst", "1"}, {"dump", "QVFTU1"},
+             {"setting", "list", "a", "b"}, {"process", "add", "a", "b"}, {"route", "add", "a", "b"},
+             {"send", "nokind"}, {"send", "soe", "value"}, {"send", "soe", "nofield=1"},
+             {"send", "soe", "value=x"}, {"send", "topo", "strDa=" + std::string(256, 'x')},
+             {"watch", "extra"}, {"watch", "--kind", "nokind"}, {"watch", "--count", "0"}}) {
         run = tool(usage);
         EXPECT_EQ(run.code, 2) << testing::PrintToString(usage);
         EXPECT_EQ(run.out, "");
@@ -507,24 +334,20 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
 
 TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
     provision();
-    const auto toFullDisk = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
+    const std::function<void()> toFullDisk = [] {
+        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+    };
     // A reader that has gone away, with SIGPIPE ignored as a shell script may.
-    const auto toClosedPipe = [] {
+    const std::function<void()> toClosedPipe = [] {
         int ends[2];
         if (pipe(ends) != 0) _exit(126);
         close(ends[0]);
         signal(SIGPIPE, SIG_IGN);
         dup2(ends[1], STDOUT_FILENO);
     };
-    for (const Words& args : std::vector<Words>{{"datasets"},
-                                                {"attrs", "--json"},
-                                                {"get", kTotW},
-                                                {"--help"},
-                                                {"help", "tree"},
-                                                {"--version"},
-                                                {"tree"}}) {
-        for (const auto& redirect :
-             {std::function<void()>(toFullDisk), std::function<void()>(toClosedPipe)}) {
+    for (const Words& args : std::vector<Words>{{"datasets"}, {"attrs", "--json"}, {"get", kTotW},
+                                                {"--help"}, {"help", "tree"}, {"--version"}, {"tree"}}) {
+        for (const auto& redirect : {toFullDisk, toClosedPipe}) {
             const ToolRun run = tool(args, redirect);
             EXPECT_EQ(run.code, 1) << testing::PrintToString(args);
             EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: "))
@@ -533,8 +356,8 @@ TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
     }
 }
 
-// Another connection holds the real-time store's file exclusively, as a long
-// write does; the library waits for it without end.
+// A forked child holds the store lock, as a long write does; the library
+// waits for it without end.
 TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     provision();
     int held[2], release[2];
@@ -554,24 +377,23 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     char byte = 0;
     ASSERT_EQ(read(held[0], &byte, 1), 1);
 
+    const std::string waiting = "qvtool: waiting for the real-time store ...\n";
     ToolRun run = tool({"get", kTotW, "--timeout", "1.5"});
     EXPECT_EQ(run.code, 1);
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err,
-              "qvtool: waiting for the real-time store ...\n"
-              "qvtool: gave up waiting for the real-time store after 1.5 s\n");
+    EXPECT_EQ(run.err, waiting + "qvtool: gave up waiting for the real-time store after 1.5 s\n");
     run = tool({"get", kTotW, "--timeout", "0.2"});
     EXPECT_EQ(run.err, "qvtool: gave up waiting for the real-time store after 0.2 s\n");
 
     // Without a timeout the tool waits, says so, and goes on once the store is free.
     const std::string out = storeFile("busy.out"), err = storeFile("busy.err");
     unlink(err.c_str());  // a file of an earlier run is no answer
-    const pid_t waiting = startTool({"get", kTotW}, out, err);
-    for (int waited = 0; waited < 100 && readFile(err).find('\n') == std::string::npos; ++waited)
+    const pid_t waiter = startTool({"get", kTotW}, out, err);
+    for (int waited = 0; waited < 100 && fileText(err).find('\n') == std::string::npos; ++waited)
         usleep(50000);
-    EXPECT_EQ(readFile(err), "qvtool: waiting for the real-time store ...\n");
+    EXPECT_EQ(fileText(err), waiting);
     ASSERT_EQ(write(release[1], "r", 1), 1);
-    run = finish(waiting, out, err);
+    run = finishTool(waiter, out, err);
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.out, "value=0 quality=0\n");
     waitpid(holder, nullptr, 0);
@@ -587,26 +409,25 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     removeQueue(11);
     // The options make the tool run itself again under the name "TOOL watch".
     const std::string watched = storeFile("watch.out");
-    const pid_t watcher = startTool({"watch", "--kind", "soe,general,register", "--count", "3"},
-                                    watched, "/dev/null");
-    ToolRun run =
-        tool({"send", "soe", "strDa=QVFTU1LD0/GGIO1$ST$Ind1$stVal", "value=1", "msec=-5"});
+    const pid_t watcher =
+        startTool({"watch", "--kind", "soe,general,register", "--count", "3"}, watched, "/dev/null");
+    ToolRun run = tool({"send", "soe", "strDa=QVFTU1LD0/GGIO1$ST$Ind1$stVal", "value=1", "msec=-5"});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "sent soe as process \"" + name + "\" along 1 route\n");
-    EXPECT_EQ(tool({"send", "topo", "value=3"}).code, 0);  // not a watched kind
-    EXPECT_EQ(tool({"send", "general", "buf=say \"hi\"\t", "type=7"}).code, 0);
     const std::string version(63, 'v');
-    EXPECT_EQ(
-        tool({"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10", "version=" + version})
-            .code,
-        0);
+    for (const Words& sent : std::vector<Words>{
+             {"send", "topo", "value=3"},  // not a watched kind
+             {"send", "general", "buf=say \"hi\"\t", "type=7"},
+             {"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10",
+              "version=" + version}})
+        EXPECT_EQ(tool(sent).code, 0) << sent[1];
     // Kind 13 is off the route: nothing goes, and the tool says so.
     run = tool({"send", "updatefile", "iedName=QVFTU1"});
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.err, HasSubstr("no route from process \"" + name + "\""));
 
     // The watch ends by itself after three messages.
-    const ToolRun watch = finish(watcher, watched, "/dev/null");
+    const ToolRun watch = finishTool(watcher, watched, "/dev/null");
     EXPECT_EQ(watch.code, 0);
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     EXPECT_THAT(
@@ -615,10 +436,8 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
             MatchesRegex(stamp + "soe type=0 strDa=\"QVFTU1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" "
                                  "value=1 minutes=0 msec=-5"),
             MatchesRegex(stamp + "general type=7 buf=\"say \\\\\"hi\\\\\"\\\\t\" dataLen=9"),
-            MatchesRegex(stamp +
-                         "register devcieid=\"ltu-7\" key=\"k1\" result=16 desc=\"\" "
-                         "version=\"" +
-                         version + "\"")));
+            MatchesRegex(stamp + "register devcieid=\"ltu-7\" key=\"k1\" result=16 desc=\"\" "
+                                 "version=\"" + version + "\"")));
 
     // Unconfigured, the tool's process sends nothing.
     ASSERT_EQ(tool({"process", "remove", name}).code, 0);
