@@ -8,6 +8,7 @@
 
 #include <cstring>
 
+#include "internal/qvloader.h"
 #include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -461,6 +462,44 @@ TEST_F(Loader, EveryIedKeepsItsOwnRowsAndOneCanBeLoadedAlone) {
     ASSERT_EQ(zq_addIEDRealDBByName(path.c_str(), "A"), 0);
     EXPECT_EQ(dumpModel("B"), rowsOfIed("B", "false"));
     EXPECT_EQ(dumpModel("A"), rowsOfIed("A", "true"));
+}
+
+// Files written by engineering tools, beside the project when it is checked
+// out with them: each loads whole, with one row per attribute and reference.
+TEST_F(Loader, RealToolFilesLoadEveryIedUnderItsOwnName) {
+    struct RealFile {
+        const char* name;
+        std::vector<std::string> ieds;
+        long dataSets, members, attributes;
+    };
+    const RealFile files[] = {
+        {"beanit_iec61850bean_testModel2.icd", {"IEDBiogas"}, 2, 33, 3386},  // byte order mark
+        {"mz-automation_libiec61850_cid_example_deadband.cid", {"IED1"}, 1, 4, 64},
+        {"mz-automation_libiec61850_complexModel.cid", {"ied1"}, 1, 5, 177},
+        {"riseclipse_riseclipse-validator-scl2003-test_ICD_test.icd", {"TEMPLATE"}, 1, 16, 395},
+        {"openscd_open-scd_cleanup.scd", {"IED1", "IED2", "IED3"}, 8, 53, 1619},
+        {"robidev_iec61850_open_server_open_substation.scd",
+         {"IED1_XCBR", "IED2_PTOC", "IED3_SMV", "IED4_SMV"}, 4, 19, 615},
+    };
+    const std::string dir = QV_SOURCE_DIR "/../shared/scl-real/";
+    struct stat info;
+    if (stat(dir.c_str(), &info) != 0) GTEST_SKIP() << "no real SCL files beside the project";
+    for (const RealFile& file : files) {
+        SCOPED_TRACE(file.name);
+        freshRealStore();
+        qvaddied::LoadSummary summary;
+        ASSERT_EQ(qvaddied::loadFile((dir + file.name).c_str(), nullptr, true, &summary), 0);
+        EXPECT_EQ(summary.ieds, file.ieds);
+        EXPECT_EQ(summary.dataSets, file.dataSets);
+        EXPECT_EQ(summary.members, file.members);
+        EXPECT_EQ(summary.attributes, file.attributes);
+        const std::string db = realDbPath();
+        EXPECT_EQ(queryInt(db, "select count(distinct daName) from DA"), file.attributes);
+        EXPECT_EQ(queryInt(db, "select count(*) from DA"), file.attributes);
+        EXPECT_EQ(queryInt(db, "select count(distinct iedName) from DA"),
+                  static_cast<long long>(file.ieds.size()));
+        EXPECT_EQ(queryInt(db, "select count(*) from DataSetSub"), file.members);
+    }
 }
 
 TEST_F(Loader, ModelOverEveryOldCapacityLoadsWhole) {
