@@ -1,10 +1,12 @@
-// Eight processes on the real-time store at once, each opening its
-// connection as it starts: list writers, a data-set writer, list and
+// Processes on the real-time store at once, each opening its connection as
+// it starts. Eight of them: list writers, a data-set writer, list and
 // data-set readers, optionally a model load beside them. Every writer writes
 // a rising sequence, so a reader can tell a lost, torn or backward value; the
 // parent kills every child past a deadline, so a deadlock fails the test
-// instead of hanging it.
+// instead of hanging it. Then the store lock itself: exclusion, waiting, and
+// release when its holder dies.
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
@@ -166,6 +168,23 @@ bool loader(std::string model) {
     return true;
 }
 
+// Adds one to a value under the store lock, by read-modify-write on a
+// connection of the caller's own: without the lock, updates get lost.
+void incrementUnderStoreLock(int semid, sqlite3* db, long long rowKey) {
+    locksem(semid);
+    sqlite3_stmt* read = nullptr;
+    sqlite3_prepare_v2(db, "select value from DAValue where hashID=?", -1, &read, nullptr);
+    sqlite3_bind_int64(read, 1, rowKey);
+    sqlite3_step(read);
+    const double value = sqlite3_column_double(read, 0);
+    sqlite3_finalize(read);
+    usleep(50);  // widen the window a missing lock would leave open
+    const std::string update = "update DAValue set value=" + std::to_string(value + 1) +
+                               " where hashID=" + std::to_string(rowKey);
+    sqlite3_exec(db, update.c_str(), nullptr, nullptr, nullptr);
+    unlocksem(semid);
+}
+
 long long members(const char* ied) {
     return queryInt(realDbPath(), std::string("select count(*) from DataSetSub where iedName='") +
                                       ied + "'");
@@ -235,6 +254,13 @@ protected:
         pids_[i] = -1;
         return true;
     }
+    // Waits for every child, raising the stop flag once the first `workers` ended.
+    void finishAll(size_t workers = 0) {
+        for (size_t i = 0; i < pids_.size(); ++i) {
+            if (i == workers) shared->stop.store(1);
+            ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
+        }
+    }
     void killChild(size_t i) {
         if (pids_[i] <= 0) return;
         kill(pids_[i], SIGKILL);
@@ -250,10 +276,7 @@ protected:
         const size_t workers = pids_.size();
         for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(loadedMembers); });
         for (int r = 0; r < kSetReaders; ++r) start(setReader);
-        for (size_t i = 0; i < pids_.size(); ++i) {
-            if (i == workers) shared->stop.store(1);
-            ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
-        }
+        finishAll(workers);
         // Nothing was lost: every owned row holds the last value and quality.
         const std::string last = std::to_string(kSequence);
         EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=" + last +
@@ -298,4 +321,23 @@ TEST_F(Stress, ASaveWaitsForTheHolderAndGoesOnWhenItIsKilled) {
     ASSERT_TRUE(finished(saver)) << "the saver stayed blocked after the holder died";
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=7"), 1);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
+}
+
+TEST_F(Stress, IncrementsUnderTheStoreLockFromFourProcessesLoseNone) {
+    const long long key = qvtest::rowKey(ref(0, 'n'));
+    const int kIncrements = 150;
+    for (int c = 0; c < 4; ++c) {
+        start([key] {
+            sqlite3* db = nullptr;
+            sqlite3_open(realDbPath().c_str(), &db);
+            sqlite3_busy_timeout(db, 10000);
+            for (int n = 0; n < kIncrements; ++n)
+                incrementUnderStoreLock(semget(QV_SEM_KEY, 1, 0666), db, key);
+            return sqlite3_close(db) == SQLITE_OK;
+        });
+    }
+    finishAll();
+    EXPECT_EQ(queryInt(realDbPath(), "select value from DAValue where hashID=" +
+                                         std::to_string(key)),
+              4 * kIncrements);
 }
