@@ -58,65 +58,54 @@ TEST(RSHash, MatchesTheKnownKeys) {
 
 class RealStore : public qvtest::RealStoreTest {};
 
-TEST_F(RealStore, KeysAboveTwoToThe31AreBoundAsNonNegative) {
-    const char* ref = "\xE9";  // RSHash 4294967273: negative if bound as int32
-    addValueRow(ref);
-    ASSERT_EQ(zq_saveDoubDAValue1(ref, 12.5, 7), 0);
-    EXPECT_EQ(query(realDbPath(), "select value,quality from DAValue where hashID=4294967273"),
-              (qvtest::Rows{{"12.5", "7"}}));
-    double value = 0;
-    int quality = 0;
-    ASSERT_EQ(zq_getDoubDAValue1(ref, &value, &quality), 0);
-    EXPECT_EQ(value, 12.5);
-    EXPECT_EQ(quality, 7);
-}
-
 // Each save read back through all four reads: ints and doubles convert (cut
-// toward zero), and the saves without a quality keep the stored one.
+// toward zero), and the saves without a quality keep the stored one. The row
+// key, 4294967273, would be negative if bound as an int32.
 TEST_F(RealStore, SavesAndReadsConvertAndPlainSavesKeepTheQuality) {
-    addValueRow(kRef);
+    constexpr const char* ref = "\xE9";
+    addValueRow(ref);
     const struct {
         int (*save)();
         double value;
         int asInt, quality;
     } steps[] = {
-        {[] { return zq_saveDoubDAValue1(kRef, 1.25, 0x40); }, 1.25, 1, 0x40},
-        {[] { return zq_saveIntDAValueValue(kRef, 5); }, 5, 5, 0x40},
-        {[] { return zq_saveDoubDAValue(kRef, 2.7); }, 2.7, 2, 0x40},
-        {[] { return zq_saveDoubDAValue(kRef, -2.7); }, -2.7, -2, 0x40},
-        {[] { return zq_saveIntDAValueValue1(kRef, INT_MIN, 3); }, INT_MIN, INT_MIN, 3},
+        {[] { return zq_saveDoubDAValue1(ref, 1.25, 0x40); }, 1.25, 1, 0x40},
+        {[] { return zq_saveIntDAValueValue(ref, 5); }, 5, 5, 0x40},
+        {[] { return zq_saveDoubDAValue(ref, 2.7); }, 2.7, 2, 0x40},
+        {[] { return zq_saveDoubDAValue(ref, -2.7); }, -2.7, -2, 0x40},
+        {[] { return zq_saveIntDAValueValue1(ref, INT_MIN, 3); }, INT_MIN, INT_MIN, 3},
     };
     for (const auto& step : steps) {
         ASSERT_EQ(step.save(), 0) << step.value;
         double d = 0, d1 = 0;
         int i = 0, i1 = 0, dq = 0, iq = 0;
-        ASSERT_EQ(zq_getDoubDAValue(kRef, &d) | zq_getDoubDAValue1(kRef, &d1, &dq), 0);
-        ASSERT_EQ(zq_getIntDAValue(kRef, &i) | zq_getIntDAValue1(kRef, &i1, &iq), 0);
+        ASSERT_EQ(zq_getDoubDAValue(ref, &d) | zq_getDoubDAValue1(ref, &d1, &dq), 0);
+        ASSERT_EQ(zq_getIntDAValue(ref, &i) | zq_getIntDAValue1(ref, &i1, &iq), 0);
         EXPECT_TRUE(d == step.value && d1 == step.value && dq == step.quality) << step.value;
         EXPECT_TRUE(i == step.asInt && i1 == step.asInt && iq == step.quality) << step.value;
     }
+    EXPECT_EQ(query(realDbPath(), "select value,quality from DAValue where hashID=4294967273"),
+              (qvtest::Rows{{"-2147483648.0", "3"}}));
 }
 
-TEST_F(RealStore, UnknownReferenceSavesNothingAndReadsNothing) {
+// An unknown reference saves nothing (quietly, result 0) and reads nothing;
+// a missing table fails with SQLite's reason and frees the lock.
+TEST_F(RealStore, UnknownReferencesAndAMissingTable) {
     addValueRow(kRef, 9.0);
-    CaptureStderr();
-    EXPECT_EQ(zq_saveDoubDAValue("IED1LD0/NOPE$MX$x", 1.0), 0);
     double value = 42.0;
     int quality = 42;
+    CaptureStderr();
+    EXPECT_EQ(zq_saveDoubDAValue("IED1LD0/NOPE$MX$x", 1.0), 0);
     // Letter case and a trailing blank name other rows.
     EXPECT_EQ(zq_getDoubDAValue("ied1LD0/MMXU1$MX$TotW$mag$f", &value), -1);
     EXPECT_EQ(zq_getDoubDAValue1((std::string(kRef) + " ").c_str(), &value, &quality), -1);
     EXPECT_EQ(GetCapturedStderr(), "");
     EXPECT_TRUE(value == 42.0 && quality == 42);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=9.0"), 1);
-}
 
-TEST_F(RealStore, StepFailureReportsAndReleasesTheLock) {
-    addValueRow(kRef);
     execSql(realDbPath(), "drop table DAValue");
     CaptureStderr();
     EXPECT_EQ(zq_saveDoubDAValue(kRef, 1.0), -1);
-    double value = 0;
     EXPECT_EQ(zq_getDoubDAValue(kRef, &value), -1);
     EXPECT_THAT(GetCapturedStderr(), HasSubstr("sqlite3_step err no such table: DAValue"));
     EXPECT_EQ(storeLockValue(), 1);
