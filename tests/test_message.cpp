@@ -17,6 +17,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <utility>
@@ -60,8 +61,7 @@ MSGINFO patterned(int kind, int seed) {
 
 // True when a receiver got the sent record: the kind, the payload, zeros after it.
 bool arrivedAsSent(const MSGINFO& received, const MSGINFO& sent) {
-    MSGINFO expected;
-    std::memset(&expected, 0, sizeof expected);
+    MSGINFO expected = qvtest::filledRecord<MSGINFO>(0);
     expected.msgType = sent.msgType;
     std::memcpy(&expected.msgInfo, &sent.msgInfo, kPayloadSize[sent.msgType]);
     return std::memcmp(&received, &expected, sizeof expected) == 0;
@@ -232,10 +232,13 @@ bool readBurst(Peer& subscriber, const MSGINFO& burst, std::vector<int>* numbers
     return received.msgType == kFenceKind;
 }
 
-std::vector<int> oneTo(int n) {
-    std::vector<int> numbers;
-    for (int i = 1; i <= n; ++i) numbers.push_back(i);
-    return numbers;
+// The subscriber hands on the burst's records 1 to count, whole and in
+// order, then the fence.
+void expectWholeBurst(Peer& subscriber, const MSGINFO& burst, int count) {
+    std::vector<int> numbers, oneToCount(count);
+    std::iota(oneToCount.begin(), oneToCount.end(), 1);
+    EXPECT_TRUE(readBurst(subscriber, burst, &numbers));
+    EXPECT_EQ(numbers, oneToCount);
 }
 
 class MessageBus : public ::testing::Test {
@@ -391,11 +394,8 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
     const MSGINFO burst = burstOf(kBurst);
     ASSERT_EQ(sender.command('B', burst), 0);  // no send lost its record
     for (int no : {2, 3}) ASSERT_TRUE(sendFence(no));
-    for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber}) {
-        std::vector<int> numbers;
-        EXPECT_TRUE(readBurst(*subscriber, burst, &numbers));
-        EXPECT_EQ(numbers, oneTo(kBurst));
-    }
+    for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber})
+        expectWholeBurst(*subscriber, burst, kBurst);
     EXPECT_EQ(sender.stop(), "");
 }
 
@@ -439,9 +439,7 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
 
     subscriber.resume();
     ASSERT_TRUE(sendFence(6));
-    std::vector<int> numbers;
-    EXPECT_TRUE(readBurst(subscriber, burst, &numbers));
-    EXPECT_EQ(numbers, oneTo(kBurst));
+    expectWholeBurst(subscriber, burst, kBurst);
     // Once the queue has room again, sends go through.
     const MSGINFO later = patterned(GENERALMSG_TYPE, 1);
     EXPECT_EQ(sender.command('K', later), 0);
