@@ -42,7 +42,7 @@ const char* const kSet = "dsStress";
 
 // Flags mapped shared before the children fork.
 struct Shared {
-    std::atomic<int> held, stop;
+    std::atomic<int> stop;
 };
 Shared* shared = nullptr;
 
@@ -322,11 +322,10 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     };
     const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
-        shared->held.store(1);
         pause();
         return true;
     });
-    ASSERT_TRUE(until([] { return shared->held.load() == 1; }));
+    ASSERT_TRUE(until([] { return qvtest::storeLockValue() == 0; }));
     start([&counter] { return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0; });
     for (int c = 0; c < 4; ++c) start([key] { return incrementUnderStoreLock(key, kIncrements); });
     usleep(300000);
