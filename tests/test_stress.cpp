@@ -318,7 +318,8 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     const long long key = qvtest::rowKey(ref(1, 'n'));
     const int kIncrements = 150;
     auto valueOf = [](long long rowKey) {
-        return queryInt(realDbPath(), "select value from DAValue where hashID=" + std::to_string(rowKey));
+        return queryInt(realDbPath(),
+                        "select value from DAValue where hashID=" + std::to_string(rowKey));
     };
     const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
