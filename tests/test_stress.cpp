@@ -1,10 +1,12 @@
-// Eight processes on the real-time store at once, each opening its
-// connection as it starts: list writers, a data-set writer, list and
+// Processes on the real-time store at once, each opening its connection as
+// it starts. Eight of them: list writers, a data-set writer, list and
 // data-set readers, optionally a model load beside them. Every writer writes
 // a rising sequence, so a reader can tell a lost, torn or backward value; the
 // parent kills every child past a deadline, so a deadlock fails the test
-// instead of hanging it.
+// instead of hanging it. Then the store lock itself: exclusion, waiting, and
+// release when its holder dies.
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
@@ -40,7 +42,7 @@ const char* const kSet = "dsStress";
 
 // Flags mapped shared before the children fork.
 struct Shared {
-    std::atomic<int> held, stop;
+    std::atomic<int> stop;
 };
 Shared* shared = nullptr;
 
@@ -166,6 +168,32 @@ bool loader(std::string model) {
     return true;
 }
 
+// Adds one to a row's value `times` times under the store lock, by
+// read-modify-write on a connection of its own: without exclusion, updates
+// get lost.
+bool incrementUnderStoreLock(long long rowKey, int times) {
+    sqlite3* db = nullptr;
+    sqlite3_open(realDbPath().c_str(), &db);
+    sqlite3_busy_timeout(db, 10000);
+    const std::string key = std::to_string(rowKey);
+    auto readValue = [](void* out, int, char** columns, char**) {
+        *static_cast<double*>(out) = std::atof(columns[0]);
+        return 0;
+    };
+    for (int n = 0; n < times; ++n) {
+        locksem(semget(QV_SEM_KEY, 1, 0666));
+        double value = 0;
+        const std::string read = "select value from DAValue where hashID=" + key;
+        sqlite3_exec(db, read.c_str(), readValue, &value, nullptr);
+        usleep(50);  // widen the window a missing lock would leave open
+        const std::string update =
+            "update DAValue set value=" + std::to_string(value + 1) + " where hashID=" + key;
+        sqlite3_exec(db, update.c_str(), nullptr, nullptr, nullptr);
+        unlocksem(semget(QV_SEM_KEY, 1, 0666));
+    }
+    return sqlite3_close(db) == SQLITE_OK;
+}
+
 long long members(const char* ied) {
     return queryInt(realDbPath(), std::string("select count(*) from DataSetSub where iedName='") +
                                       ied + "'");
@@ -229,11 +257,19 @@ protected:
     }
     // Waits for child i to end well; false when it had not ended by the deadline.
     bool finished(size_t i) {
+        if (pids_[i] <= 0) return true;  // killed already
         int status = 0;
         if (!until([&] { return waitpid(pids_[i], &status, WNOHANG) != 0; })) return false;
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child " << pids_[i];
         pids_[i] = -1;
         return true;
+    }
+    // Waits for every child, raising the stop flag once the first `workers` ended.
+    void finishAll(size_t workers = 0) {
+        for (size_t i = 0; i < pids_.size(); ++i) {
+            if (i == workers) shared->stop.store(1);
+            ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
+        }
     }
     void killChild(size_t i) {
         if (pids_[i] <= 0) return;
@@ -250,10 +286,7 @@ protected:
         const size_t workers = pids_.size();
         for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(loadedMembers); });
         for (int r = 0; r < kSetReaders; ++r) start(setReader);
-        for (size_t i = 0; i < pids_.size(); ++i) {
-            if (i == workers) shared->stop.store(1);
-            ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
-        }
+        finishAll(workers);
         // Nothing was lost: every owned row holds the last value and quality.
         const std::string last = std::to_string(kSequence);
         EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=" + last +
@@ -276,26 +309,34 @@ TEST_F(Stress, EightProcessesLoseNoUpdateAndReadNothingTorn) { run(false); }
 
 TEST_F(Stress, LoadsOfAnotherIedUnderTrafficLandWholeOrNotAtAll) { run(true); }
 
-// A save waits while another process holds the store lock, and goes on as
-// soon as the holder is killed: the lock dies with its holder.
-TEST_F(Stress, ASaveWaitsForTheHolderAndGoesOnWhenItIsKilled) {
+// A save and four processes that increment a value under the store lock on
+// connections of their own wait while another process holds the lock, and go
+// on as soon as the holder is killed: the lock dies with its holder. Without
+// exclusion among the incrementers, increments get lost.
+TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     const std::string counter = ref(0, 'n');
+    const long long key = qvtest::rowKey(ref(1, 'n'));
+    const int kIncrements = 150;
+    auto valueOf = [](long long rowKey) {
+        return queryInt(realDbPath(),
+                        "select value from DAValue where hashID=" + std::to_string(rowKey));
+    };
     const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
-        shared->held.store(1);
         pause();
         return true;
     });
-    ASSERT_TRUE(until([] { return shared->held.load() == 1; }));
-    const size_t saver = start([&counter] {
-        return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0;
-    });
+    ASSERT_TRUE(until([] { return qvtest::storeLockValue() == 0; }));
+    start([&counter] { return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0; });
+    for (int c = 0; c < 4; ++c) start([key] { return incrementUnderStoreLock(key, kIncrements); });
     usleep(300000);
-    EXPECT_EQ(waitpid(pids_[saver], nullptr, WNOHANG), 0) << "the save did not wait";
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=7"), 0);
+    for (size_t i = holder + 1; i < pids_.size(); ++i)
+        EXPECT_EQ(waitpid(pids_[i], nullptr, WNOHANG), 0) << "child " << i << " did not wait";
+    EXPECT_EQ(valueOf(qvtest::rowKey(counter)) + valueOf(key), 0);
 
     killChild(holder);
-    ASSERT_TRUE(finished(saver)) << "the saver stayed blocked after the holder died";
-    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=7"), 1);
+    finishAll();
+    EXPECT_EQ(valueOf(qvtest::rowKey(counter)), 7);
+    EXPECT_EQ(valueOf(key), 4 * kIncrements);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
 }

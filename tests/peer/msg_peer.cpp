@@ -12,7 +12,7 @@
 //          generalMsg.dataLen general messages numbered 1, 2, ... in
 //          generalMsg.type, 'B' as fast as it can, 'T' one a millisecond,
 //          and answer how many sends returned -1.
-// With QV_MSG_PEER_UNPRIVILEGED set, the peer first gives up
+// With QV_MSG_PEER_UNPRIVILEGED set to 1, the peer first gives up
 // CAP_SYS_RESOURCE, so that it meets the system's queue limit.
 #include <linux/capability.h>
 #include <sys/syscall.h>
@@ -33,7 +33,6 @@ void writeOut(const void* data, size_t size) {
 }
 
 void writeRecord(LPMSGINFO record) { writeOut(record, sizeof(MSGINFO)); }
-
 int sendWithKindOperation(MSGINFO& record) {
     UNIONMSG& p = record.msgInfo;
     switch (record.msgType) {
@@ -127,7 +126,8 @@ void dropSysResourceCapability() {
 }  // namespace
 
 int main() {
-    if (std::getenv("QV_MSG_PEER_UNPRIVILEGED") != nullptr) dropSysResourceCapability();
+    const char* unprivileged = std::getenv("QV_MSG_PEER_UNPRIVILEGED");
+    if (unprivileged != nullptr && unprivileged[0] == '1') dropSysResourceCapability();
     const char* mode = std::getenv("QV_MSG_PEER_MODE");
     const std::string role = mode ? mode : "";
     if (role == "path") return printPath();
