@@ -179,6 +179,13 @@ const std::vector<BadModel> kBadModels = {
              return "</DAType><DAType id=\"X" + std::to_string(i) + "\"><BDA name=\"a" + next + "<BDA name=\"b" + next;
          }),
      "SCL model too large: more than 100000 nested data objects and structures in the types\n"},
+    {"SmallFileExpandingPastItsAllowance", "<DO name=\"Ind1\" type=\"T_SPS\"/></LNodeType>",
+     "<DO name=\"Ind1\" type=\"T_SPS\"/>" +
+         times(510, [](int i) { return "<DO name=\"B" + std::to_string(i) + "\" type=\"T_Big\"/>"; }) +
+         "</LNodeType><DOType id=\"T_Big\">" +
+         times(500, [](int i) { return "<DA name=\"a" + std::to_string(i) + "\" bType=\"INT32\" fc=\"ST\"/>"; }) +
+         "</DOType>",
+     "SCL model too large: more than 250000 data attributes in all\n"},
     {"SubDataObjectPath", "<DOType id=\"T_SPS\">",
      "<DOType id=\"T_Leaf\"/><DOType id=\"T_SPS\"><SDO name=\"" + std::string(30, 's') +
          "\" type=\"T_Leaf\"/>",
