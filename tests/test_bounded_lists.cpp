@@ -19,20 +19,17 @@ using qvtest::realDbPath;
 
 namespace {
 
-// One output array of `capacity` zeroed elements, followed by guard elements
-// of a pattern that no list may touch.
+// One output array of `capacity` zeroed elements, followed by two guard
+// elements of a pattern that no list may touch.
 class GuardedArray {
 public:
     GuardedArray(std::size_t elementSize, int capacity)
-        : elementSize_(elementSize),
-          used_(elementSize * capacity),
-          bytes_(used_ + kGuardElements * elementSize, kGuardByte) {
+        : elementSize_(elementSize), used_(elementSize * capacity),
+          bytes_(used_ + 2 * elementSize, kGuardByte) {
         std::fill_n(bytes_.begin(), used_, 0);
     }
     template <typename T>
-    T* as() {
-        return reinterpret_cast<T*>(bytes_.data());
-    }
+    T* as() { return reinterpret_cast<T*>(bytes_.data()); }
     bool guardIntact() const {
         return std::all_of(bytes_.begin() + used_, bytes_.end(),
                            [](unsigned char b) { return b == kGuardByte; });
@@ -43,47 +40,28 @@ public:
     }
 
 private:
-    static constexpr std::size_t kGuardElements = 2;
     static constexpr unsigned char kGuardByte = 0xA5;
-    std::size_t elementSize_;
-    std::size_t used_;
+    std::size_t elementSize_, used_;
     std::vector<unsigned char> bytes_;
 };
 
-// The arrays that one list fills (a record list fills one; a list of values
-// with their qualities fills two).
-using Arrays = std::vector<GuardedArray>;
-
-// A list that fills more than one array (values and their qualities) gives
-// one element size per array and its own three calls, for example
-//   {sizeof(double), sizeof(int)},
-//   [](int* c) { return zq_getDataSetSubsByParamsNum("IED1", "dsA", n, ..., c); },
-//   [](Arrays& a, int* c) { return zq_getDAValues1ByDataSet("IED1", "dsA",
-//                                      a[0].as<double>(), a[1].as<int>(), c); },
-//   [](Arrays& a, int capacity, int* c) { return zq_getDAValues1ByDataSetN(...); }
 struct BoundedListCase {
     const char* name;
     std::string store;       // where the other process adds rows
     std::string addTwoRows;  // SQL adding two rows that the list matches
-    std::vector<std::size_t> elementSizes;
+    std::size_t elementSize;
     std::function<int(int*)> count;
-    std::function<int(Arrays&, int*)> list;  // without a limit
-    std::function<int(Arrays&, int, int*)> listN;
-
-    Arrays arrays(int capacity) const {
-        Arrays out;
-        for (std::size_t size : elementSizes) out.emplace_back(size, capacity);
-        return out;
-    }
+    std::function<int(GuardedArray&, int*)> list;  // without a limit
+    std::function<int(GuardedArray&, int, int*)> listN;
 };
 
 // A record list: its count, the list and its bounded form (the list's name
 // with the suffix N), all called with the same leading arguments.
 #define RECORD_LIST(Record, count, list, ...)                                                  \
-    {sizeof(Record)}, [](int* c) { return count(__VA_ARGS__ __VA_OPT__(, ) c); },              \
-        [](Arrays& a, int* c) { return list(__VA_ARGS__ __VA_OPT__(, ) a[0].as<Record>(), c); }, \
-        [](Arrays& a, int capacity, int* c) {                                                  \
-            return list##N(__VA_ARGS__ __VA_OPT__(, ) a[0].as<Record>(), capacity, c);         \
+    sizeof(Record), [](int* c) { return count(__VA_ARGS__ __VA_OPT__(, ) c); },                \
+        [](GuardedArray& a, int* c) { return list(__VA_ARGS__ __VA_OPT__(, ) a.as<Record>(), c); }, \
+        [](GuardedArray& a, int capacity, int* c) {                                            \
+            return list##N(__VA_ARGS__ __VA_OPT__(, ) a.as<Record>(), capacity, c);            \
         }
 
 const char* const n = nullptr;  // no filter
@@ -201,40 +179,33 @@ protected:
 TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
     for (const BoundedListCase& c : kLists) {
         SCOPED_TRACE(c.name);
-        int counted = -1;
+        int counted = -1, now = -1, delivered = -1;
         ASSERT_EQ(c.count(&counted), 0);
         ASSERT_GE(counted, 2);
         addRowsFromAnotherProcess(c.store, c.addTwoRows);
-
-        // An array sized from the count: cut there, nothing written past it.
-        Arrays sized = c.arrays(counted);
-        int delivered = -1;
-        EXPECT_EQ(c.listN(sized, counted, &delivered), 1);
-        EXPECT_EQ(delivered, counted);
-
-        // The whole list now, without a limit; the cut one is its beginning.
-        int now = -1;
         ASSERT_EQ(c.count(&now), 0);
         ASSERT_EQ(now, counted + 2);
-        Arrays whole = c.arrays(now);
+
+        // An array sized from the first count: cut there, result 1.
+        GuardedArray sized(c.elementSize, counted);
+        EXPECT_EQ(c.listN(sized, counted, &delivered), 1);
+        EXPECT_EQ(delivered, counted);
+        // The whole list without a limit; the cut one is its beginning.
+        GuardedArray whole(c.elementSize, now);
         EXPECT_EQ(c.list(whole, &delivered), 0);
         EXPECT_EQ(delivered, now);
-
         // No room at all: a negative capacity writes nothing.
-        Arrays none = c.arrays(0);
+        GuardedArray none(c.elementSize, 0);
         EXPECT_EQ(c.listN(none, -1, &delivered), 1);
         EXPECT_EQ(delivered, 0);
-
-        // Room for every row: all of them, and result 0.
-        Arrays roomy = c.arrays(now);
+        // Room for every row: all of them, result 0.
+        GuardedArray roomy(c.elementSize, now);
         EXPECT_EQ(c.listN(roomy, now, &delivered), 0);
         EXPECT_EQ(delivered, now);
 
-        for (std::size_t a = 0; a < whole.size(); ++a) {
-            EXPECT_TRUE(sized[a].guardIntact() && whole[a].guardIntact() &&
-                        roomy[a].guardIntact() && none[a].guardIntact());
-            EXPECT_EQ(sized[a].head(counted), whole[a].head(counted));
-            EXPECT_EQ(roomy[a].head(now), whole[a].head(now));
-        }
+        EXPECT_TRUE(sized.guardIntact() && whole.guardIntact() && roomy.guardIntact() &&
+                    none.guardIntact());
+        EXPECT_EQ(sized.head(counted), whole.head(counted));
+        EXPECT_EQ(roomy.head(now), whole.head(now));
     }
 }

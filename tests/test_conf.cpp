@@ -14,6 +14,8 @@
 #include "qvtest.h"
 
 using qvtest::confDbPath;
+using Texts = std::vector<std::string>;
+using testing::Each;
 using testing::ElementsAre;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -34,9 +36,7 @@ protected:
 
 // A record filled with a pattern, to see that an operation left it alone.
 template <typename Record>
-Record patterned() {
-    return qvtest::filledRecord<Record>(0x5A);
-}
+Record patterned() { return qvtest::filledRecord<Record>(0x5A); }
 
 template <typename Record>
 bool untouched(const Record& record) {
@@ -67,10 +67,10 @@ std::string describe(const ProcessDataAssociation& a) {
 
 // The rows a query fetched into `rows`, as texts; the query must succeed.
 template <typename Query, typename Record, size_t N, typename... Args>
-std::vector<std::string> fetched(Query query, Record (&rows)[N], Args... args) {
+Texts fetched(Query query, Record (&rows)[N], Args... args) {
     int count = 0;
     EXPECT_EQ(query(args..., rows, &count), 0);
-    std::vector<std::string> texts;
+    Texts texts;
     for (int i = 0; i < count && i < int(N); ++i) texts.push_back(describe(rows[i]));
     return texts;
 }
@@ -90,24 +90,20 @@ TEST_F(ConfStore, ProcessesRoutesAndScales) {
     EXPECT_EQ(zq_getProcessNoByName("qv104 -p 2404", &no), 0);
     EXPECT_EQ(no, 2);
     ProcessConfig processes[4];
-    EXPECT_EQ(counted(zq_getAllProcessConfigsNum), "0/4");
     EXPECT_THAT(fetched(zq_getAllProcessConfigs, processes),
                 ElementsAre("qvacq data acquisition", "qv104 -p 2404 IEC 60870-5-104 converter",
                             "qvctrl switch control", "qvtool watch message monitor"));
 
-    ProcessMsgAssociation routes[2];
-    EXPECT_EQ(counted(zq_getProcessMsgAssociationsNum, "qvctrl"), "0/2");
+    ProcessMsgAssociation routes[2] = {{0, 0, 0}, {-7, -7, -7}};
+    // The publisher's cut fetch is no failure and never writes past the table it sized.
+    EXPECT_EQ(counted(listRoutesOf, "qvctrl", routes, 1), "0/1");
+    EXPECT_EQ(describe(routes[1]), "-7 -7 -7");
     EXPECT_THAT(fetched(zq_getProcessMsgAssociations, routes, "qvctrl"),
                 ElementsAre("3 2 64", "3 1 8"));
     EXPECT_EQ(counted(zq_getProcessMsgAssociations, "qvtool watch", routes), "0/0");
-    EXPECT_EQ(counted(zq_getProcessMsgAssociationsNum, "qvnone"), "-1/0");
-    EXPECT_EQ(counted(zq_getProcessMsgAssociations, "qvnone", routes), "-1/0");
-    // The publisher's bounded fetch never writes past the table it sized.
-    ProcessMsgAssociation bounded[2] = {{0, 0, 0}, {-7, -7, -7}};
-    int n = 0;
-    EXPECT_EQ(listRoutesOf("qvctrl", bounded, 1, &n), 0);
-    EXPECT_EQ(n, 1);
-    EXPECT_EQ(bounded[1].msgType, -7);
+    EXPECT_THAT((Texts{counted(zq_getProcessMsgAssociationsNum, "qvnone"),
+                       counted(zq_getProcessMsgAssociations, "qvnone", routes)}),
+                Each("-1/0"));
 
     EXPECT_EQ(counted(zq_getScaleConfigsNum), "0/3");
     ScaleConfig scale = patterned<ScaleConfig>();
@@ -137,9 +133,7 @@ TEST_F(ConfStore, DeviceModelAssociations) {
               "cabinetAlarm 2 5 1 QVFTU1LD0/GGIO1$ST$Alm$stVal 7");
 
     // Digital inputs: three rows, indexes 1, 1 and 2 (two distinct).
-    EXPECT_EQ(counted(zq_getDeviceModelAssociationsByTypeNum, 2), "0/3");
     EXPECT_EQ(counted(zq_getDeviceInputNumByType, 2), "0/2");
-    EXPECT_EQ(counted(zq_getDeviceModelAssociationsByTypeIndexNum, 2, 1), "0/2");
     EXPECT_THAT(fetched(zq_getDeviceModelAssociationsByTypeIndex, rows, 2, 1),
                 ElementsAre("breakerPos 1 2 1 QVFTU1CTRL/XCBR1$ST$Pos$stVal 3",
                             "breakerPosLine2 2 2 1 QVFTU1CTRL/XCBR1$ST$Pos$stVal 3"));
@@ -152,9 +146,10 @@ TEST_F(ConfStore, DeviceModelAssociations) {
     EXPECT_EQ(describe(one), "switchPos 1 3 1 QVFTU1CTRL/CSWI1$ST$Pos$stVal 4");
 
     // A data type without rows, a name that differs in case.
-    EXPECT_EQ(counted(zq_getDeviceModelAssociationsByTypeNum, 9), "0/0");
-    EXPECT_EQ(counted(zq_getDeviceInputNumByType, 9), "0/0");
-    EXPECT_EQ(counted(zq_getDeviceModelAssociationsByType, 9, rows), "0/0");
+    EXPECT_THAT((Texts{counted(zq_getDeviceModelAssociationsByTypeNum, 9),
+                       counted(zq_getDeviceInputNumByType, 9),
+                       counted(zq_getDeviceModelAssociationsByType, 9, rows)}),
+                Each("0/0"));
     one = patterned<DeviceModelAssociation>();
     EXPECT_EQ(zq_getDeviceModelAssociationByName("switchpos", &one), -1);
     EXPECT_TRUE(untouched(one));
@@ -163,7 +158,6 @@ TEST_F(ConfStore, DeviceModelAssociations) {
 TEST_F(ConfStore, DataPointsOfAProcess) {
     ProcessDataAssociation points[5];
     EXPECT_EQ(counted(zq_getAllProcessDataAssociationsNum, "qvacq"), "0/5");
-    EXPECT_EQ(counted(zq_getProcessDataAssociationsByTypeNum, "qvacq", 2), "0/2");
     EXPECT_THAT(fetched(zq_getProcessDataAssociationsByType, points, "qvacq", 2),
                 ElementsAre("BreakerPos 2 1 QVFTU1CTRL/XCBR1$ST$Pos$stVal 3",
                             "Ind1 2 2 QVFTU1LD0/GGIO1$ST$Ind1$stVal 3"));

@@ -1,6 +1,7 @@
 // The model in the real-time store: data sets, data set members and data
 // attributes queried with every class of filter combination and the exact SQL
-// texts, and values written and read as lists and as whole data sets.
+// texts, values written and read as lists and as whole data sets, also on the
+// sample feeder terminal model as the model loader writes it.
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
 
@@ -153,14 +155,13 @@ TEST_F(ModelStore, LookupsByNameFindOnlyTheExactRow) {
               "IED1LD0/MMXU1$MX$TotW$mag$f|IED1|LD0|MMXU1|TotW|MX|0.5|FLOAT32|total active power");
     // Not found: -1 without a message, and the caller's records stay as they were.
     CaptureStderr();
-    EXPECT_EQ(zq_getDataSetByName("IED2", "dsB", &set), -1);  // dsB is IED1's
-    EXPECT_EQ(zq_getDataSetByName("ied1", "dsB", &set), -1);
-    EXPECT_EQ(zq_getDataSetSubByName("IED1LD0/LPHD1$ST$Nope", &sub), -1);
-    EXPECT_EQ(zq_getDAByName("ied1LD0/MMXU1$MX$TotW$mag$f", &da), -1);
+    EXPECT_EQ(zq_getDataSetByName("IED2", "dsB", &set) + zq_getDataSetByName("ied1", "dsB", &set) +
+                  zq_getDataSetSubByName("IED1LD0/LPHD1$ST$Nope", &sub) +
+                  zq_getDAByName("ied1LD0/MMXU1$MX$TotW$mag$f", &da),
+              -4);
     EXPECT_EQ(GetCapturedStderr(), "");
-    EXPECT_STREQ(set.iedName, "IED2");
-    EXPECT_STREQ(sub.fcdaName, kHealth);
-    EXPECT_STREQ(da.daName, kTotW1);
+    EXPECT_EQ(std::string(set.iedName) + sub.fcdaName + da.daName,
+              std::string("IED2") + kHealth + kTotW1);
 }
 
 TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
@@ -169,8 +170,7 @@ TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
                           "ldInst,lnClass,lnInst,doName,daName,fc); insert into DataSetSub values('" +
                               longText + "','" + longText + "','dsL',NULL,'ABCDEFG','123456789',"
                               "'Do','Da','MXY')");
-    DataSetSub sub;
-    std::memset(&sub, 'z', sizeof sub);
+    auto sub = qvtest::filledRecord<DataSetSub>('z');
     int count = 0;
     ASSERT_EQ(zq_getDataSetSubsByParams(n, "dsL", n, n, n, n, n, n, &sub, &count), 0);
     ASSERT_EQ(count, 1);
@@ -178,8 +178,8 @@ TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
                                  "|dsL||ABCD|1234567|Do|Da|MX");
 }
 
-TEST_F(ModelStore, MemberFilters) {
-    const FilterCase<8> cases[] = {
+TEST_F(ModelStore, MemberAndAttributeFilters) {
+    const FilterCase<8> members[] = {
         {{n, n, n, n, n, n, n, n}, {kTotW1, kHz1, kInd1, kInd2, kHealth, kTotW2, kTotW2Meas}},
         {{"IED2", n, n, n, n, n, n, n}, {kTotW2, kTotW2Meas}},
         {{n, "dsB", n, n, n, n, n, n}, {kInd2, kHealth}},
@@ -192,14 +192,7 @@ TEST_F(ModelStore, MemberFilters) {
         {{"", n, n, n, n, n, n, n}, {}},
         {{"IED1", "dsNope", n, n, n, n, n, n}, {}},
     };
-    CaptureStderr();
-    for (const auto& c : cases)
-        EXPECT_THAT(membersMatching(c.filters), UnorderedElementsAreArray(c.expected));
-    EXPECT_EQ(GetCapturedStderr(), "");
-}
-
-TEST_F(ModelStore, AttributeFilters) {
-    const FilterCase<5> cases[] = {
+    const FilterCase<5> attributes[] = {
         {{n, n, n, n, n}, {kTotW1, kHz1, kUnits1, kInd1, kTotWMeas1, kTotW2, kLln0}},
         {{"IED2", n, n, n, n}, {kTotW2}},
         {{n, "MEAS", n, n, n}, {kTotWMeas1}},
@@ -209,8 +202,12 @@ TEST_F(ModelStore, AttributeFilters) {
         {{n, n, n, "", n}, {kLln0}},
         {{"IED9", n, n, n, n}, {}},
     };
-    for (const auto& c : cases)
+    CaptureStderr();
+    for (const auto& c : members)
+        EXPECT_THAT(membersMatching(c.filters), UnorderedElementsAreArray(c.expected));
+    for (const auto& c : attributes)
         EXPECT_THAT(attributesMatching(c.filters), UnorderedElementsAreArray(c.expected));
+    EXPECT_EQ(GetCapturedStderr(), "");
 }
 
 // ---- Values of lists and data sets -------------------------------------------------
@@ -233,9 +230,9 @@ TEST_F(ModelStore, ValueListsSaveAndReadBack) {
     EXPECT_EQ(qvtest::queryInt(realDbPath(), "select count(*) from DAValue"), 5);
     EXPECT_EQ(GetCapturedStderr(), "");
     // A count of 0 or less does nothing.
-    EXPECT_EQ(zq_saveDAValues1(nullptr, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(zq_saveDAValues(names.data(), values, 0), 0);
-    EXPECT_EQ(zq_getDAValues(names.data(), -3, got), 0);
+    EXPECT_EQ(zq_saveDAValues1(nullptr, nullptr, nullptr, 0) + zq_saveDAValues(names.data(), values, 0) +
+                  zq_getDAValues(names.data(), -3, got),
+              0);
     EXPECT_EQ(stored({kTotW1}), "10.0|64");
     EXPECT_EQ(got[0], 10);
 }
@@ -289,7 +286,7 @@ TEST_F(ModelStore, DataSetValueCountsThatDoNotMatchTheMembers) {
 
 // ---- Failures ----------------------------------------------------------------------
 
-TEST_F(ModelStore, MissingTablesAndAClosedStoreFailWithTheMessageAndFreeTheLock) {
+TEST_F(ModelStore, MissingTablesFailWithTheMessageAndFreeTheLock) {
     execSql(realDbPath(), "drop table DataSet; drop table DataSetSub; drop table DA;"
                           "drop table DAValue");
     int setCount = 7, subCount = 7, valueCount = 7;
@@ -315,15 +312,6 @@ TEST_F(ModelStore, MissingTablesAndAClosedStoreFailWithTheMessageAndFreeTheLock)
     EXPECT_EQ(valueCount, 7);
     EXPECT_EQ(value, -1);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
-    // A closed store refuses before it touches anything.
-    zq_closeRealDB();
-    CaptureStderr();
-    EXPECT_EQ(zq_getAllDataSetsNum(&setCount), -1);
-    EXPECT_EQ(zq_saveDAValues(&name, &value, 1), -1);
-    EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &valueCount), -1);
-    EXPECT_THAT(GetCapturedStderr(),
-                testing::HasSubstr("zq_getDAValuesByDataSet: the real-time store is not open"));
-    EXPECT_EQ(setCount + valueCount, 7);
 }
 
 // ---- The SQL texts ------------------------------------------------------------------
@@ -403,4 +391,68 @@ TEST(ModelStoreSql, TextsAreAssembledBlankForBlank) {
             "select count(*) from DA ", "select count(*) from DA  where ldName=?  and fcName=? ",
             "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA  "
             "where iedName=?  and ldName=?  and lnName=?  and doName=?  and fcName=? "));
+}
+
+// ---- The sample feeder terminal model --------------------------------------------
+
+namespace {
+
+const char* const kIed = "QVFTU1";
+const char* const kPhVA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
+
+class SampleModel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        zq_closeRealDB();
+        qvtest::freshRealStore();
+        std::string path = qvtest::sourcePath("samples/feeder_terminal.cid");
+        ASSERT_EQ(zq_addIEDRealDB(path.data()), 0);
+        ASSERT_EQ(zq_openRealDB(), 0);
+    }
+    void TearDown() override { zq_closeRealDB(); }
+};
+
+std::vector<std::string> memberNames(const char* dsName) {
+    return membersMatching({kIed, dsName, n, n, n, n, n, n});
+}
+
+size_t indexOf(const std::vector<std::string>& names, const char* name) {
+    return std::find(names.begin(), names.end(), name) - names.begin();
+}
+
+}  // namespace
+
+TEST_F(SampleModel, DataSetValuesRoundTripShareMembersAndSkipUnclassifiedOnes) {
+    const std::vector<std::string> ain = memberNames("dsAin");
+    const int size = static_cast<int>(ain.size());
+    EXPECT_EQ(size, 9);
+    std::vector<double> values(size), got(size);
+    std::vector<int> qualities(size), gotQuality(size);
+    for (int i = 0; i < size; ++i) values[i] = 230.5 + i, qualities[i] = i * 4;
+    ASSERT_EQ(zq_saveDAValues1ByDataSet(kIed, "dsAin", values.data(), qualities.data(), size), 0);
+    int count = -1;
+    ASSERT_EQ(zq_getDAValues1ByDataSet(kIed, "dsAin", got.data(), gotQuality.data(), &count), 0);
+    EXPECT_EQ(count, size);
+    EXPECT_EQ(got, values);
+    EXPECT_EQ(gotQuality, qualities);
+    double phVA = 0;  // element i went to member i
+    ASSERT_EQ(zq_getDoubDAValue(kPhVA, &phVA), 0);
+    EXPECT_EQ(phVA, values.at(indexOf(ain, kPhVA)));
+
+    // Ind1 is a member of dsGgio and dsDin: both sets share its value row.
+    const char* const ind1 = "QVFTU1LD0/GGIO1$ST$Ind1$stVal";
+    const std::vector<std::string> ggio = memberNames("dsGgio"), din = memberNames("dsDin");
+    std::vector<double> ggioValues(ggio.size(), 0), dinValues(din.size(), -1);
+    ggioValues.at(indexOf(ggio, ind1)) = 1;
+    ASSERT_EQ(zq_saveDAValuesByDataSet(kIed, "dsGgio", ggioValues.data(), ggio.size()), 0);
+    ASSERT_EQ(zq_getDAValuesByDataSet(kIed, "dsDin", dinValues.data(), &count), 0);
+    ASSERT_EQ(count, static_cast<int>(din.size()));
+    EXPECT_EQ(dinValues.at(indexOf(din, ind1)), 1);
+
+    // dsAlarm's members have no value rows: they are counted, their values left as they were.
+    const size_t alarmMembers = memberNames("dsAlarm").size();
+    std::vector<double> alarm(alarmMembers, -7);
+    ASSERT_EQ(zq_getDAValuesByDataSet(kIed, "dsAlarm", alarm.data(), &count), 0);
+    EXPECT_EQ(count, static_cast<int>(alarmMembers));
+    EXPECT_EQ(alarm, std::vector<double>(alarmMembers, -7));
 }

@@ -1,6 +1,6 @@
 // Terminal access list, terminal information and feeder topology: exact rows
-// written and read, counts that agree with lists, batches that stop at a
-// refused row, hostile names, a busy store and failures that free the lock.
+// written and read, neighbour counts that agree with lists, batches that stop
+// at a refused row, hostile names, a busy store and failures that free the lock.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,7 +20,7 @@ namespace {
 // Records are zeroed whole, so that equal fields mean equal bytes.
 template <typename Record>
 Record zeroed() {
-    return qvtest::filledRecord<Record>(0);
+    return filledRecord<Record>(0);
 }
 
 template <typename Record>
@@ -32,6 +32,14 @@ int counted(Op op, Out*... out) {
     int count = 7;
     EXPECT_EQ(op(out..., &count), 0);
     return count;
+}
+
+// A whole-table list gives back exactly the records written, byte for byte.
+template <typename Record>
+void expectListed(int (*list)(Record*, int*), const Record* written, int n) {
+    std::vector<Record> got(n, zeroed<Record>());
+    ASSERT_EQ(counted(list, got.data()), n);
+    EXPECT_EQ(std::memcmp(got.data(), written, n * sizeof(Record)), 0);
 }
 
 LTUAccess accessEntry(const char* deviceid, int model, const std::string& key = "k") {
@@ -67,28 +75,18 @@ TopoInfor node(int id, const char* m_rln, const char* name, const char* left, co
     return n;
 }
 
-void refuseInsert(const std::string& table, const std::string& column) {
-    execSql(realDbPath(), "create trigger refuse_" + table + " before insert on " + table +
-                              " when new." + column + "='bad' begin select raise(abort, 'refused'); end");
-}
-
-// The m_rln of every node a list delivers; the count must say as many.
-template <typename Lister, typename Counter>
-std::vector<std::string> neighbours(Lister list, Counter count, const char* name) {
+// The m_rln of every left (or right) neighbour listed; the count must say as many.
+std::vector<std::string> neighbours(const char* name, bool leftSide = true) {
     std::vector<TopoInfor> nodes(16);
-    const int listed = counted(list, name, nodes.data());
-    EXPECT_EQ(counted(count, name), listed) << name;
+    const int listed = counted(leftSide ? zq_getLeftTopoInforsByLNName : zq_getRightTopoInforsByLNName,
+                               name, nodes.data());
+    EXPECT_EQ(counted(leftSide ? zq_getLeftTopoInforsNumByLNName : zq_getRightTopoInforsNumByLNName,
+                      name),
+              listed)
+        << name;
     std::vector<std::string> names;
     for (int i = 0; i < listed; ++i) names.emplace_back(nodes[i].m_rln);
     return names;
-}
-
-std::vector<std::string> left(const char* name) {
-    return neighbours(zq_getLeftTopoInforsByLNName, zq_getLeftTopoInforsNumByLNName, name);
-}
-
-std::vector<std::string> right(const char* name) {
-    return neighbours(zq_getRightTopoInforsByLNName, zq_getRightTopoInforsNumByLNName, name);
 }
 
 class Registry : public RealStoreTest {};
@@ -115,25 +113,23 @@ TEST_F(Registry, EmptyTablesFindNothingAndLeaveTheOutputs) {
     LTUAccess access[1] = {accessEntry("untouched", 1)};
     LTUInfor terminals[1] = {terminal(1, "untouched")};
     TopoInfor nodes[1] = {node(9, "untouched", "", "", "")};
-    EXPECT_EQ(counted(zq_getAllLTUAccess, access), 0);
-    EXPECT_EQ(counted(zq_getAllLTUInfors, terminals), 0);
-    EXPECT_EQ(counted(zq_getAllTopoInfors, nodes), 0);
+    EXPECT_EQ(counted(zq_getAllLTUAccess, access) + counted(zq_getAllLTUInfors, terminals) +
+                  counted(zq_getAllTopoInfors, nodes),
+              0);
     int count = 42;
     CaptureStderr();
-    EXPECT_EQ(zq_getLTUInforByName("LTU-A", terminals), -1);
-    EXPECT_EQ(zq_getLTUInforById(1, terminals), -1);
-    EXPECT_EQ(zq_getTopoInforByLNName("LN_A", nodes), -1);
-    EXPECT_EQ(zq_getTopoInforPower(nodes), -1);
-    EXPECT_EQ(zq_getLeftTopoInforsNumByLNName("LN_A", &count), -1);
-    EXPECT_EQ(zq_getRightTopoInforsByLNName("LN_A", nodes, &count), -1);
+    EXPECT_EQ(zq_getLTUInforByName("LTU-A", terminals) + zq_getLTUInforById(1, terminals) +
+                  zq_getTopoInforByLNName("LN_A", nodes) + zq_getTopoInforPower(nodes) +
+                  zq_getLeftTopoInforsNumByLNName("LN_A", &count) +
+                  zq_getRightTopoInforsByLNName("LN_A", nodes, &count),
+              -6);
     EXPECT_EQ(GetCapturedStderr(), "");
     CaptureStderr();
     EXPECT_EQ(zq_getLTUInforStateByName("LTU-A", &count), -1);  // reported like a failure
     EXPECT_THAT(GetCapturedStderr(), testing::StartsWith("sqlite3_step err "));
     EXPECT_EQ(count, 42);
-    EXPECT_STREQ(access[0].deviceid, "untouched");
-    EXPECT_STREQ(terminals[0].name, "untouched");
-    EXPECT_STREQ(nodes[0].m_rln, "untouched");
+    EXPECT_EQ(std::string(access[0].deviceid) + terminals[0].name + nodes[0].m_rln,
+              "untouched" "untouched" "untouched");
 }
 
 TEST_F(Registry, AccessEntriesRoundTripAndGoByDevice) {
@@ -145,10 +141,7 @@ TEST_F(Registry, AccessEntriesRoundTripAndGoByDevice) {
               (Rows{{"2024-05-01 10:00:00", "D1", "-42", "feeder 7", "V1.2.3", "255", "integer"},
                     {"2024-05-01 10:00:00", "D2", "7", "feeder 7", "V1.2.3", "1", "integer"},
                     {"2024-05-01 10:00:00", "D1", "0", "feeder 7", "V1.2.3", "1", "integer"}}));
-    EXPECT_EQ(counted(zq_getAllLTUAccessNum), 3);
-    std::vector<LTUAccess> list(3, zeroed<LTUAccess>());
-    ASSERT_EQ(counted(zq_getAllLTUAccess, list.data()), 3);
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(sameBytes(list[i], entries[i])) << i;
+    expectListed(zq_getAllLTUAccess, entries, 3);
     EXPECT_EQ(zq_deleteLTUAccessByDeviceid("D1"), 0);  // both entries of D1
     EXPECT_EQ(query(realDbPath(), "select deviceid from ltu_access_list"), (Rows{{"D2"}}));
 }
@@ -160,10 +153,7 @@ TEST_F(Registry, TerminalsRoundTripAndChangeByName) {
     EXPECT_EQ(query(realDbPath(), "select * from LTUInfor where id=-3"),
               (Rows{{"-3", "QS1.0.7", "QH2", "SS3", "SH4.5.6", "LTU-B", "10.0.0.7:2404", "3", "2",
                      "pole 12"}}));
-    EXPECT_EQ(counted(zq_getAllLTUInforsNum), 3);
-    std::vector<LTUInfor> list(3, zeroed<LTUInfor>());
-    ASSERT_EQ(counted(zq_getAllLTUInfors, list.data()), 3);
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(sameBytes(list[i], stored[i])) << i;
+    expectListed(zq_getAllLTUInfors, stored, 3);
     auto byName = zeroed<LTUInfor>();
     auto byId = zeroed<LTUInfor>();
     ASSERT_EQ(zq_getLTUInforByName("LTU-A", &byName), 0);  // the first of the two
@@ -205,8 +195,10 @@ TEST_F(Registry, UnterminatedFieldsAreStoredUpToTheirEnds) {
 }
 
 TEST_F(Registry, ABatchStopsAtTheRefusedRecord) {
-    refuseInsert("LTUInfor", "name");
-    refuseInsert("TopoInfor", "m_rln");
+    execSql(realDbPath(),
+            "create trigger r1 before insert on LTUInfor when new.name='bad'"
+            " begin select raise(abort, 'refused'); end; create trigger r2 before insert on"
+            " TopoInfor when new.m_rln='bad' begin select raise(abort, 'refused'); end");
     const LTUInfor terminals[] = {terminal(1, "t1"), terminal(2, "bad"), terminal(3, "t3")};
     const TopoInfor nodes[] = {node(1, "LN_A", "a", "x", "y"), node(2, "bad", "b", "x", "y")};
     EXPECT_EQ(zq_addLTUInfors(nullptr, -1), 0);
@@ -236,18 +228,29 @@ TEST_F(Registry, LookupsByStateAndIdAnnounceABusyStore) {
     EXPECT_TRUE(sameBytes(found, t));
 }
 
-TEST(RegistryClosed, OperationsOnAClosedStoreFail) {
+// A closed store refuses before it touches anything.
+TEST(ClosedRealStore, OperationsFailAndLeaveTheOutputs) {
     zq_closeRealDB();
     int count = 7;
     TopoInfor nodes[1] = {};
+    DaNameRow name = "IED1LD0/MMXU1$MX$TotW$mag$f";
+    double value = -1;
     CaptureStderr();
     EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
     EXPECT_EQ(zq_getLeftTopoInforsByLNName("LN_A", nodes, &count), -1);
     EXPECT_EQ(zq_addTopoInfors(nodes, 1), -1);
-    const std::string notOpen = ": the real-time store is not open (call zq_openRealDB first)\n";
-    EXPECT_EQ(GetCapturedStderr(), "zq_getAllLTUAccessNum" + notOpen + "zq_getLeftTopoInforsByLNName" +
-                                       notOpen + "zq_addTopoInfors" + notOpen);
+    EXPECT_EQ(zq_getAllDataSetsNum(&count), -1);
+    EXPECT_EQ(zq_saveDAValues(&name, &value, 1), -1);
+    EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &count), -1);
+    std::string expected;
+    for (const char* operation : {"zq_getAllLTUAccessNum", "zq_getLeftTopoInforsByLNName",
+                                  "zq_addTopoInfors", "zq_getAllDataSetsNum", "zq_saveDAValues",
+                                  "zq_getDAValuesByDataSet"})
+        expected += std::string(operation) +
+                    ": the real-time store is not open (call zq_openRealDB first)\n";
+    EXPECT_EQ(GetCapturedStderr(), expected);
     EXPECT_EQ(count, 7);
+    EXPECT_EQ(value, -1);
     EXPECT_EQ(storeLockValue(), 1);
 }
 
@@ -255,10 +258,7 @@ TEST_F(Topology, NodesRoundTripWhole) {
     EXPECT_EQ(query(realDbPath(), "select * from TopoInfor where id=2"),
               (Rows{{"2", "switch", "LN_B", "branchB", "bus1", "bus3", "2", std::string(31, 'I'),
                      "North"}}));
-    EXPECT_EQ(counted(zq_getAllTopoInforsNum), 6);
-    std::vector<TopoInfor> all(6);
-    ASSERT_EQ(counted(zq_getAllTopoInfors, all.data()), 6);
-    EXPECT_EQ(std::memcmp(all.data(), feeder.data(), 6 * sizeof(TopoInfor)), 0);
+    expectListed(zq_getAllTopoInfors, feeder.data(), 6);
     TopoInfor found{};
     ASSERT_EQ(zq_getTopoInforByLNName("LN_E", &found), 0);
     EXPECT_TRUE(sameBytes(found, feeder[4]));
@@ -267,17 +267,17 @@ TEST_F(Topology, NodesRoundTripWhole) {
 }
 
 TEST_F(Topology, NeighboursShareOneSidesLinkAndCountsAgreeWithLists) {
-    EXPECT_THAT(left("LN_A"), ElementsAre("LN_B", "LN_C"));  // not D, whose right link is bus1
-    EXPECT_THAT(left("LN_B"), ElementsAre("LN_A", "LN_C"));
-    EXPECT_THAT(left("LN_D"), IsEmpty());
-    EXPECT_THAT(right("LN_A"), ElementsAre("LN_E"));
-    EXPECT_THAT(right("LN_B"), IsEmpty());
+    EXPECT_THAT(neighbours("LN_A"), ElementsAre("LN_B", "LN_C"));  // not D, whose right link is bus1
+    EXPECT_THAT(neighbours("LN_B"), ElementsAre("LN_A", "LN_C"));
+    EXPECT_THAT(neighbours("LN_D"), IsEmpty());
+    EXPECT_THAT(neighbours("LN_A", false), ElementsAre("LN_E"));
+    EXPECT_THAT(neighbours("LN_B", false), IsEmpty());
     // Two nodes with one m_rln: the other one is a neighbour.
     const TopoInfor twin = node(7, "LN_C", "LN_C", "bus1", "bus8");
     ASSERT_EQ(zq_addTopoInfor(&twin), 0);
-    EXPECT_THAT(left("LN_C"), ElementsAre("LN_A", "LN_B", "LN_C"));
+    EXPECT_THAT(neighbours("LN_C"), ElementsAre("LN_A", "LN_B", "LN_C"));
     ASSERT_EQ(zq_deleteTopoInforByLNName("LN_C"), 0);  // both
-    EXPECT_THAT(left("LN_A"), ElementsAre("LN_B"));
+    EXPECT_THAT(neighbours("LN_A"), ElementsAre("LN_B"));
     ASSERT_EQ(zq_deleteAllTopoInfors(), 0);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from TopoInfor"), 0);
 }
@@ -309,17 +309,9 @@ TEST_F(Topology, HostileNamesAreOnlyNames) {
     EXPECT_EQ(query(realDbPath(), "select id,state from LTUInfor"), (Rows{{"1", "5"}, {"2", "9"}}));
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from TopoInfor"), 7);
 
-    // Over-long stored texts are cut to their fields, terminator included; a
-    // link cut so matches nothing: no neighbours, and never a negative count.
-    auto terminalFound = zeroed<LTUInfor>();
-    ASSERT_EQ(zq_getLTUInforById(2, &terminalFound), 0);
-    EXPECT_EQ(std::string(terminalFound.name), longText.substr(0, 32));
-    EXPECT_EQ(std::strlen(terminalFound.desc), 255u);
-    TopoInfor nodeFound;
-    ASSERT_EQ(zq_getTopoInforByLNName(longText.c_str(), &nodeFound), 0);
-    EXPECT_EQ(std::string(nodeFound.m_rln), longText.substr(0, 63));
-    EXPECT_EQ(std::string(nodeFound.type), longText.substr(0, 15));
-    EXPECT_THAT(left(longText.c_str()), IsEmpty());
+    // The over-long node is found, but its link is read cut to its field and
+    // so matches nothing: no neighbours, and never a negative count.
+    EXPECT_THAT(neighbours(longText.c_str()), IsEmpty());
 }
 
 TEST_F(Topology, FailuresReportAndFreeTheLock) {
