@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -86,6 +87,11 @@ void bindRowKey(sqlite3_stmt* stmt, int index, const char* daName) {
 sqlite3_stmt** sharedStatements[] = {&s_stmt_select, &s_stmt_select1, &s_stmt_update,
                                      &s_stmt_update1};
 
+// The data-set value operations' member queries, prepared once per
+// connection for each of their SQL texts (either name may be left out): a
+// prepare per call costs as much as reading dozens of values.
+std::map<std::string, sqlite3_stmt*> s_memberQueries;
+
 // Finalises the shared statements and closes the connection; a failed open
 // uses it too, so that the next zq_openRealDB tries again from scratch.
 void releaseConnection() {
@@ -93,6 +99,8 @@ void releaseConnection() {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
+    for (auto& query : s_memberQueries) sqlite3_finalize(query.second);
+    s_memberQueries.clear();
     sqlite3_close(s_sqliteDB);
     s_sqliteDB = nullptr;
 }
@@ -709,6 +717,20 @@ int readValueList(const DaNameRow* names, int count, double* values, int* qualit
     return 0;
 }
 
+// The prepared member query of this SQL text, kept for the connection's
+// life; null when it cannot be prepared (one attempt, no busy retry).
+sqlite3_stmt* memberQuery(const std::string& sql) {
+    const auto kept = s_memberQueries.find(sql);
+    if (kept != s_memberQueries.end()) return kept->second;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(s_sqliteDB, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(stmt);
+        return nullptr;
+    }
+    s_memberQueries.emplace(sql, stmt);
+    return stmt;
+}
+
 // Runs the member query of one data set and hands each member's reference,
 // in query order, to onMember for as long as it returns true. A failed query
 // reports itself and "err initDaValueDataSetInfo".
@@ -716,14 +738,15 @@ template <typename OnMember>
 int forEachMember(const char* iedName, const char* dataSetName, OnMember onMember) {
     const Filters filters = memberFilters(iedName, dataSetName, nullptr, nullptr, nullptr,
                                           nullptr, nullptr, nullptr);
-    qvsql::Statement stmt;
+    sqlite3_stmt* const stmt = memberQuery(filteredSql(kMemberListSql, filters));
     int result = -1;
-    if (stmt.prepare(s_sqliteDB, filteredSql(kMemberListSql, filters).c_str()) != SQLITE_OK) {
+    if (stmt == nullptr) {
         printPrepareError();
     } else {
-        filterBinds(filters)(stmt.get());
-        result = forEachRow(stmt.get(),
-                            [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
+        filterBinds(filters)(stmt);
+        result = forEachRow(stmt, [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
+        sqlite3_reset(stmt);
+        sqlite3_clear_bindings(stmt);
     }
     if (result != 0) std::fprintf(stderr, "err initDaValueDataSetInfo\n");
     return result;
