@@ -37,14 +37,6 @@ void addValueRow(const std::string& reference, double value = 0.0, int quality =
 
 const char* const kRef = "IED1LD0/MMXU1$MX$TotW$mag$f";
 
-// A member of data set dsB of IED BIED with the value n and the quality 10 n.
-void addMember(int n) {
-    const std::string reference = "BIEDLD0/GGIO1$ST$Ind" + std::to_string(n) + "$stVal";
-    addValueRow(reference, n, 10 * n);
-    execSql(realDbPath(), "insert into DataSetSub(fcdaName,iedName,dsName) values('" + reference +
-                              "','BIED','dsB')");
-}
-
 }  // namespace
 
 TEST(RSHash, MatchesTheKnownKeys) {
@@ -171,51 +163,6 @@ TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
     EXPECT_EQ(zq_saveDAValues(names, values, 1), 0);
     EXPECT_EQ(zq_getDAValues(names, 1, &value), 0);
     EXPECT_EQ(value, 2.5);
-    zq_closeRealDB();
-}
-
-// The caller sizes its arrays from the count; another process then adds
-// members. The bounded reads fill the arrays only, in member order.
-TEST(DataSetValuesBounded, MembersAddedAfterTheCountStayOutsideTheArrays) {
-    zq_closeRealDB();
-    qvtest::freshRealStore();
-    for (int n : {4, 1, 3}) addMember(n);
-    ASSERT_EQ(zq_openRealDB(), 0);
-    const char* n = nullptr;
-    int count = 0;
-    ASSERT_EQ(zq_getDataSetSubsByParamsNum("BIED", "dsB", n, n, n, n, n, n, &count), 0);
-    ASSERT_EQ(count, 3);
-    std::vector<double> values(count);  // on the heap, exactly sized, for the sanitizer
-    std::vector<int> qualities(count);
-    const pid_t child = fork();
-    if (child == 0) {
-        for (int m : {2, 6}) addMember(m);
-        _exit(0);
-    }
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-
-    int written = -1;
-    EXPECT_EQ(zq_getDAValues1ByDataSetN("BIED", "dsB", values.data(), qualities.data(), count,
-                                        &written), 1);
-    EXPECT_EQ(written, 3);
-    // The first members in the order in which the member list delivers them.
-    DataSetSub subs[5];
-    int listed = 0;
-    ASSERT_EQ(zq_getDataSetSubsByParams("BIED", "dsB", n, n, n, n, n, n, subs, &listed), 0);
-    ASSERT_EQ(listed, 5);
-    std::vector<double> stored(listed);
-    for (int i = 0; i < listed; ++i) zq_getDoubDAValue(subs[i].fcdaName, &stored[i]);
-    for (int i = 0; i < count; ++i) {
-        EXPECT_EQ(values[i], stored[i]) << i;
-        EXPECT_EQ(qualities[i], 10 * stored[i]) << i;
-    }
-    // Room for all: 0 and every member; no room: 1 and nothing written.
-    std::vector<double> all(listed);
-    EXPECT_EQ(zq_getDAValuesByDataSetN("BIED", "dsB", all.data(), listed, &written), 0);
-    EXPECT_EQ(written, listed);
-    EXPECT_EQ(all, stored);
-    EXPECT_EQ(zq_getDAValuesByDataSetN("BIED", "dsB", nullptr, 0, &written), 1);
-    EXPECT_EQ(written, 0);
     zq_closeRealDB();
 }
 
