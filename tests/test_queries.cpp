@@ -302,12 +302,15 @@ TEST_F(ModelStore, MissingTablesFailWithTheMessageAndFreeTheLock) {
     EXPECT_EQ(zq_getDAByName(kTotW1, &da), -1);
     EXPECT_EQ(zq_getDAValues(&name, 1, &value), -1);
     EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &valueCount), -1);
+    EXPECT_EQ(zq_saveDoubDAValue(kTotW1, 1.0), -1);
+    EXPECT_EQ(zq_getDoubDAValue(kTotW1, &value), -1);
     EXPECT_EQ(GetCapturedStderr(),
               "sqlite3_step err no such table: DataSet\n"
               "sqlite3_prepare_v2 err no such table: DataSetSub\n"
               "sqlite3_prepare_v2 err no such table: DA\n"
               "sqlite3_step err no such table: DAValue\n"
-              "sqlite3_prepare_v2 err no such table: DataSetSub\nerr initDaValueDataSetInfo\n");
+              "sqlite3_prepare_v2 err no such table: DataSetSub\nerr initDaValueDataSetInfo\n"
+              "sqlite3_step err no such table: DAValue\nsqlite3_step err no such table: DAValue\n");
     EXPECT_EQ(setCount + subCount, 0);
     EXPECT_EQ(valueCount, 7);
     EXPECT_EQ(value, -1);
