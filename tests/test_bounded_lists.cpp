@@ -14,8 +14,7 @@
 #include "qvrealapi.h"
 #include "qvtest.h"
 
-using qvtest::confDbPath;
-using qvtest::realDbPath;
+using namespace qvtest;
 
 namespace {
 
@@ -76,7 +75,7 @@ std::string valueMembers(std::initializer_list<int> numbers) {
         const std::string reference = "IED1LD0/GGIO1$ST$Ind" + std::to_string(number) + "$stVal";
         sql += "insert into DataSetSub(fcdaName,iedName,dsName) values('" + reference +
                "','IED1','dsV'); insert into DAValue values(" +
-               std::to_string(qvtest::rowKey(reference)) + ",1," + std::to_string(number) + "," +
+               std::to_string(rowKey(reference)) + ",1," + std::to_string(number) + "," +
                std::to_string(10 * number) + ",0);";
     }
     return sql;
@@ -86,12 +85,9 @@ const BoundedListCase kLists[] = {
     {"data sets", real,
      "insert into DataSet values('IED2','dsC','LD0','c'),('IED2','dsD','LD0','d')",
      RECORD_LIST(DataSet, zq_getAllDataSetsNum, zq_getAllDataSets)},
-    {"data set members", real,
-     "insert into DataSetSub values"
-     "('IED1LD0/MMXU1$MX$A$mag$f','IED1','dsA','LD0','MMXU','1','A','mag.f','MX'),"
-     "('IED1LD0/MMXU1$MX$V$mag$f','IED1','dsA','LD0','MMXU','1','V','mag.f','MX')",
+    {"data set members", real, valueMembers({5, 7}),
      RECORD_LIST(DataSetSub, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams, "IED1",
-                 "dsA", n, n, n, n, n, n)},
+                 "dsV", n, n, n, n, n, n)},
     {"data attributes", real,
      "insert into DA values"
      "('IED1LD0/MMXU1$MX$A$mag$f','IED1','LD0','MMXU1','A','MX','','FLOAT32','',3),"
@@ -163,16 +159,13 @@ void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& sql
 }
 
 // Two or more rows for every list, in both stores, opened by the library.
-class BoundedLists : public qvtest::RealStoreTest {
+class BoundedLists : public RealStoreTest {
 protected:
     void SetUp() override {
-        qvtest::RealStoreTest::SetUp();
-        qvtest::execSql(
+        RealStoreTest::SetUp();
+        execSql(
             realDbPath(),
             "insert into DataSet values('IED1','dsA','LD0','a'),('IED1','dsB','LD0','b');"
-            "insert into DataSetSub values"
-            "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','dsA','LD0','MMXU','1','TotW','mag.f','MX'),"
-            "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','dsA','LD0','MMXU','1','Hz','mag.f','MX');"
             "insert into DA values"
             "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','LD0','MMXU1','TotW','MX','','FLOAT32','',1),"
             "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','LD0','MMXU1','Hz','MX','','FLOAT32','',2);"
@@ -184,13 +177,13 @@ protected:
             "(3,'switch','LN_C','LN_C','bus1','bus2',0,'','');" +
                 valueMembers({4, 1, 3}));
         zq_closeConfDB();
-        qvtest::freshConfStore();
-        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
+        freshConfStore();
+        execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
         ASSERT_EQ(zq_openConfDB(), 0);
     }
     void TearDown() override {
         zq_closeConfDB();
-        qvtest::RealStoreTest::TearDown();
+        RealStoreTest::TearDown();
     }
 };
 
