@@ -206,9 +206,31 @@ TEST_F(Tool, AnswersOfTheSampleAndOfLookupsThatFindNothing) {
     EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessMisc"), 5);
 }
 
-TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
+TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     provision();
+    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
+    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
+    // Without a quality the stored one stays.
+    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
+    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
+              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "3"}).code, 0);
+    Json expected = Json::array();
+    for (const auto& member :
+         query(realDbPath(), "select fcdaName from DataSetSub where iedName='QVFTU1' and dsName='dsAin'")) {
+        const std::string& ref = member[0];
+        expected.push_back({{"fcdaName", ref},
+                            {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
+                            {"quality", ref == kTotW ? 16385 : ref == kPhsA ? 3 : 0}});
+    }
+    ASSERT_GT(expected.size(), 2u);
+    EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
+    // Members without a value row (whole data objects, unclassified sets) show none.
+    EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
+                testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
+                                        {"value", nullptr}, {"quality", nullptr}})));
+
+    // The tree: one line per attribute, plus the IED, LD, LN and DO lines.
     const ToolRun run = tool({"tree", "--ied", "QVFTU1", "--ld", "MEAS"});
     ASSERT_EQ(run.code, 0) << run.err;
     const std::vector<std::string> shown = lines(run.out);
@@ -217,7 +239,6 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     EXPECT_EQ(shown[0] + "/" + shown[1], "QVFTU1/  MEAS");
     EXPECT_EQ(phsA[1], "        q [MX]");  // no value row
     EXPECT_THAT(shown, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3"));
-    // One line per attribute, plus the IED, LD, LN and DO lines.
     EXPECT_EQ(static_cast<long long>(shown.size()),
               queryInt(realDbPath(), "select 2+count(*)+count(distinct lnName)+count(distinct "
                                      "lnName||'.'||doName) from DA where ldName='MEAS'"));
@@ -228,38 +249,10 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     long long live = 0;
     for (const Json& da : tree) {
         live += da["liveValue"].is_null() ? 0 : 1;
-        if (da["daName"] == kPhsA) {
-            EXPECT_EQ(da["liveValue"], 13.25);
-        }
+        if (da["daName"] == kPhsA) EXPECT_EQ(da["liveValue"], 13.25);
     }
-    EXPECT_EQ(live, queryInt(realDbPath(), "select count(*) from DA join DAValue using (hashID) "
-                                           "where ldName='MEAS'"));
-}
-
-TEST_F(Tool, SetGetAndDumpCarryValueAndQuality) {
-    provision();
-    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
-    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
-    // Without a quality the stored one stays.
-    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
-    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
-              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
-    ASSERT_EQ(tool({"set", kPhsA, "13.25", "0"}).code, 0);
-    Json expected = Json::array();
-    for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub where "
-                                                  "iedName='QVFTU1' and dsName='dsAin'")) {
-        const std::string& ref = member[0];
-        expected.push_back({{"fcdaName", ref},
-                            {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
-                            {"quality", ref == kTotW ? 16385 : 0}});
-    }
-    ASSERT_GT(expected.size(), 2u);
-    EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
-    // Members without a value row (whole data objects, unclassified sets) show none.
-    EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
-                testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
-                                        {"value", nullptr},
-                                        {"quality", nullptr}})));
+    EXPECT_EQ(live, queryInt(realDbPath(),
+                             "select count(*) from DA join DAValue using (hashID) where ldName='MEAS'"));
 }
 
 TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
@@ -356,27 +349,13 @@ TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
     }
 }
 
-// A forked child holds the store lock, as a long write does; the library
+// This process holds the store lock, as a long write does; the library
 // waits for it without end.
 TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     provision();
-    int held[2], release[2];
-    ASSERT_EQ(pipe(held), 0);
-    ASSERT_EQ(pipe(release), 0);
-    const pid_t holder = fork();
-    if (holder == 0) {
-        // Holds the store lock itself: opening the store no longer frees a held lock.
-        char byte = 0;
-        if (zq_openRealDB() != 0) _exit(1);
-        const int semid = semget(QV_SEM_KEY, 1, 0666);
-        locksem(semid);
-        if (write(held[1], "h", 1) != 1 || read(release[0], &byte, 1) != 1) _exit(1);
-        unlocksem(semid);
-        _exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(held[0], &byte, 1), 1);
-
+    initRealSem();
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    locksem(semid);
     const std::string waiting = "qvtool: waiting for the real-time store ...\n";
     ToolRun run = tool({"get", kTotW, "--timeout", "1.5"});
     EXPECT_EQ(run.code, 1);
@@ -392,11 +371,10 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     for (int waited = 0; waited < 100 && fileText(err).find('\n') == std::string::npos; ++waited)
         usleep(50000);
     EXPECT_EQ(fileText(err), waiting);
-    ASSERT_EQ(write(release[1], "r", 1), 1);
+    unlocksem(semid);
     run = finishTool(waiter, out, err);
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.out, "value=0 quality=0\n");
-    waitpid(holder, nullptr, 0);
 }
 
 TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
