@@ -43,7 +43,7 @@ msqid_ds queueState(int processNo) {
 MSGINFO patterned(int kind, int seed) {
     MSGINFO record;
     unsigned char* bytes = reinterpret_cast<unsigned char*>(&record);
-    for (size_t i = 0; i < sizeof record; ++i) bytes[i] = static_cast<unsigned char>(seed * 31 + i * 7 + 1);
+    for (size_t i = 0; i < sizeof record; ++i) bytes[i] = (unsigned char)(seed * 31 + i * 7 + 1);
     record.msgType = kind;
     bytes[7] &= 0x7F;
     return record;
@@ -283,7 +283,9 @@ TEST_F(MessageBus, EveryKindReachesExactlyTheReceiversWhoseRoutesCarryItsBit) {
     // after DIGITALOUTRET to their own operations.
     int seed = 0;
     for (bool loaded : {false, true}) {
-        if (loaded) ASSERT_EQ(sender.command('P'), 0);
+        if (loaded) {
+            ASSERT_EQ(sender.command('P'), 0);
+        }
         for (int kind = MSGFILE_TYPE; kind <= UPDATEFILE_TYPE; ++kind) {
             for (char op : std::string(kind == SOEINFO_TYPE ? "KMD" : "KM")) {
                 const MSGINFO sent = patterned(kind, ++seed);
@@ -352,7 +354,8 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
     const MSGINFO burst = burstOf(kBurst);
     ASSERT_EQ(sender.command('B', burst), 0);  // no send lost its record
     for (int no : {2, 3}) ASSERT_TRUE(sendFence(no));
-    for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber}) expectWholeBurst(*subscriber, burst, kBurst);
+    for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber})
+        expectWholeBurst(*subscriber, burst, kBurst);
     EXPECT_EQ(sender.stop(), "");
 }
 
