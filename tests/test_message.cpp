@@ -364,10 +364,9 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
 // and returns -1, and only the first one waits for room. The tool's send
 // fails the same way.
 TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) {
-    const std::string tool = QV_TOOL;
     configure(1, "qv_msg_peer publisher");
     configure(6, "qv_msg_peer late");
-    configure(7, tool.substr(tool.rfind('/') + 1));
+    configure(7, qvtest::toolName());
     route(1, 6, 0x10);
     route(7, 6, 0x10);
     USE_QUEUE_LIMIT(kBurstBytes);

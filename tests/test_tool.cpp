@@ -28,14 +28,12 @@ std::vector<std::string> lines(const std::string& text) {
     for (std::string line; std::getline(in, line);) result.push_back(line);
     return result;
 }
-
 Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 // The rows of a JSON array in a fixed order: the store returns rows in the
 // order of the index that a query happens to use.
 Json sorted(Json rows) {
-    std::sort(rows.begin(), rows.end(),
-              [](const Json& a, const Json& b) { return a.dump() < b.dump(); });
+    std::sort(rows.begin(), rows.end(), [](const Json& a, const Json& b) { return a.dump() < b.dump(); });
     return rows;
 }
 
@@ -51,25 +49,14 @@ std::string jsonSelect(const std::string& fields, const std::string& rest) {
     return "select json_object(" + pairs + ") " + rest;
 }
 
-std::string toolName() {
-    const std::string path = QV_TOOL;
-    return path.substr(path.rfind('/') + 1);
-}
-
-void removeQueue(int processNo) {
-    const int id = msgget(processNo + QV_QUEUE_KEY_OFFSET, 0666);
-    if (id >= 0) msgctl(id, IPC_RMID, nullptr);
-}
+void removeQueue(int processNo) { msgctl(msgget(processNo + QV_QUEUE_KEY_OFFSET, 0), IPC_RMID, nullptr); }
 
 const char* const kTotW = "QVFTU1MEAS/MMXU1$MX$TotW$mag$f";
 const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
 
 class Tool : public testing::Test {
 protected:
-    void SetUp() override {
-        removeStore(realDbPath());
-        removeStore(confDbPath());
-    }
+    void SetUp() override { removeStore(realDbPath()), removeStore(confDbPath()); }
     // Both stores, the sample configuration and the sample model.
     void provision() {
         ASSERT_EQ(tool({"init", "--conf-sample", sourcePath("samples/conf_sample.sql")}).code, 0);
@@ -249,7 +236,7 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     long long live = 0;
     for (const Json& da : tree) {
         live += da["liveValue"].is_null() ? 0 : 1;
-        if (da["daName"] == kPhsA) EXPECT_EQ(da["liveValue"], 13.25);
+        EXPECT_TRUE(da["daName"] != kPhsA || da["liveValue"] == 13.25) << da;
     }
     EXPECT_EQ(live, queryInt(realDbPath(),
                              "select count(*) from DA join DAValue using (hashID) where ldName='MEAS'"));
@@ -327,9 +314,7 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
 
 TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
     provision();
-    const std::function<void()> toFullDisk = [] {
-        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
-    };
+    const std::function<void()> toFullDisk = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
     // A reader that has gone away, with SIGPIPE ignored as a shell script may.
     const std::function<void()> toClosedPipe = [] {
         int ends[2];
@@ -343,8 +328,7 @@ TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
         for (const auto& redirect : {toFullDisk, toClosedPipe}) {
             const ToolRun run = tool(args, redirect);
             EXPECT_EQ(run.code, 1) << testing::PrintToString(args);
-            EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: "))
-                << testing::PrintToString(args);
+            EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: ")) << testing::PrintToString(args);
         }
     }
 }
@@ -396,8 +380,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     for (const Words& sent : std::vector<Words>{
              {"send", "topo", "value=3"},  // not a watched kind
              {"send", "general", "buf=say \"hi\"\t", "type=7"},
-             {"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10",
-              "version=" + version}})
+             {"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10", "version=" + version}})
         EXPECT_EQ(tool(sent).code, 0) << sent[1];
     // Kind 13 is off the route: nothing goes, and the tool says so.
     run = tool({"send", "updatefile", "iedName=QVFTU1"});
@@ -408,8 +391,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     const ToolRun watch = finishTool(watcher, watched, "/dev/null");
     EXPECT_EQ(watch.code, 0);
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
-    EXPECT_THAT(
-        lines(watch.out),
+    EXPECT_THAT(lines(watch.out),
         ElementsAre(
             MatchesRegex(stamp + "soe type=0 strDa=\"QVFTU1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" "
                                  "value=1 minutes=0 msec=-5"),
