@@ -49,15 +49,12 @@ template <typename... Fields>
 std::string joined(const Fields&... fields) {
     std::ostringstream text;
     ((text << fields << ' '), ...);
-    std::string result = text.str();
-    result.pop_back();
-    return result;
+    const std::string result = text.str();
+    return result.substr(0, result.size() - 1);
 }
 
 std::string describe(const ProcessConfig& p) { return joined(p.processName, p.processDescribe); }
-std::string describe(const ProcessMsgAssociation& r) {
-    return joined(r.sendProcessNo, r.recvProcessNo, r.msgType);
-}
+std::string describe(const ProcessMsgAssociation& r) { return joined(r.sendProcessNo, r.recvProcessNo, r.msgType); }
 std::string describe(const DeviceModelAssociation& a) {
     return joined(a.associateName, a.lineNo, a.dataType, a.dataIndex, a.daName, a.type);
 }

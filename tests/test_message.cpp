@@ -208,10 +208,7 @@ void expectWholeBurst(Peer& subscriber, const MSGINFO& burst, int count) {
 
 class MessageBus : public ::testing::Test {
 protected:
-    void SetUp() override {
-        removeTestQueues();
-        qvtest::freshConfStore();
-    }
+    void SetUp() override { removeTestQueues(), qvtest::freshConfStore(); }
     void TearDown() override {
         removeTestQueues();
         if (savedIpc_ != -1) {
@@ -239,9 +236,8 @@ protected:
                                                   std::to_string(no) + ",'" + name + "')");
     }
     static void route(int from, int to, int mask) {
-        qvtest::execSql(qvtest::confDbPath(), "insert into ProcessMsgAssociation values(" +
-                                                  std::to_string(from) + "," + std::to_string(to) +
-                                                  "," + std::to_string(mask) + ")");
+        qvtest::execSql(qvtest::confDbPath(), "insert into ProcessMsgAssociation values(" + std::to_string(from) +
+                                                  "," + std::to_string(to) + "," + std::to_string(mask) + ")");
     }
     // Process 1 sends general messages to processes 2 and 3 ("qv_msg_peer 2", "qv_msg_peer 3").
     static void publisherToProcesses2And3() {

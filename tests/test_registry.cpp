@@ -75,10 +75,8 @@ std::vector<std::string> neighbours(const char* name, bool leftSide = true) {
     std::vector<TopoInfor> nodes(16);
     const int listed = counted(leftSide ? zq_getLeftTopoInforsByLNName : zq_getRightTopoInforsByLNName,
                                name, nodes.data());
-    EXPECT_EQ(counted(leftSide ? zq_getLeftTopoInforsNumByLNName : zq_getRightTopoInforsNumByLNName,
-                      name),
-              listed)
-        << name;
+    EXPECT_EQ(counted(leftSide ? zq_getLeftTopoInforsNumByLNName : zq_getRightTopoInforsNumByLNName, name),
+              listed) << name;
     std::vector<std::string> names;
     for (int i = 0; i < listed; ++i) names.emplace_back(nodes[i].m_rln);
     return names;
