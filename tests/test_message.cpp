@@ -208,7 +208,10 @@ void expectWholeBurst(Peer& subscriber, const MSGINFO& burst, int count) {
 
 class MessageBus : public ::testing::Test {
 protected:
-    void SetUp() override { removeTestQueues(), qvtest::freshConfStore(); }
+    void SetUp() override {
+        removeTestQueues();
+        qvtest::freshConfStore();
+    }
     void TearDown() override {
         removeTestQueues();
         if (savedIpc_ != -1) {

@@ -56,7 +56,10 @@ const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
 
 class Tool : public testing::Test {
 protected:
-    void SetUp() override { removeStore(realDbPath()), removeStore(confDbPath()); }
+    void SetUp() override {
+        removeStore(realDbPath());
+        removeStore(confDbPath());
+    }
     // Both stores, the sample configuration and the sample model.
     void provision() {
         ASSERT_EQ(tool({"init", "--conf-sample", sourcePath("samples/conf_sample.sql")}).code, 0);

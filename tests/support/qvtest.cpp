@@ -149,9 +149,11 @@ std::string stdoutWhileHeld(const std::string& dbPath, const std::function<int()
     result = op();
     std::fflush(stdout);
     dup2(savedStdout, STDOUT_FILENO);
-    close(savedStdout), close(pipeFds[1]);
+    close(savedStdout);
+    close(pipeFds[1]);
     releaser.join();
-    close(pipeFds[0]), sqlite3_close(holder);
+    close(pipeFds[0]);
+    sqlite3_close(holder);
     return seen;
 }
 
