@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,10 +47,12 @@ union semun {
     semid_ds* buf;
 };
 
+void takeStoreLock();
+
 // Holds the store lock for one operation.
 class StoreLock {
 public:
-    StoreLock() { locksem(s_RealSemId); }
+    StoreLock() { takeStoreLock(); }
     ~StoreLock() { unlocksem(s_RealSemId); }
     StoreLock(const StoreLock&) = delete;
     StoreLock& operator=(const StoreLock&) = delete;
@@ -243,13 +246,43 @@ int initRealSem(void) {
     return 0;
 }
 
+namespace {
+
+// A lock that is taken is tried again this many times, giving the processor
+// away in between, before the caller sleeps in the semaphore's queue. The
+// store operations hold it for microseconds, so a waiter that sleeps costs
+// two context switches for each hand-over, and with several processes per
+// core every operation ends up waiting for a wake-up.
+constexpr int kLockTriesBeforeSleeping = 32;
+
 // SEM_UNDO: a process that ends while it holds the lock, however it ends,
-// gives it back at once.
-void locksem(int semid) {
+// gives it back at once. False when the semaphore failed (errno tells why).
+bool takeLock(int semid) {
+    sembuf tryOp{0, -1, SEM_UNDO | IPC_NOWAIT};
+    for (int i = 0; i < kLockTriesBeforeSleeping; ++i) {
+        if (semop(semid, &tryOp, 1) == 0) return true;
+        if (errno != EAGAIN) break;
+        sched_yield();
+    }
     sembuf op{0, -1, SEM_UNDO};
-    while (semop(semid, &op, 1) == -1 && errno == EINTR) {
+    for (;;) {
+        if (semop(semid, &op, 1) == 0) return true;
+        if (errno != EINTR) return false;
     }
 }
+
+// The library's own operations make a set anew that was removed under them
+// (ipcrm), so that this process's threads stay apart on the connection,
+// which has no mutex of its own.
+void takeStoreLock() {
+    if (takeLock(s_RealSemId) || (errno != EIDRM && errno != EINVAL)) return;
+    initRealSem();
+    takeLock(s_RealSemId);
+}
+
+}  // namespace
+
+void locksem(int semid) { takeLock(semid); }
 
 void unlocksem(int semid) {
     sembuf op{0, 1, SEM_UNDO};
@@ -259,9 +292,10 @@ void unlocksem(int semid) {
 int zq_openRealDB(void) {
     initRealSem();
     if (s_sqliteDB != nullptr) return 0;
-    // No connection mutex: the store lock already keeps every thread but one
-    // away from the connection, so SQLite's own locking per call is waste.
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    // No connection mutex while the store lock keeps every thread but one
+    // away from the connection: SQLite's own locking per call is then waste.
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                      (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
     if (sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr) != SQLITE_OK) {
         std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(s_sqliteDB));
         releaseConnection();
