@@ -95,6 +95,27 @@ sqlite3_stmt** sharedStatements[] = {&s_stmt_select, &s_stmt_select1, &s_stmt_up
 // prepare per call costs as much as reading dozens of values.
 std::map<std::string, sqlite3_stmt*> s_memberQueries;
 
+// Transaction control, prepared once per connection as well: sqlite3_exec
+// parses its text anew on every call, which costs a short list about as
+// much as its values.
+enum Control { kBeginRead, kBeginWrite, kCommit, kRollback, kControlCount };
+const char* const kControlSql[kControlCount] = {"begin", "begin immediate transaction",
+                                                "commit transaction", "rollback"};
+sqlite3_stmt* s_control[kControlCount] = {};
+
+// Runs one transaction control statement: SQLITE_OK, or the failed prepare's
+// or step's result with the connection's message saying why.
+int runControl(Control control) {
+    sqlite3_stmt*& stmt = s_control[control];
+    if (stmt == nullptr) {
+        const int rc = sqlite3_prepare_v2(s_sqliteDB, kControlSql[control], -1, &stmt, nullptr);
+        if (rc != SQLITE_OK) return rc;
+    }
+    const int rc = sqlite3_step(stmt);
+    sqlite3_reset(stmt);
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
 // Finalises the shared statements and closes the connection; a failed open
 // uses it too, so that the next zq_openRealDB tries again from scratch.
 void releaseConnection() {
@@ -104,6 +125,10 @@ void releaseConnection() {
     }
     for (auto& query : s_memberQueries) sqlite3_finalize(query.second);
     s_memberQueries.clear();
+    for (sqlite3_stmt*& stmt : s_control) {
+        sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
     sqlite3_close(s_sqliteDB);
     s_sqliteDB = nullptr;
 }
@@ -629,11 +654,10 @@ std::string_view memberReference(sqlite3_stmt* row) {
 // One consistent snapshot of the store for a list of reads.
 class ReadTransaction {
 public:
-    ReadTransaction() { sqlite3_exec(s_sqliteDB, "begin", nullptr, nullptr, nullptr); }
+    ReadTransaction() { runControl(kBeginRead); }
     ~ReadTransaction() {
         if (sqlite3_get_autocommit(s_sqliteDB)) return;
-        if (sqlite3_exec(s_sqliteDB, "commit", nullptr, nullptr, nullptr) != SQLITE_OK)
-            sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+        if (runControl(kCommit) != SQLITE_OK) runControl(kRollback);
     }
     ReadTransaction(const ReadTransaction&) = delete;
     ReadTransaction& operator=(const ReadTransaction&) = delete;
@@ -658,20 +682,17 @@ void printTransactionFailure(TransactionStep step, bool withQuality, int rc, con
 // out; any other failure is tried again a bounded number of times and then
 // reported once, with the first failure's cause.
 bool runTransactionStep(TransactionStep step, bool withQuality) {
-    const char* sql =
-        step == TransactionStep::Begin ? "begin immediate transaction" : "commit transaction";
+    const Control control = step == TransactionStep::Begin ? kBeginWrite : kCommit;
     int failures = 0;
     int firstCode = SQLITE_OK;
     std::string firstCause;
     for (;;) {
-        char* errorText = nullptr;
-        const int rc = sqlite3_exec(s_sqliteDB, sql, nullptr, nullptr, &errorText);
+        const int rc = runControl(control);
         if (rc == SQLITE_OK) return true;
         if (rc != SQLITE_BUSY && firstCode == SQLITE_OK) {
             firstCode = rc;
-            firstCause = errorText != nullptr ? errorText : sqlite3_errmsg(s_sqliteDB);
+            firstCause = sqlite3_errmsg(s_sqliteDB);
         }
-        sqlite3_free(errorText);
         if (rc == SQLITE_BUSY) {
             usleep(qvsql::kBusyPauseMicros);
             continue;
@@ -689,8 +710,7 @@ bool runTransactionStep(TransactionStep step, bool withQuality) {
 
 // A save list that cannot go on leaves nothing behind.
 int abandonSave() {
-    if (!sqlite3_get_autocommit(s_sqliteDB))
-        sqlite3_exec(s_sqliteDB, "rollback", nullptr, nullptr, nullptr);
+    if (!sqlite3_get_autocommit(s_sqliteDB)) runControl(kRollback);
     return -1;
 }
 
