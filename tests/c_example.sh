@@ -5,8 +5,7 @@
 # Usage: c_example.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1
-build=$2
-prefix=$(mktemp -d)
+build=$2 prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -19,9 +18,7 @@ test "${cflags%% *}" = "-I$prefix/include/quorvane"
 if grep -q '/\.\./' <<<"$cflags"; then echo "unclean include path: $cflags"; exit 1; fi
 test "$(echo $(pkg-config --libs qv))" = "-L$libdir -lqv"
 pkg-config --print-requires-private qv | grep -qx sqlite3
-cc -std=c11 -Wall -Werror "$src/examples/minimal.c" $(pkg-config --cflags --libs qv) \
-   -o "$prefix/minimal"
-test -x "$prefix/minimal"
+cc -std=c11 -Wall -Werror "$src/examples/minimal.c" $(pkg-config --cflags --libs qv) -o "$prefix/minimal"
 
 # The CMake package.
 cmake -S "$src/examples/cmake" -B "$prefix/app" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

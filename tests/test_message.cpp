@@ -2,33 +2,22 @@
 // publishers and subscribers run by the peer program (tests/peer), records
 // compared byte for byte. Every wait on a peer is bounded by kTimeoutMs.
 #include <fcntl.h>
-#include <sched.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
-#include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <memory>
 #include <numeric>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "internal/qvmessage_internal.h"
 #include "qvmessage.h"
-#include "qvtest.h"
-
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
+#include "qvtool_run.h"
 
 namespace {
 
@@ -40,11 +29,13 @@ constexpr msglen_t kBurstBytes = kBurst * sizeof(MSGINFO);
 constexpr size_t kPayloadSize[] = {0, 260, 272, 272, 280, 1008, 268, 276, 264, 260, 268, 260,
                                    1188, 648};
 
-key_t queueKey(int processNo) { return processNo + QV_QUEUE_KEY_OFFSET; }
+int queueId(int processNo, int flags = 0) { return msgget(processNo + QV_QUEUE_KEY_OFFSET, flags); }
 
-void removeTestQueues() {
-    for (int no = 0; no <= kHighestProcessNo; ++no)
-        msgctl(msgget(queueKey(no), 0), IPC_RMID, nullptr);
+// The state of a process's queue; all zero when it has none.
+msqid_ds queueState(int processNo) {
+    msqid_ds state{};
+    msgctl(queueId(processNo), IPC_STAT, &state);
+    return state;
 }
 
 // A record of the kind with every other byte patterned; payload byte 3 keeps
@@ -52,8 +43,7 @@ void removeTestQueues() {
 MSGINFO patterned(int kind, int seed) {
     MSGINFO record;
     unsigned char* bytes = reinterpret_cast<unsigned char*>(&record);
-    for (size_t i = 0; i < sizeof record; ++i)
-        bytes[i] = static_cast<unsigned char>(seed * 31 + i * 7 + 1);
+    for (size_t i = 0; i < sizeof record; ++i) bytes[i] = (unsigned char)(seed * 31 + i * 7 + 1);
     record.msgType = kind;
     bytes[7] &= 0x7F;
     return record;
@@ -74,11 +64,6 @@ MSGINFO burstOf(int count) {
     return record;
 }
 
-struct QueueMessage {
-    long type;
-    char text[8192];
-};
-
 // Polls every millisecond until done() or kTimeoutMs.
 bool eventually(const std::function<bool()>& done) {
     for (int waited = 0; waited < kTimeoutMs; ++waited, usleep(1000)) {
@@ -87,37 +72,35 @@ bool eventually(const std::function<bool()>& done) {
     return false;
 }
 
-// The state of a process's queue; false when it has none.
-bool queueState(int processNo, msqid_ds* state) {
-    const int id = msgget(queueKey(processNo), 0);
-    return id != -1 && msgctl(id, IPC_STAT, state) == 0;
-}
-
-// Waits until the process's queue exists and holds at least `bytes`.
-bool queueHolds(int processNo, msglen_t bytes) {
-    msqid_ds state;
-    return eventually([&] { return queueState(processNo, &state) && state.msg_qbytes >= bytes; });
+// Waits until each process's queue exists and holds at least `bytes`.
+bool queuesHold(std::initializer_list<int> processNos, msglen_t bytes) {
+    return std::all_of(processNos.begin(), processNos.end(), [&](int no) {
+        return eventually([&] { return queueState(no).msg_qbytes >= bytes; });
+    });
 }
 
 // Sets the process's queue to the usual default capacity of 16384 bytes.
 bool shrinkQueue(int processNo) {
-    msqid_ds state;
-    if (!queueState(processNo, &state)) return false;
+    msqid_ds state = queueState(processNo);
     state.msg_qbytes = 16384;
-    return msgctl(msgget(queueKey(processNo), 0), IPC_SET, &state) == 0;
+    return msgctl(queueId(processNo), IPC_SET, &state) == 0;
 }
+
+struct QueueMessage {
+    long type;
+    char text[8192];
+};
 
 // Puts a record of kFenceKind behind everything sent to the process.
 bool sendFence(int processNo) {
     QueueMessage fence{kFenceKind, {}};
-    const int queue = msgget(queueKey(processNo), IPC_CREAT | 0666);
+    const int queue = queueId(processNo, IPC_CREAT | 0666);
     return eventually([&] { return msgsnd(queue, &fence, sizeof(MSGINFO), IPC_NOWAIT) == 0; });
 }
 
 // Takes the next message off a process's queue without a subscriber.
 bool takeMessage(int processNo, QueueMessage* message) {
-    const int id = msgget(queueKey(processNo), 0);
-    return id != -1 && msgrcv(id, message, sizeof message->text, 0, IPC_NOWAIT) != -1;
+    return msgrcv(queueId(processNo), message, sizeof message->text, 0, IPC_NOWAIT) != -1;
 }
 
 int occurrences(const std::string& text, const std::string& part) {
@@ -143,13 +126,11 @@ std::string readToEnd(int fd) {
     return text;
 }
 
-// One run of the peer program (or of another program); its stdin, stdout and
-// stderr are pipes.
+// One run of the peer program; its stdin, stdout and stderr are pipes.
 class Peer {
 public:
     // Argument zero is "p": the process name must not come from it.
-    Peer(const std::string& mode, std::vector<std::string> args, bool unprivileged = false,
-         const char* program = QV_MSG_PEER) {
+    Peer(const std::string& mode, std::vector<std::string> args, bool unprivileged = false) {
         args.insert(args.begin(), "p");
         std::vector<char*> argv;
         for (std::string& arg : args) argv.push_back(&arg[0]);
@@ -158,12 +139,10 @@ public:
         setenv("QV_MSG_PEER_UNPRIVILEGED", unprivileged ? "1" : "", 1);
         signal(SIGPIPE, SIG_IGN);  // a peer that died fails the test, not the binary
         int in[2], out[2], err[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-            std::abort();
-        pid_ = fork();
-        if (pid_ == 0) {
+        if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) std::abort();
+        if ((pid_ = fork()) == 0) {
             dup2(in[0], 0), dup2(out[1], 1), dup2(err[1], 2);
-            execv(program, argv.data());
+            execv(QV_MSG_PEER, argv.data());
             _exit(127);
         }
         close(in[0]), close(out[1]), close(err[1]);
@@ -172,10 +151,7 @@ public:
     Peer(const Peer&) = delete;
     ~Peer() { stop(); }
 
-    bool nextRecord(MSGINFO* record) {
-        return readPipe(out_, record, sizeof *record) == sizeof *record;
-    }
-
+    bool nextRecord(MSGINFO* record) { return readPipe(out_, record, sizeof *record) == sizeof *record; }
     // One command to a publisher, started, then its result (INT_MIN when none came).
     bool start(char op, const MSGINFO& record = MSGINFO{}) {
         return write(in_, &op, 1) == 1 && write(in_, &record, sizeof record) == sizeof record;
@@ -184,34 +160,23 @@ public:
         int result = INT_MIN;
         return readPipe(out_, &result, sizeof result) == sizeof result ? result : INT_MIN;
     }
-    int command(char op, const MSGINFO& record = MSGINFO{}) {
-        return start(op, record) ? result() : INT_MIN;
-    }
-
+    int command(char op, const MSGINFO& record = MSGINFO{}) { return start(op, record) ? result() : INT_MIN; }
     // What the peer writes to stdout until it ends by itself.
     std::string output() { return readToEnd(out_); }
-
     // Stops (SIGSTOP) or continues the peer; a stopped peer takes nothing off its queue.
     bool pause() {
         int status = 0;
-        return kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ &&
-               WIFSTOPPED(status);
+        return kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
     }
     void resume() { kill(pid_, SIGCONT); }
-
-    // Ends the peer, at once or, with waitToEnd, once it closed its stderr by
-    // ending (or stayed silent for kTimeoutMs). What it wrote to stderr; its
-    // exit code into *code, -1 when it was killed.
-    std::string stop(bool waitToEnd = false, int* code = nullptr) {
+    // Kills the peer; what it wrote to stderr.
+    std::string stop() {
         if (pid_ <= 0) return "";
-        std::string errors = waitToEnd ? readToEnd(err_) : "";
-        int status = 0;
         kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
+        waitpid(pid_, nullptr, 0);
         pid_ = -1;
-        errors += readToEnd(err_);
+        const std::string errors = readToEnd(err_);
         for (int fd : {in_, out_, err_}) close(fd);
-        if (code != nullptr) *code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return errors;
     }
 
@@ -254,6 +219,9 @@ protected:
             close(savedIpc_);
         }
     }
+    static void removeTestQueues() {
+        for (int no = 0; no <= kHighestProcessNo; ++no) msgctl(queueId(no), IPC_RMID, nullptr);
+    }
     // Runs the rest of the test in an IPC namespace of its own whose queue
     // limit (msgmnb) is `bytes`: the capacity a subscriber gets then depends
     // neither on this machine's limit nor on CAP_SYS_RESOURCE. False when the
@@ -271,9 +239,8 @@ protected:
                                                   std::to_string(no) + ",'" + name + "')");
     }
     static void route(int from, int to, int mask) {
-        qvtest::execSql(qvtest::confDbPath(), "insert into ProcessMsgAssociation values(" +
-                                                  std::to_string(from) + "," + std::to_string(to) +
-                                                  "," + std::to_string(mask) + ")");
+        qvtest::execSql(qvtest::confDbPath(), "insert into ProcessMsgAssociation values(" + std::to_string(from) +
+                                                  "," + std::to_string(to) + "," + std::to_string(mask) + ")");
     }
     // Process 1 sends general messages to processes 2 and 3 ("qv_msg_peer 2", "qv_msg_peer 3").
     static void publisherToProcesses2And3() {
@@ -293,38 +260,26 @@ private:
 
 TEST_F(MessageBus, EveryKindReachesExactlyTheReceiversWhoseRoutesCarryItsBit) {
     struct Subscriber {
-        int no;
         std::string name, mode;
         std::vector<int> masks;
         std::unique_ptr<Peer> peer;
     } subscribers[] = {
-        {2, "all", "sync", {0x1FFF}, nullptr},
-        {3, "odd", "sync", {0x1555, 0x1}, nullptr},  // two routes: kind 1 comes twice
-        {4, "even", "async", {0x0AAA}, nullptr},
-        {5, "none", "async", {0, 0x7FFFE000}, nullptr},  // bits above 0x1000 select nothing
+        {"all", "sync", {0x1FFF}, nullptr},            // process 2
+        {"odd", "sync", {0x1555, 0x1}, nullptr},       // two routes: kind 1 comes twice
+        {"even", "async", {0x0AAA}, nullptr},
+        {"none", "async", {0, 0x7FFFE000}, nullptr},  // bits above 0x1000 select nothing
     };
     configure(1, "qv_msg_peer publisher");
-    for (Subscriber& s : subscribers) {
-        configure(s.no, "qv_msg_peer " + s.name);
-        for (int mask : s.masks) route(1, s.no, mask);
+    for (int no = 2; no < 6; ++no) {
+        configure(no, "qv_msg_peer " + subscribers[no - 2].name);
+        for (int mask : subscribers[no - 2].masks) route(1, no, mask);
     }
     // Started once the store is written: the test's writes have no busy retry.
     for (Subscriber& s : subscribers) s.peer.reset(new Peer(s.mode, {s.name}));
     Peer sender("pub", {"publisher"});
-
-    // Each subscriber gets a sent record once per route carrying its kind's bit.
-    auto expectDelivered = [&](const MSGINFO& sent, char op) {
-        for (Subscriber& s : subscribers) {
-            for (int mask : s.masks) {
-                if (!(mask & (1 << (sent.msgType - 1)))) continue;
-                MSGINFO received;
-                ASSERT_TRUE(s.peer->nextRecord(&received)) << s.name << " kind " << sent.msgType;
-                EXPECT_TRUE(arrivedAsSent(received, sent)) << s.name << " sent by " << op;
-            }
-        }
-    };
     // Until zq_publisherMsg the sender has no routes: a record it sent then
-    // would arrive ahead of the expected ones.
+    // would arrive ahead of the expected ones. zq_sendMsg leaves the kinds
+    // after DIGITALOUTRET to their own operations.
     int seed = 0;
     for (bool loaded : {false, true}) {
         if (loaded) {
@@ -334,16 +289,24 @@ TEST_F(MessageBus, EveryKindReachesExactlyTheReceiversWhoseRoutesCarryItsBit) {
             for (char op : std::string(kind == SOEINFO_TYPE ? "KMD" : "KM")) {
                 const MSGINFO sent = patterned(kind, ++seed);
                 ASSERT_EQ(sender.command(op, sent), 0);
-                // zq_sendMsg leaves the kinds after DIGITALOUTRET to their own operations.
-                if (loaded && (op != 'M' || kind <= DIGITALOUTRET_TYPE)) expectDelivered(sent, op);
+                if (!loaded || (op == 'M' && kind > DIGITALOUTRET_TYPE)) continue;
+                // Once per route carrying the kind's bit.
+                for (Subscriber& s : subscribers) {
+                    for (int mask : s.masks) {
+                        if (!(mask & (1 << (kind - 1)))) continue;
+                        MSGINFO received;
+                        ASSERT_TRUE(s.peer->nextRecord(&received)) << s.name << " kind " << kind;
+                        EXPECT_TRUE(arrivedAsSent(received, sent)) << s.name << " sent by " << op;
+                    }
+                }
             }
         }
     }
     // A fence behind everything sent: each subscriber must hand it on next.
-    for (Subscriber& s : subscribers) {
+    for (int no = 2; no < 6; ++no) {
         MSGINFO received;
-        ASSERT_TRUE(sendFence(s.no) && s.peer->nextRecord(&received)) << s.name;
-        EXPECT_EQ(received.msgType, kFenceKind) << s.name << " received more than was sent to it";
+        ASSERT_TRUE(sendFence(no) && subscribers[no - 2].peer->nextRecord(&received)) << no;
+        EXPECT_EQ(received.msgType, kFenceKind) << no << " received more than was sent to it";
     }
 }
 
@@ -361,27 +324,23 @@ TEST_F(MessageBus, TypeFieldHoldsTheKindAndThePayloadsFirstFourBytesAndStrangers
     ASSERT_TRUE(takeMessage(6, &message));
     EXPECT_EQ(message.type, 4294967298L);
     EXPECT_EQ(std::memcmp(&message, &sent, sizeof sent), 0);
-
     // A negative type field: the kernel refuses every send of the record.
     sent.msgInfo.soeInfo.type = -1;
     EXPECT_EQ(sender.command('K', sent), 0);
     EXPECT_EQ(sender.command('M', sent), 0);
     EXPECT_FALSE(takeMessage(6, &message));
-
     // A process no longer configured loads no routes and sends nothing.
     qvtest::execSql(qvtest::confDbPath(), "delete from ProcessConfig where no=1");
     EXPECT_EQ(sender.command('P'), -1);
     sent.msgInfo.soeInfo.type = 1;
     EXPECT_EQ(sender.command('K', sent), 0);
     EXPECT_FALSE(takeMessage(6, &message));
-    EXPECT_EQ(sender.stop(),
-              "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n");
+    EXPECT_EQ(sender.stop(), "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n");
     // A subscriber the store does not know fails without creating a queue.
     for (const char* mode : {"sync", "async"}) {
         EXPECT_EQ(Peer(mode, {"stranger"}).output(), "subscription returned -1\n") << mode;
     }
-    for (int no = 0; no <= kHighestProcessNo; ++no)
-        EXPECT_TRUE(no == 6 || msgget(queueKey(no), 0) == -1) << no;
+    for (int no = 0; no <= kHighestProcessNo; ++no) EXPECT_TRUE(no == 6 || queueId(no) == -1) << no;
 }
 
 TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
@@ -390,7 +349,7 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
     Peer syncSubscriber("sync", {"2"}), asyncSubscriber("async", {"3"});
     Peer sender("pub", {"publisher"});
     ASSERT_EQ(sender.command('P'), 0);
-    ASSERT_TRUE(queueHolds(2, kBurstBytes) && queueHolds(3, kBurstBytes));
+    ASSERT_TRUE(queuesHold({2, 3}, kBurstBytes));
     const MSGINFO burst = burstOf(kBurst);
     ASSERT_EQ(sender.command('B', burst), 0);  // no send lost its record
     for (int no : {2, 3}) ASSERT_TRUE(sendFence(no));
@@ -404,10 +363,9 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
 // and returns -1, and only the first one waits for room. The tool's send
 // fails the same way.
 TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) {
-    const std::string tool = QV_TOOL;
     configure(1, "qv_msg_peer publisher");
     configure(6, "qv_msg_peer late");
-    configure(7, tool.substr(tool.rfind('/') + 1));
+    configure(7, qvtest::toolName());
     route(1, 6, 0x10);
     route(7, 6, 0x10);
     USE_QUEUE_LIMIT(kBurstBytes);
@@ -415,39 +373,34 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
     ASSERT_EQ(sender.command('P'), 0);
     // Sent before the subscriber exists: waits in the queue that the send
     // created, made as small as the usual default.
-    const MSGINFO early = patterned(GENERALMSG_TYPE, 0);
+    const MSGINFO early = patterned(GENERALMSG_TYPE, 0), later = patterned(GENERALMSG_TYPE, 1);
     ASSERT_EQ(sender.command('K', early), 0);
     ASSERT_TRUE(shrinkQueue(6));
     Peer subscriber("sync", {"late"});
     MSGINFO received;
     ASSERT_TRUE(subscriber.nextRecord(&received));
     EXPECT_TRUE(arrivedAsSent(received, early));
-    ASSERT_TRUE(queueHolds(6, kBurstBytes));  // the subscriber raised it
+    ASSERT_TRUE(queuesHold({6}, kBurstBytes));  // the subscriber raised it
     ASSERT_TRUE(subscriber.pause());
     // Small again, as when a sender created it before any subscriber: the
     // sender raises it when it finds it full.
     ASSERT_TRUE(shrinkQueue(6));
-
     const int lost = 200;
     const MSGINFO burst = burstOf(kBurst + lost);
     EXPECT_EQ(sender.command('B', burst), lost);
-    int toolCode = 0;
-    const std::string toolErrors =
-        Peer("", {"send", "general", "buf=x"}, false, QV_TOOL).stop(true, &toolCode);
-    EXPECT_EQ(toolCode, 1);
-    EXPECT_THAT(toolErrors, testing::HasSubstr("the queue of process 6 stayed full"));
+    const qvtest::ToolRun toolSend = qvtest::tool({"send", "general", "buf=x"});
+    EXPECT_EQ(toolSend.code, 1);
+    EXPECT_THAT(toolSend.err, testing::HasSubstr("the queue of process 6 stayed full"));
 
     subscriber.resume();
     ASSERT_TRUE(sendFence(6));
     expectWholeBurst(subscriber, burst, kBurst);
     // Once the queue has room again, sends go through.
-    const MSGINFO later = patterned(GENERALMSG_TYPE, 1);
     EXPECT_EQ(sender.command('K', later), 0);
     ASSERT_TRUE(subscriber.nextRecord(&received));
     EXPECT_TRUE(arrivedAsSent(received, later));
     // Only the first lost record waited for room.
-    const std::string errors = sender.stop();
-    const std::string full = "msgsnd failed: the queue of process 6 ";
+    const std::string errors = sender.stop(), full = "msgsnd failed: the queue of process 6 ";
     EXPECT_EQ(occurrences(errors, full + "stayed full for 50 ms; message of kind 5 lost\n"), 1);
     EXPECT_EQ(occurrences(errors, full + "is still full; message of kind 5 lost\n"), lost - 1);
 }
@@ -461,17 +414,17 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
     publisherToProcesses2And3();
     const msglen_t limit = 16384;
     USE_QUEUE_LIMIT(limit);
-    Peer syncSubscriber("sync", {"2"}), asyncSubscriber("async", {"3"}, true);
+    Peer subscribers[] = {{"sync", {"2"}}, {"async", {"3"}, true}};
     Peer sender("pub", {"publisher"});
     ASSERT_EQ(sender.command('P'), 0);
-    ASSERT_TRUE(queueHolds(2, limit) && queueHolds(3, limit));
+    ASSERT_TRUE(queuesHold({2, 3}, limit));
 
     const MSGINFO burst = burstOf(kBurst);
     std::vector<int> numbers[2];
     bool whole[2] = {false, false};
     std::thread readers[] = {
-        std::thread([&] { whole[0] = readBurst(syncSubscriber, burst, &numbers[0]); }),
-        std::thread([&] { whole[1] = readBurst(asyncSubscriber, burst, &numbers[1]); })};
+        std::thread([&] { whole[0] = readBurst(subscribers[0], burst, &numbers[0]); }),
+        std::thread([&] { whole[1] = readBurst(subscribers[1], burst, &numbers[1]); })};
     EXPECT_TRUE(sender.start('T', burst));  // no ASSERT while the readers run
     // What a removal may cost: the records in the queue, and one that the
     // sender opened the queue for just before.
@@ -479,32 +432,30 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
     int bound[2] = {0, 0};
     for (int i = 0; i < removals; ++i) {
         usleep(250 * 1000);
-        for (int no : {2, 3}) {
-            msqid_ds state{};
-            EXPECT_TRUE(queueState(no, &state));
-            EXPECT_EQ(msgctl(msgget(queueKey(no), 0), IPC_RMID, nullptr), 0);
-            bound[no - 2] += static_cast<int>(state.msg_qnum) + 1;
+        for (int s = 0; s < 2; ++s) {
+            bound[s] += static_cast<int>(queueState(2 + s).msg_qnum) + 1;
+            EXPECT_EQ(msgctl(queueId(2 + s), IPC_RMID, nullptr), 0);
         }
     }
     EXPECT_EQ(sender.result(), 0);
     for (int no : {2, 3}) EXPECT_TRUE(sendFence(no));
     for (std::thread& reader : readers) reader.join();
 
-    const std::string errors[] = {syncSubscriber.stop(), asyncSubscriber.stop()};
+    const std::string errors[] = {subscribers[0].stop(), subscribers[1].stop()};
     EXPECT_EQ(occurrences(errors[1], "the queue of process 3 holds 16384 bytes (13 records), "
                                      "not the 1192000 bytes of 1000 records: raise the system "
                                      "limit (sysctl -w kernel.msgmnb=1192000)"),
               1)
         << errors[1];
     std::printf("records lost to %d queue removals: sync %d, async %d of %d each\n", removals,
-                kBurst - static_cast<int>(numbers[0].size()),
-                kBurst - static_cast<int>(numbers[1].size()), kBurst);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(whole[i]) << i;
-        EXPECT_TRUE(std::is_sorted(numbers[i].begin(), numbers[i].end()) &&
-                    std::adjacent_find(numbers[i].begin(), numbers[i].end()) == numbers[i].end());
-        EXPECT_LE(kBurst - static_cast<int>(numbers[i].size()), bound[i]) << i;
-        EXPECT_EQ(occurrences(errors[i], "msgrcv err\n: "), removals) << errors[i];
+                kBurst - int(numbers[0].size()), kBurst - int(numbers[1].size()), kBurst);
+    for (int s = 0; s < 2; ++s) {
+        SCOPED_TRACE(s == 0 ? "sync" : "async");
+        EXPECT_TRUE(whole[s]);
+        EXPECT_TRUE(std::is_sorted(numbers[s].begin(), numbers[s].end()) &&
+                    std::adjacent_find(numbers[s].begin(), numbers[s].end()) == numbers[s].end());
+        EXPECT_LE(kBurst - int(numbers[s].size()), bound[s]);
+        EXPECT_EQ(occurrences(errors[s], "msgrcv err\n: "), removals) << errors[s];
     }
 }
 
@@ -516,21 +467,18 @@ TEST(ProcessName, IsTheExecutablesFileNameAndArgumentsCutToTheBuffer) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "qv_msg_peer"},
         {{"a", "b"}, "qv_msg_peer a b"},
-        {{"", "b"}, "qv_msg_peer"},  // an empty argument ends the list
+        {{"", "b"}, "qv_msg_peer"},                       // an empty argument ends the list
         {{"a", std::string(200, 'x')}, "qv_msg_peer a"},  // the buffer ends inside the x's
         {{a, b}, ("qv_msg_peer " + a + " " + b).substr(0, 127)},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Peer("path", c.first).output(), dir + "\n" + c.second + "\n");
-    }
+    for (const auto& c : cases) EXPECT_EQ(Peer("path", c.first).output(), dir + "\n" + c.second + "\n");
 
     // A path as long as the directory buffer is refused; nothing lands after it.
-    char shortDir[24];
-    char name[128];
+    char shortDir[24], name[128];
     std::memset(shortDir, '#', sizeof shortDir);
-    CaptureStderr();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(get_executable_path(shortDir, name, 16), -1);
-    EXPECT_THAT(GetCapturedStderr(), testing::StartsWith("readlink  err\n: "));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::StartsWith("readlink  err\n: "));
     EXPECT_EQ(std::string(shortDir + 16, 8), std::string(8, '#'));
 }
 

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "qvrealapi.h"
@@ -183,4 +184,32 @@ TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
     EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), 0);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), kRows);
     zq_closeRealDB();
+}
+
+// The connection has no mutex of its own: threads stay apart only through the
+// store lock, so a lock removed under a running process must come back.
+TEST_F(RealStore, ALockRemovedUnderThreadsIsMadeAnew) {
+    constexpr int kThreads = 4, kOps = 3000;
+    std::vector<std::string> refs;
+    for (int t = 0; t < kThreads; ++t) {
+        refs.push_back("IED1LD0/GGIO1$ST$Ind" + std::to_string(t) + "$stVal");
+        addValueRow(refs.back());
+    }
+    qvtest::removeStoreLock();
+    std::vector<int> failures(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 1; i <= kOps; ++i) {
+                double value = 0;
+                int quality = 0;
+                if (zq_saveDoubDAValue1(refs[t].c_str(), i, t) != 0 ||
+                    zq_getDoubDAValue1(refs[t].c_str(), &value, &quality) != 0 || value != i ||
+                    quality != t)
+                    ++failures[t];
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
+    EXPECT_EQ(storeLockValue(), 1);
 }

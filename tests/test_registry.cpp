@@ -19,11 +19,6 @@ namespace {
 
 // Records are zeroed whole, so that equal fields mean equal bytes.
 template <typename Record>
-Record zeroed() {
-    return filledRecord<Record>(0);
-}
-
-template <typename Record>
 bool sameBytes(const Record& a, const Record& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // The count a successful lister or counter sets, starting from 7.
@@ -37,7 +32,7 @@ int counted(Op op, Out*... out) {
 // A whole-table list gives back exactly the records written, byte for byte.
 template <typename Record>
 void expectListed(int (*list)(Record*, int*), const Record* written, int n) {
-    std::vector<Record> got(n, zeroed<Record>());
+    std::vector<Record> got(n, filledRecord<Record>(0));
     ASSERT_EQ(counted(list, got.data()), n);
     EXPECT_EQ(std::memcmp(got.data(), written, n * sizeof(Record)), 0);
 }
@@ -50,7 +45,7 @@ LTUAccess accessEntry(const char* deviceid, int model, const std::string& key = 
 }
 
 LTUInfor terminal(int id, const char* name, int state = 0) {
-    auto t = zeroed<LTUInfor>();
+    auto t = filledRecord<LTUInfor>(0);
     t.id = id;
     qvsql::copyText(t.QVsoftware_version, "QS1.0.7");  // 7 characters: a full field
     qvsql::copyText(t.QVhardware_version, "QH2");
@@ -80,10 +75,8 @@ std::vector<std::string> neighbours(const char* name, bool leftSide = true) {
     std::vector<TopoInfor> nodes(16);
     const int listed = counted(leftSide ? zq_getLeftTopoInforsByLNName : zq_getRightTopoInforsByLNName,
                                name, nodes.data());
-    EXPECT_EQ(counted(leftSide ? zq_getLeftTopoInforsNumByLNName : zq_getRightTopoInforsNumByLNName,
-                      name),
-              listed)
-        << name;
+    EXPECT_EQ(counted(leftSide ? zq_getLeftTopoInforsNumByLNName : zq_getRightTopoInforsNumByLNName, name),
+              listed) << name;
     std::vector<std::string> names;
     for (int i = 0; i < listed; ++i) names.emplace_back(nodes[i].m_rln);
     return names;
@@ -154,8 +147,7 @@ TEST_F(Registry, TerminalsRoundTripAndChangeByName) {
               (Rows{{"-3", "QS1.0.7", "QH2", "SS3", "SH4.5.6", "LTU-B", "10.0.0.7:2404", "3", "2",
                      "pole 12"}}));
     expectListed(zq_getAllLTUInfors, stored, 3);
-    auto byName = zeroed<LTUInfor>();
-    auto byId = zeroed<LTUInfor>();
+    auto byName = filledRecord<LTUInfor>(0), byId = filledRecord<LTUInfor>(0);
     ASSERT_EQ(zq_getLTUInforByName("LTU-A", &byName), 0);  // the first of the two
     ASSERT_EQ(zq_getLTUInforById(-3, &byId), 0);          // a negative identifier
     EXPECT_TRUE(sameBytes(byName, stored[0]) && sameBytes(byId, stored[1]));
@@ -221,7 +213,7 @@ TEST_F(Registry, LookupsByStateAndIdAnnounceABusyStore) {
         return result;
     };
     int state = 0;
-    auto found = zeroed<LTUInfor>();
+    auto found = filledRecord<LTUInfor>(0);
     EXPECT_EQ(whileHeld([&] { return zq_getLTUInforStateByName("LTU-A", &state); }), 0);
     EXPECT_EQ(whileHeld([&] { return zq_getLTUInforById(12, &found); }), 0);
     EXPECT_EQ(state, 4);
@@ -254,7 +246,7 @@ TEST(ClosedRealStore, OperationsFailAndLeaveTheOutputs) {
     EXPECT_EQ(storeLockValue(), 1);
 }
 
-TEST_F(Topology, NodesRoundTripWhole) {
+TEST_F(Topology, NodesRoundTripWholeAndNeighboursShareOneSidesLink) {
     EXPECT_EQ(query(realDbPath(), "select * from TopoInfor where id=2"),
               (Rows{{"2", "switch", "LN_B", "branchB", "bus1", "bus3", "2", std::string(31, 'I'),
                      "North"}}));
@@ -264,9 +256,8 @@ TEST_F(Topology, NodesRoundTripWhole) {
     EXPECT_TRUE(sameBytes(found, feeder[4]));
     ASSERT_EQ(zq_getTopoInforPower(&found), 0);
     EXPECT_STREQ(found.m_rln, "LN_D");  // the first of two; flag 2 is no power node
-}
 
-TEST_F(Topology, NeighboursShareOneSidesLinkAndCountsAgreeWithLists) {
+    // Neighbours share one side's link; the counts agree with the lists.
     EXPECT_THAT(neighbours("LN_A"), ElementsAre("LN_B", "LN_C"));  // not D, whose right link is bus1
     EXPECT_THAT(neighbours("LN_B"), ElementsAre("LN_A", "LN_C"));
     EXPECT_THAT(neighbours("LN_D"), IsEmpty());

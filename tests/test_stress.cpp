@@ -1,10 +1,9 @@
 // Processes on the real-time store at once, each opening its connection as
-// it starts. Eight of them: list writers, a data-set writer, list and
-// data-set readers, optionally a model load beside them. Every writer writes
-// a rising sequence, so a reader can tell a lost, torn or backward value; the
-// parent kills every child past a deadline, so a deadlock fails the test
-// instead of hanging it. Then the store lock itself: exclusion, waiting, and
-// release when its holder dies.
+// it starts: list writers, a data-set writer, list and data-set readers and a
+// model load beside them. Every writer writes a rising sequence, so a reader
+// can tell a lost, torn or backward value; the parent kills every child past
+// a deadline, so a deadlock fails the test instead of hanging it. Then the
+// store lock itself: exclusion, waiting, and release when its holder dies.
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
@@ -14,11 +13,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "qvaddied.h"
 #include "qvrealapi.h"
@@ -31,20 +26,15 @@ namespace {
 
 constexpr int kWriters = 3;
 constexpr int kListReaders = 2;
-constexpr int kSetReaders = 2;  // with the data-set writer: 8 processes
+constexpr int kSetReaders = 2;
 constexpr int kSequence = 200;  // values each writer writes
 constexpr int kMembers = 16;    // members of the data set under load
 constexpr int kLoads = 3;       // successful loads the loader needs
-const char* const kIed = "QVFTU1";
 const char* const kOtherIed = "QVFTU2";
 const char* const kSetIed = "STRESS";
 const char* const kSet = "dsStress";
 
-// Flags mapped shared before the children fork.
-struct Shared {
-    std::atomic<int> stop;
-};
-Shared* shared = nullptr;
+std::atomic<int>* stopFlag = nullptr;  // mapped shared before the children fork
 
 // A child says what failed on its stderr; its exit code tells the parent.
 bool fail(const std::string& text) {
@@ -52,10 +42,7 @@ bool fail(const std::string& text) {
     return false;
 }
 
-std::string ref(int writer, char row) {
-    return "STRESS/W" + std::to_string(writer) + "$" + row;
-}
-
+std::string ref(int writer, char row) { return "STRESS/W" + std::to_string(writer) + "$" + row; }
 std::string memberRef(int member) { return "STRESS/SET$m" + std::to_string(member); }
 
 // The names of a writer's first `count` rows: the pair a, b and the counter n.
@@ -65,7 +52,7 @@ void rowNames(DaNameRow* names, int writer, int count) {
 }
 
 // The pair goes in one list save, the counter through both single-value
-// saves in turn.
+// saves in turn; the data-set writer gives every member one value and quality.
 bool writer(int w) {
     DaNameRow names[2];
     rowNames(names, w, 2);
@@ -82,47 +69,42 @@ bool writer(int w) {
     return true;
 }
 
-// Every member gets the same value and quality in one data-set save.
 bool setWriter() {
     for (int seq = 1; seq <= kSequence; ++seq) {
         const std::vector<double> values(kMembers, seq);
         const std::vector<int> qualities(kMembers, seq);
-        if (zq_saveDAValues1ByDataSet(kSetIed, kSet, values.data(), qualities.data(),
-                                      kMembers) != 0)
+        if (zq_saveDAValues1ByDataSet(kSetIed, kSet, values.data(), qualities.data(), kMembers) != 0)
             return fail("data-set save failed at " + std::to_string(seq));
     }
     return true;
 }
 
-int membersThroughLibrary(const char* ied) {
+int loadedMembers() {
     int members = -1;
-    zq_getDataSetSubsByParamsNum(ied, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    zq_getDataSetSubsByParamsNum(kOtherIed, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                  nullptr, &members);
     return members;
 }
 
-// No value a reader sees may go back, no pair may be torn, and a load shows
+// No value a reader sees may go back, no pair may be torn, and the load shows
 // whole or not at all.
-bool listReader(int loadedMembers) {
+bool listReader(int wholeLoad) {
     constexpr int kRows = 3 * kWriters;
     DaNameRow names[kRows];
     for (int w = 0; w < kWriters; ++w) rowNames(names + 3 * w, w, 3);
     std::vector<double> seen(kRows, 0);
-    while (shared->stop.load() == 0) {
+    while (stopFlag->load() == 0) {
         double values[kRows];
         int qualities[kRows];
         if (zq_getDAValues1(names, kRows, values, qualities) != 0) return fail("read failed");
         for (int i = 0; i < kRows; ++i) {
             if (values[i] < seen[i]) return fail(std::string(names[i]) + " went back");
             seen[i] = values[i];
-        }
-        for (int i = 0; i < kRows; i += 3) {
-            if (values[i] != values[i + 1] || qualities[i] != qualities[i + 1])
+            if (i % 3 == 0 && (values[i] != values[i + 1] || qualities[i] != qualities[i + 1]))
                 return fail(std::string(names[i]) + " torn from its pair");
         }
-        const int shown = membersThroughLibrary(kOtherIed);
-        if (shown != 0 && shown != loadedMembers)
-            return fail("the loading IED showed " + std::to_string(shown) + " members");
+        const int shown = loadedMembers();
+        if (shown != 0 && shown != wholeLoad) return fail("the load showed " + std::to_string(shown));
     }
     return true;
 }
@@ -131,14 +113,13 @@ bool listReader(int loadedMembers) {
 // than the last read; the bounded form is used in turn with the plain one.
 bool setReader() {
     double seen = 0;
-    for (int pass = 0; shared->stop.load() == 0; ++pass) {
+    for (int pass = 0; stopFlag->load() == 0; ++pass) {
         double values[kMembers];
         int qualities[kMembers];
         int count = 0;
         const int result =
-            pass % 2 == 0
-                ? zq_getDAValues1ByDataSet(kSetIed, kSet, values, qualities, &count)
-                : zq_getDAValues1ByDataSetN(kSetIed, kSet, values, qualities, kMembers, &count);
+            pass % 2 == 0 ? zq_getDAValues1ByDataSet(kSetIed, kSet, values, qualities, &count)
+                          : zq_getDAValues1ByDataSetN(kSetIed, kSet, values, qualities, kMembers, &count);
         if (result != 0 || count != kMembers) return fail("data-set read failed");
         for (int i = 0; i < kMembers; ++i) {
             if (values[i] != values[0] || qualities[i] != values[0])
@@ -153,17 +134,15 @@ bool setReader() {
 // The loader takes no store lock and no busy retry: under traffic a load may
 // fail, and must then leave the store as it was.
 bool loader(std::string model) {
-    for (int loaded = 0; loaded < kLoads;) {
-        const int before = membersThroughLibrary(kOtherIed);
-        const int result = zq_addIEDRealDB(&model[0]);
+    for (int loaded = 0; loaded < kLoads; usleep(5000)) {
+        const int before = loadedMembers(), result = zq_addIEDRealDB(&model[0]);
         if (result == 0) {
             ++loaded;
         } else if (result != -1) {
             return fail("load answered " + std::to_string(result));
-        } else if (membersThroughLibrary(kOtherIed) != before) {
+        } else if (loadedMembers() != before) {
             return fail("a failed load changed the store");
         }
-        usleep(5000);
     }
     return true;
 }
@@ -186,53 +165,47 @@ bool incrementUnderStoreLock(long long rowKey, int times) {
         const std::string read = "select value from DAValue where hashID=" + key;
         sqlite3_exec(db, read.c_str(), readValue, &value, nullptr);
         usleep(50);  // widen the window a missing lock would leave open
-        const std::string update =
-            "update DAValue set value=" + std::to_string(value + 1) + " where hashID=" + key;
-        sqlite3_exec(db, update.c_str(), nullptr, nullptr, nullptr);
+        const std::string update = "update DAValue set value=" + std::to_string(value + 1) + " where hashID=";
+        sqlite3_exec(db, (update + key).c_str(), nullptr, nullptr, nullptr);
         unlocksem(semget(QV_SEM_KEY, 1, 0666));
     }
     return sqlite3_close(db) == SQLITE_OK;
 }
 
-long long members(const char* ied) {
-    return queryInt(realDbPath(), std::string("select count(*) from DataSetSub where iedName='") +
-                                      ied + "'");
+long long members(const std::string& ied) {
+    return queryInt(realDbPath(), "select count(*) from DataSetSub where iedName='" + ied + "'");
 }
 
-// The sample model under a second IED name, for a load beside the first.
-std::string writeOtherModel() {
-    const std::string path = std::string(QV_TEST_STORE_DIR) + "/other_ied.cid";
-    const std::string rename = std::string("sed s/") + kIed + "/" + kOtherIed + "/g " +
-                               qvtest::sourcePath("samples/feeder_terminal.cid") + " > " + path;
-    return std::system(rename.c_str()) == 0 ? path : "";
-}
-
-void addValueRow(const std::string& reference) {
-    qvtest::execSql(realDbPath(), "insert into DAValue values(" +
-                                      std::to_string(qvtest::rowKey(reference)) + ",1,0,0,0)");
+long long valueOf(const std::string& reference) {
+    return queryInt(realDbPath(), "select value from DAValue where hashID=" +
+                                      std::to_string(qvtest::rowKey(reference)));
 }
 
 class Stress : public testing::Test {
 protected:
     void SetUp() override {
-        shared = static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                                           MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        stopFlag = static_cast<std::atomic<int>*>(mmap(nullptr, sizeof *stopFlag, PROT_READ | PROT_WRITE,
+                                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         zq_closeRealDB();  // children must not inherit a connection
         qvtest::removeStoreLock();
         qvtest::freshRealStore();
         std::string sample = qvtest::sourcePath("samples/feeder_terminal.cid");
         ASSERT_EQ(zq_addIEDRealDB(&sample[0]), 0);
+        std::string rows;
         for (int w = 0; w < kWriters; ++w)
-            for (const char row : {'a', 'b', 'n'}) addValueRow(ref(w, row));
+            for (const char row : {'a', 'b', 'n'}) rows += valueRow(ref(w, row));
         for (int m = 0; m < kMembers; ++m) {
-            addValueRow(memberRef(m));
-            qvtest::execSql(realDbPath(), "insert into DataSetSub(fcdaName,iedName,dsName) values('" +
-                                              memberRef(m) + "','" + kSetIed + "','" + kSet + "')");
+            rows += valueRow(memberRef(m)) + "insert into DataSetSub(fcdaName,iedName,dsName) values('" +
+                    memberRef(m) + "','" + kSetIed + "','" + kSet + "');";
         }
+        qvtest::execSql(realDbPath(), rows);
     }
     void TearDown() override {
         for (size_t i = 0; i < pids_.size(); ++i) killChild(i);
-        munmap(shared, sizeof(Shared));
+        munmap(stopFlag, sizeof *stopFlag);
+    }
+    static std::string valueRow(const std::string& reference) {
+        return "insert into DAValue values(" + std::to_string(qvtest::rowKey(reference)) + ",1,0,0,0);";
     }
 
     // Forks a child that opens its own connection and runs its role at once;
@@ -249,26 +222,22 @@ protected:
     }
     // Polls until the condition holds; false once the test's deadline passed.
     bool until(const std::function<bool()>& condition) {
-        while (!condition()) {
+        for (; !condition(); usleep(1000)) {
             if (std::chrono::steady_clock::now() > end_) return false;
-            usleep(1000);
         }
         return true;
     }
-    // Waits for child i to end well; false when it had not ended by the deadline.
-    bool finished(size_t i) {
-        if (pids_[i] <= 0) return true;  // killed already
-        int status = 0;
-        if (!until([&] { return waitpid(pids_[i], &status, WNOHANG) != 0; })) return false;
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child " << pids_[i];
-        pids_[i] = -1;
-        return true;
-    }
-    // Waits for every child, raising the stop flag once the first `workers` ended.
+    // Waits for every child to end well, raising the stop flag once the first
+    // `workers` ended; a child still running at the deadline fails the test.
     void finishAll(size_t workers = 0) {
         for (size_t i = 0; i < pids_.size(); ++i) {
-            if (i == workers) shared->stop.store(1);
-            ASSERT_TRUE(finished(i)) << "child " << i << " hung: deadlock or a lock never freed";
+            if (i == workers) stopFlag->store(1);
+            if (pids_[i] <= 0) continue;  // killed already
+            int status = 0;
+            ASSERT_TRUE(until([&] { return waitpid(pids_[i], &status, WNOHANG) != 0; }))
+                << "child " << i << " hung: deadlock or a lock never freed";
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child " << i;
+            pids_[i] = -1;
         }
     }
     void killChild(size_t i) {
@@ -278,49 +247,43 @@ protected:
         pids_[i] = -1;
     }
 
-    void run(bool withLoader) {
-        const int loadedMembers = static_cast<int>(members(kIed));
-        for (int w = 0; w < kWriters; ++w) start([w] { return writer(w); });
-        start(setWriter);
-        if (withLoader) start([] { return loader(writeOtherModel()); });
-        const size_t workers = pids_.size();
-        for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(loadedMembers); });
-        for (int r = 0; r < kSetReaders; ++r) start(setReader);
-        finishAll(workers);
-        // Nothing was lost: every owned row holds the last value and quality.
-        const std::string last = std::to_string(kSequence);
-        EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=" + last +
-                                             " and quality=" + last),
-                  3 * kWriters + kMembers);
-        EXPECT_EQ(qvtest::storeLockValue(), 1);
-        if (withLoader) {
-            EXPECT_EQ(members(kOtherIed), loadedMembers);
-        }
-    }
-
     std::vector<pid_t> pids_;
-    std::chrono::steady_clock::time_point end_ =
+    const std::chrono::steady_clock::time_point end_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(60);
 };
 
 }  // namespace
 
-TEST_F(Stress, EightProcessesLoseNoUpdateAndReadNothingTorn) { run(false); }
-
-TEST_F(Stress, LoadsOfAnotherIedUnderTrafficLandWholeOrNotAtAll) { run(true); }
+TEST_F(Stress, NineProcessesLoseNoUpdateReadNothingTornAndLoadsLandWholeOrNotAtAll) {
+    const int wholeLoad = static_cast<int>(members("QVFTU1"));
+    // The sample model under a second IED name, for a load beside the first.
+    const std::string model = std::string(QV_TEST_STORE_DIR) + "/other_ied.cid";
+    ASSERT_EQ(std::system(("sed s/QVFTU1/" + std::string(kOtherIed) + "/g " +
+                           qvtest::sourcePath("samples/feeder_terminal.cid") + " > " + model).c_str()),
+              0);
+    for (int w = 0; w < kWriters; ++w) start([w] { return writer(w); });
+    start(setWriter);
+    start([&model] { return loader(model); });
+    const size_t workers = pids_.size();
+    for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(wholeLoad); });
+    for (int r = 0; r < kSetReaders; ++r) start(setReader);
+    finishAll(workers);
+    // Nothing was lost: every owned row holds the last value and quality.
+    const std::string last = std::to_string(kSequence);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value=" + last +
+                                         " and quality=" + last),
+              3 * kWriters + kMembers);
+    EXPECT_EQ(qvtest::storeLockValue(), 1);
+    EXPECT_EQ(members(kOtherIed), wholeLoad);
+}
 
 // A save and four processes that increment a value under the store lock on
 // connections of their own wait while another process holds the lock, and go
 // on as soon as the holder is killed: the lock dies with its holder. Without
 // exclusion among the incrementers, increments get lost.
 TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
-    const std::string counter = ref(0, 'n');
-    const long long key = qvtest::rowKey(ref(1, 'n'));
+    const std::string counter = ref(0, 'n'), incremented = ref(1, 'n');
     const int kIncrements = 150;
-    auto valueOf = [](long long rowKey) {
-        return queryInt(realDbPath(),
-                        "select value from DAValue where hashID=" + std::to_string(rowKey));
-    };
     const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
         pause();
@@ -328,15 +291,16 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     });
     ASSERT_TRUE(until([] { return qvtest::storeLockValue() == 0; }));
     start([&counter] { return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0; });
+    const long long key = qvtest::rowKey(incremented);
     for (int c = 0; c < 4; ++c) start([key] { return incrementUnderStoreLock(key, kIncrements); });
     usleep(300000);
     for (size_t i = holder + 1; i < pids_.size(); ++i)
         EXPECT_EQ(waitpid(pids_[i], nullptr, WNOHANG), 0) << "child " << i << " did not wait";
-    EXPECT_EQ(valueOf(qvtest::rowKey(counter)) + valueOf(key), 0);
+    EXPECT_EQ(valueOf(counter) + valueOf(incremented), 0);
 
     killChild(holder);
     finishAll();
-    EXPECT_EQ(valueOf(qvtest::rowKey(counter)), 7);
-    EXPECT_EQ(valueOf(key), 4 * kIncrements);
+    EXPECT_EQ(valueOf(counter), 7);
+    EXPECT_EQ(valueOf(incremented), 4 * kIncrements);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
 }

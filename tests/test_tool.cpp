@@ -28,14 +28,12 @@ std::vector<std::string> lines(const std::string& text) {
     for (std::string line; std::getline(in, line);) result.push_back(line);
     return result;
 }
-
 Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 // The rows of a JSON array in a fixed order: the store returns rows in the
 // order of the index that a query happens to use.
 Json sorted(Json rows) {
-    std::sort(rows.begin(), rows.end(),
-              [](const Json& a, const Json& b) { return a.dump() < b.dump(); });
+    std::sort(rows.begin(), rows.end(), [](const Json& a, const Json& b) { return a.dump() < b.dump(); });
     return rows;
 }
 
@@ -51,15 +49,7 @@ std::string jsonSelect(const std::string& fields, const std::string& rest) {
     return "select json_object(" + pairs + ") " + rest;
 }
 
-std::string toolName() {
-    const std::string path = QV_TOOL;
-    return path.substr(path.rfind('/') + 1);
-}
-
-void removeQueue(int processNo) {
-    const int id = msgget(processNo + QV_QUEUE_KEY_OFFSET, 0666);
-    if (id >= 0) msgctl(id, IPC_RMID, nullptr);
-}
+void removeQueue(int processNo) { msgctl(msgget(processNo + QV_QUEUE_KEY_OFFSET, 0), IPC_RMID, nullptr); }
 
 const char* const kTotW = "QVFTU1MEAS/MMXU1$MX$TotW$mag$f";
 const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
@@ -206,9 +196,31 @@ TEST_F(Tool, AnswersOfTheSampleAndOfLookupsThatFindNothing) {
     EXPECT_EQ(queryInt(confDbPath(), "select count(*) from ProcessMisc"), 5);
 }
 
-TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
+TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     provision();
+    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
+    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
+    // Without a quality the stored one stays.
+    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
+    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
+              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "3"}).code, 0);
+    Json expected = Json::array();
+    for (const auto& member :
+         query(realDbPath(), "select fcdaName from DataSetSub where iedName='QVFTU1' and dsName='dsAin'")) {
+        const std::string& ref = member[0];
+        expected.push_back({{"fcdaName", ref},
+                            {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
+                            {"quality", ref == kTotW ? 16385 : ref == kPhsA ? 3 : 0}});
+    }
+    ASSERT_GT(expected.size(), 2u);
+    EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
+    // Members without a value row (whole data objects, unclassified sets) show none.
+    EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
+                testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
+                                        {"value", nullptr}, {"quality", nullptr}})));
+
+    // The tree: one line per attribute, plus the IED, LD, LN and DO lines.
     const ToolRun run = tool({"tree", "--ied", "QVFTU1", "--ld", "MEAS"});
     ASSERT_EQ(run.code, 0) << run.err;
     const std::vector<std::string> shown = lines(run.out);
@@ -217,7 +229,6 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     EXPECT_EQ(shown[0] + "/" + shown[1], "QVFTU1/  MEAS");
     EXPECT_EQ(phsA[1], "        q [MX]");  // no value row
     EXPECT_THAT(shown, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3"));
-    // One line per attribute, plus the IED, LD, LN and DO lines.
     EXPECT_EQ(static_cast<long long>(shown.size()),
               queryInt(realDbPath(), "select 2+count(*)+count(distinct lnName)+count(distinct "
                                      "lnName||'.'||doName) from DA where ldName='MEAS'"));
@@ -228,38 +239,10 @@ TEST_F(Tool, TreeShowsTheModelLevelsWithTheLiveValuesOfValueRows) {
     long long live = 0;
     for (const Json& da : tree) {
         live += da["liveValue"].is_null() ? 0 : 1;
-        if (da["daName"] == kPhsA) {
-            EXPECT_EQ(da["liveValue"], 13.25);
-        }
+        EXPECT_TRUE(da["daName"] != kPhsA || da["liveValue"] == 13.25) << da;
     }
-    EXPECT_EQ(live, queryInt(realDbPath(), "select count(*) from DA join DAValue using (hashID) "
-                                           "where ldName='MEAS'"));
-}
-
-TEST_F(Tool, SetGetAndDumpCarryValueAndQuality) {
-    provision();
-    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
-    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
-    // Without a quality the stored one stays.
-    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
-    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
-              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
-    ASSERT_EQ(tool({"set", kPhsA, "13.25", "0"}).code, 0);
-    Json expected = Json::array();
-    for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub where "
-                                                  "iedName='QVFTU1' and dsName='dsAin'")) {
-        const std::string& ref = member[0];
-        expected.push_back({{"fcdaName", ref},
-                            {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
-                            {"quality", ref == kTotW ? 16385 : 0}});
-    }
-    ASSERT_GT(expected.size(), 2u);
-    EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
-    // Members without a value row (whole data objects, unclassified sets) show none.
-    EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
-                testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
-                                        {"value", nullptr},
-                                        {"quality", nullptr}})));
+    EXPECT_EQ(live, queryInt(realDbPath(),
+                             "select count(*) from DA join DAValue using (hashID) where ldName='MEAS'"));
 }
 
 TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
@@ -334,9 +317,7 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
 
 TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
     provision();
-    const std::function<void()> toFullDisk = [] {
-        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
-    };
+    const std::function<void()> toFullDisk = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
     // A reader that has gone away, with SIGPIPE ignored as a shell script may.
     const std::function<void()> toClosedPipe = [] {
         int ends[2];
@@ -350,33 +331,18 @@ TEST_F(Tool, OutputThatCannotBeWrittenIsAFailure) {
         for (const auto& redirect : {toFullDisk, toClosedPipe}) {
             const ToolRun run = tool(args, redirect);
             EXPECT_EQ(run.code, 1) << testing::PrintToString(args);
-            EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: "))
-                << testing::PrintToString(args);
+            EXPECT_THAT(run.err, HasSubstr("qvtool: cannot write the output: ")) << testing::PrintToString(args);
         }
     }
 }
 
-// A forked child holds the store lock, as a long write does; the library
+// This process holds the store lock, as a long write does; the library
 // waits for it without end.
 TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     provision();
-    int held[2], release[2];
-    ASSERT_EQ(pipe(held), 0);
-    ASSERT_EQ(pipe(release), 0);
-    const pid_t holder = fork();
-    if (holder == 0) {
-        // Holds the store lock itself: opening the store no longer frees a held lock.
-        char byte = 0;
-        if (zq_openRealDB() != 0) _exit(1);
-        const int semid = semget(QV_SEM_KEY, 1, 0666);
-        locksem(semid);
-        if (write(held[1], "h", 1) != 1 || read(release[0], &byte, 1) != 1) _exit(1);
-        unlocksem(semid);
-        _exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(held[0], &byte, 1), 1);
-
+    initRealSem();
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    locksem(semid);
     const std::string waiting = "qvtool: waiting for the real-time store ...\n";
     ToolRun run = tool({"get", kTotW, "--timeout", "1.5"});
     EXPECT_EQ(run.code, 1);
@@ -392,11 +358,10 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     for (int waited = 0; waited < 100 && fileText(err).find('\n') == std::string::npos; ++waited)
         usleep(50000);
     EXPECT_EQ(fileText(err), waiting);
-    ASSERT_EQ(write(release[1], "r", 1), 1);
+    unlocksem(semid);
     run = finishTool(waiter, out, err);
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.out, "value=0 quality=0\n");
-    waitpid(holder, nullptr, 0);
 }
 
 TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
@@ -418,8 +383,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     for (const Words& sent : std::vector<Words>{
              {"send", "topo", "value=3"},  // not a watched kind
              {"send", "general", "buf=say \"hi\"\t", "type=7"},
-             {"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10",
-              "version=" + version}})
+             {"send", "register", "devcieid=ltu-7", "key=k1", "result=0x10", "version=" + version}})
         EXPECT_EQ(tool(sent).code, 0) << sent[1];
     // Kind 13 is off the route: nothing goes, and the tool says so.
     run = tool({"send", "updatefile", "iedName=QVFTU1"});
@@ -430,8 +394,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     const ToolRun watch = finishTool(watcher, watched, "/dev/null");
     EXPECT_EQ(watch.code, 0);
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
-    EXPECT_THAT(
-        lines(watch.out),
+    EXPECT_THAT(lines(watch.out),
         ElementsAre(
             MatchesRegex(stamp + "soe type=0 strDa=\"QVFTU1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" "
                                  "value=1 minutes=0 msec=-5"),

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -345,14 +346,26 @@ int runAttrs(const Args& args) {
                      toJsonRows(attributes));
 }
 
-// The live value (under valueField) and quality of a reference as fields
-// of row; both null without a value row.
-void addLiveValue(const char* ref, const char* valueField, Json* row) {
-    double value = 0;
-    int quality = 0;
-    const bool live = zq_getDoubDAValue1(ref, &value, &quality) == 0;
-    (*row)[valueField] = live ? Json(value) : Json();
-    (*row)["quality"] = live ? Json(quality) : Json();
+// The live values (under valueField) and qualities of the references, as
+// fields of the rows, read in one list read so that they show one moment.
+// A reference without a value row gets nulls: the list read leaves its
+// element as it was, and no stored value is NaN (SQLite keeps NaN as null).
+bool addLiveValues(const std::vector<const char*>& refs, const char* valueField, Json* rows) {
+    const int count = static_cast<int>(refs.size());
+    std::vector<DaNameRow> names(refs.size());
+    for (int i = 0; i < count; ++i) std::snprintf(names[i], sizeof names[i], "%s", refs[i]);
+    std::vector<double> values(refs.size(), std::nan(""));
+    std::vector<int> qualities(refs.size(), 0);
+    if (count > 0 && zq_getDAValues1(names.data(), count, values.data(), qualities.data()) != 0) {
+        complain("cannot read the live values");
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        const bool live = !std::isnan(values[i]);
+        (*rows)[i][valueField] = live ? Json(values[i]) : Json();
+        (*rows)[i]["quality"] = live ? Json(qualities[i]) : Json();
+    }
+    return true;
 }
 
 // ---- tree -------------------------------------------------------------------
@@ -402,10 +415,12 @@ int runTree(const Args& args) {
                    args.value("--ld"), nullptr, nullptr, nullptr))
         return kFailed;
     Json rows = Json::array();
+    std::vector<const char*> refs;
     for (const DA& da : attributes) {
         rows.push_back(toJson(da));
-        addLiveValue(da.daName, "liveValue", &rows.back());
+        refs.push_back(da.daName);
     }
+    if (!addLiveValues(refs, "liveValue", &rows)) return kFailed;
     if (args.has("--json")) return printRows(args, {}, rows);
     waitingForStore(nullptr);
     printTree(rows);
@@ -427,13 +442,15 @@ int runDump(const Args& args) {
     if (!fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN, ied,
                    dataSet, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
         return kFailed;
-    // Member by member: a member without a value row (a whole data object,
-    // an unclassified set) has none.
+    // A member without a value row (a whole data object, an unclassified
+    // set) shows none.
     Json rows = Json::array();
+    std::vector<const char*> refs;
     for (const DataSetSub& member : members) {
         rows.push_back({{"fcdaName", member.fcdaName}});
-        addLiveValue(member.fcdaName, "value", &rows.back());
+        refs.push_back(member.fcdaName);
     }
+    if (!addLiveValues(refs, "value", &rows)) return kFailed;
     return printRows(args, {{"REFERENCE", "fcdaName"}, {"VALUE", "value"}, {"QUALITY", "quality"}},
                      rows);
 }

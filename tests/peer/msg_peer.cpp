@@ -1,19 +1,17 @@
-// A process for the messaging tests. Its role comes from the environment
-// (QV_MSG_PEER_MODE), so that its arguments stay free to form the process
-// name under which the configuration store knows it:
+// A process for the messaging tests. Its role comes from QV_MSG_PEER_MODE, so
+// that its arguments stay free to form its process name:
 //   path   prints the directory and the process name that the library sees;
-//   sync   subscribes in this thread, writes every record to stdout;
-//   async  subscribes with a receiving thread, same output, ends at stdin EOF;
-//          a failed subscription prints its result as text instead;
-//   pub    sends what stdin asks for and answers each command with the int
-//          result on stdout. A command is one byte and a whole MSGINFO:
-//          'P' zq_publisherMsg, 'M' zq_sendMsg, 'K' the kind's own operation,
-//          'D' zq_sendDoubSoeMsg; 'B' and 'T' send a burst of the record's
-//          generalMsg.dataLen general messages numbered 1, 2, ... in
-//          generalMsg.type, 'B' as fast as it can, 'T' one a millisecond,
-//          and answer how many sends returned -1.
-// With QV_MSG_PEER_UNPRIVILEGED set to 1, the peer first gives up
-// CAP_SYS_RESOURCE, so that it meets the system's queue limit.
+//   sync   subscribes in this thread, writes every record to stdout; async
+//          subscribes with a receiving thread and ends at stdin EOF; a failed
+//          subscription prints its result as text instead;
+//   pub    runs commands from stdin (one byte and a whole MSGINFO) and writes
+//          each int result to stdout: 'P' zq_publisherMsg, 'M' zq_sendMsg,
+//          'K' the kind's own operation, 'D' zq_sendDoubSoeMsg; 'B' (at once)
+//          and 'T' (one a millisecond) send generalMsg.dataLen general
+//          messages numbered 1, 2, ... in generalMsg.type and answer how many
+//          sends returned -1.
+// QV_MSG_PEER_UNPRIVILEGED=1 first drops CAP_SYS_RESOURCE, so that the peer
+// meets the system's queue limit.
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -33,6 +31,7 @@ void writeOut(const void* data, size_t size) {
 }
 
 void writeRecord(LPMSGINFO record) { writeOut(record, sizeof(MSGINFO)); }
+
 int sendWithKindOperation(MSGINFO& record) {
     UNIONMSG& p = record.msgInfo;
     switch (record.msgType) {
@@ -94,8 +93,7 @@ int publish() {
 }
 
 int printPath() {
-    char dir[1024];
-    char name[128];
+    char dir[1024], name[128];
     if (get_executable_path(dir, name, sizeof dir) != 0) return 1;
     std::printf("%s\n%s\n", dir, name);
     return 0;
@@ -104,10 +102,8 @@ int printPath() {
 // Prints the subscription's result once it returns: at once when it failed,
 // for the async form when stdin ends.
 int subscribe(bool async) {
-    const int result =
-        async ? zq_subscriberMsg_async(writeRecord) : zq_subscriberMsg_sync(writeRecord);
-    while (result == 0 && std::getchar() != EOF) {
-    }
+    const int result = async ? zq_subscriberMsg_async(writeRecord) : zq_subscriberMsg_sync(writeRecord);
+    while (result == 0 && std::getchar() != EOF) continue;
     std::printf("subscription returned %d\n", result);
     return 0;
 }
@@ -128,8 +124,7 @@ void dropSysResourceCapability() {
 int main() {
     const char* unprivileged = std::getenv("QV_MSG_PEER_UNPRIVILEGED");
     if (unprivileged != nullptr && unprivileged[0] == '1') dropSysResourceCapability();
-    const char* mode = std::getenv("QV_MSG_PEER_MODE");
-    const std::string role = mode ? mode : "";
+    const std::string role = std::getenv("QV_MSG_PEER_MODE") ? std::getenv("QV_MSG_PEER_MODE") : "";
     if (role == "path") return printPath();
     if (role == "pub") return publish();
     return subscribe(role == "async");

@@ -8,7 +8,7 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 #include "qvrealapi.h"
@@ -32,14 +32,6 @@ sqlite3* openOrFail(const std::string& dbPath) {
     return db;
 }
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    EXPECT_TRUE(in.good()) << "cannot read " << path;
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 }  // namespace
 
 void execSql(const std::string& dbPath, const std::string& sql) {
@@ -54,7 +46,9 @@ void execSql(const std::string& dbPath, const std::string& sql) {
 }
 
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile) {
-    execSql(dbPath, readFile(sqlFile));
+    std::ifstream in(sqlFile);
+    EXPECT_TRUE(in.good()) << "cannot read " << sqlFile;
+    execSql(dbPath, {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
 }
 
 Rows query(const std::string& dbPath, const std::string& sql) {
@@ -80,7 +74,7 @@ Rows query(const std::string& dbPath, const std::string& sql) {
 }
 
 long long queryInt(const std::string& dbPath, const std::string& sql) {
-    Rows rows = query(dbPath, sql);
+    const Rows rows = query(dbPath, sql);
     if (rows.empty() || rows[0].empty()) {
         ADD_FAILURE() << "no result for " << sql;
         return -1;
@@ -112,7 +106,6 @@ void freshRealStore() {
     removeStore(realDbPath());
     execSqlFile(realDbPath(), sourcePath("schema/realtime.sql"));
 }
-
 void freshConfStore() {
     removeStore(confDbPath());
     execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));

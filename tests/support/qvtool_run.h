@@ -28,6 +28,12 @@ inline std::string storeFile(const std::string& name) {
     return std::string(QV_TEST_STORE_DIR) + "/" + name;
 }
 
+// The tool's file name: the process name it sends under.
+inline std::string toolName() {
+    const std::string path = QV_TOOL;
+    return path.substr(path.rfind('/') + 1);
+}
+
 inline std::string fileText(const std::string& path) {
     std::ifstream in(path);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
