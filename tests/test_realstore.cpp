@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -195,7 +195,7 @@ TEST_F(RealStore, ALockRemovedUnderThreadsIsMadeAnew) {
         refs.push_back("IED1LD0/GGIO1$ST$Ind" + std::to_string(t) + "$stVal");
         addValueRow(refs.back());
     }
-    qvtest::removeStoreLock();
+    removeStoreLock();
     std::vector<int> failures(kThreads, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
