@@ -352,10 +352,8 @@ std::string ldevice(const std::string& inst, const std::string& nodes) {
     return "<LDevice inst=\"" + inst + "\">" + nodes + "</LDevice>";
 }
 
-std::string node(const std::string& cls, int inst, const std::string& type,
-                 const std::string& content = "") {
-    return "<LN lnClass=\"" + cls + "\" inst=\"" + std::to_string(inst) + "\" lnType=\"" + type +
-           "\">" + content + "</LN>";
+std::string node(const std::string& cls, int inst, const std::string& type) {
+    return "<LN lnClass=\"" + cls + "\" inst=\"" + std::to_string(inst) + "\" lnType=\"" + type + "\"/>";
 }
 
 std::string s(int i) { return std::to_string(i); }
