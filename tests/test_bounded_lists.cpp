@@ -224,6 +224,8 @@ TEST_F(BoundedLists, DataSetValuesWithQualitiesFollowTheMemberList) {
     int written = -1, listed = -1;
     EXPECT_EQ(zq_getDAValues1ByDataSetN("IED1", "dsV", values.data(), qualities.data(), 3, &written), 1);
     EXPECT_EQ(written, 3);
+    EXPECT_EQ(zq_getDAValuesByDataSetN("IED1", "dsV", nullptr, 0, &written), 1);  // no array at all
+    EXPECT_EQ(written, 0);
     ASSERT_EQ(zq_getDAValuesByDataSet("IED1", "dsV", all.data(), &written), 0);
     DataSetSub subs[5];
     ASSERT_EQ(zq_getDataSetSubsByParams("IED1", "dsV", n, n, n, n, n, n, subs, &listed), 0);
