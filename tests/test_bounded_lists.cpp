@@ -1,6 +1,6 @@
 // Bounded lists: rows that another process adds between the count and the
 // fetch never overrun the caller's array. One table row per list; every row
-// runs the same check.
+// runs the same check. Data-set values follow the order of the member list.
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,8 +14,7 @@
 #include "qvrealapi.h"
 #include "qvtest.h"
 
-using qvtest::confDbPath;
-using qvtest::realDbPath;
+using namespace qvtest;
 
 namespace {
 
@@ -69,16 +68,26 @@ const char* const n = nullptr;  // no filter
 const std::string real = realDbPath();
 const std::string conf = confDbPath();
 
+// Members of IED1's data set dsV with the values n and the qualities 10 n.
+std::string valueMembers(std::initializer_list<int> numbers) {
+    std::string sql;
+    for (int number : numbers) {
+        const std::string reference = "IED1LD0/GGIO1$ST$Ind" + std::to_string(number) + "$stVal";
+        sql += "insert into DataSetSub(fcdaName,iedName,dsName) values('" + reference +
+               "','IED1','dsV'); insert into DAValue values(" +
+               std::to_string(rowKey(reference)) + ",1," + std::to_string(number) + "," +
+               std::to_string(10 * number) + ",0);";
+    }
+    return sql;
+}
+
 const BoundedListCase kLists[] = {
     {"data sets", real,
      "insert into DataSet values('IED2','dsC','LD0','c'),('IED2','dsD','LD0','d')",
      RECORD_LIST(DataSet, zq_getAllDataSetsNum, zq_getAllDataSets)},
-    {"data set members", real,
-     "insert into DataSetSub values"
-     "('IED1LD0/MMXU1$MX$A$mag$f','IED1','dsA','LD0','MMXU','1','A','mag.f','MX'),"
-     "('IED1LD0/MMXU1$MX$V$mag$f','IED1','dsA','LD0','MMXU','1','V','mag.f','MX')",
+    {"data set members", real, valueMembers({5, 7}),
      RECORD_LIST(DataSetSub, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams, "IED1",
-                 "dsA", n, n, n, n, n, n)},
+                 "dsV", n, n, n, n, n, n)},
     {"data attributes", real,
      "insert into DA values"
      "('IED1LD0/MMXU1$MX$A$mag$f','IED1','LD0','MMXU1','A','MX','','FLOAT32','',3),"
@@ -125,6 +134,12 @@ const BoundedListCase kLists[] = {
                                        "(1,'P3',2,3,'d',1),(1,'P4',2,4,'d',1)",
      RECORD_LIST(ProcessDataAssociation, zq_getProcessDataAssociationsByTypeNum,
                  zq_getProcessDataAssociationsByType, "qvacq", 2)},
+    {"data set values", real, valueMembers({2, 6}), sizeof(double),
+     [](int* c) { return zq_getDataSetSubsByParamsNum("IED1", "dsV", n, n, n, n, n, n, c); },
+     [](GuardedArray& a, int* c) { return zq_getDAValuesByDataSet("IED1", "dsV", a.as<double>(), c); },
+     [](GuardedArray& a, int capacity, int* c) {
+         return zq_getDAValuesByDataSetN("IED1", "dsV", a.as<double>(), capacity, c);
+     }},
 };
 
 // Another process, on a connection of its own, adds rows.
@@ -144,16 +159,13 @@ void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& sql
 }
 
 // Two or more rows for every list, in both stores, opened by the library.
-class BoundedLists : public qvtest::RealStoreTest {
+class BoundedLists : public RealStoreTest {
 protected:
     void SetUp() override {
-        qvtest::RealStoreTest::SetUp();
-        qvtest::execSql(
+        RealStoreTest::SetUp();
+        execSql(
             realDbPath(),
             "insert into DataSet values('IED1','dsA','LD0','a'),('IED1','dsB','LD0','b');"
-            "insert into DataSetSub values"
-            "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','dsA','LD0','MMXU','1','TotW','mag.f','MX'),"
-            "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','dsA','LD0','MMXU','1','Hz','mag.f','MX');"
             "insert into DA values"
             "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','LD0','MMXU1','TotW','MX','','FLOAT32','',1),"
             "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','LD0','MMXU1','Hz','MX','','FLOAT32','',2);"
@@ -162,15 +174,16 @@ protected:
             "(2,'','','','','LTU-2','',0,0,'');"
             "insert into TopoInfor values(1,'switch','LN_A','LN_A','bus1','bus2',0,'',''),"
             "(2,'switch','LN_B','LN_B','bus1','bus2',0,'',''),"
-            "(3,'switch','LN_C','LN_C','bus1','bus2',0,'','')");
+            "(3,'switch','LN_C','LN_C','bus1','bus2',0,'','');" +
+                valueMembers({4, 1, 3}));
         zq_closeConfDB();
-        qvtest::freshConfStore();
-        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
+        freshConfStore();
+        execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
         ASSERT_EQ(zq_openConfDB(), 0);
     }
     void TearDown() override {
         zq_closeConfDB();
-        qvtest::RealStoreTest::TearDown();
+        RealStoreTest::TearDown();
     }
 };
 
@@ -185,27 +198,45 @@ TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
         addRowsFromAnotherProcess(c.store, c.addTwoRows);
         ASSERT_EQ(c.count(&now), 0);
         ASSERT_EQ(now, counted + 2);
-
-        // An array sized from the first count: cut there, result 1.
-        GuardedArray sized(c.elementSize, counted);
-        EXPECT_EQ(c.listN(sized, counted, &delivered), 1);
-        EXPECT_EQ(delivered, counted);
-        // The whole list without a limit; the cut one is its beginning.
-        GuardedArray whole(c.elementSize, now);
+        GuardedArray whole(c.elementSize, now);  // the list without a limit
         EXPECT_EQ(c.list(whole, &delivered), 0);
         EXPECT_EQ(delivered, now);
-        // No room at all: a negative capacity writes nothing.
-        GuardedArray none(c.elementSize, 0);
-        EXPECT_EQ(c.listN(none, -1, &delivered), 1);
-        EXPECT_EQ(delivered, 0);
-        // Room for every row: all of them, result 0.
-        GuardedArray roomy(c.elementSize, now);
-        EXPECT_EQ(c.listN(roomy, now, &delivered), 0);
-        EXPECT_EQ(delivered, now);
+        EXPECT_TRUE(whole.guardIntact());
+        // Bounded: the beginning of the whole list, as far as the capacity goes; 1 when cut.
+        for (const int capacity : {-1, 0, 1, counted, now}) {
+            SCOPED_TRACE(capacity);
+            const int room = std::max(capacity, 0);
+            GuardedArray bounded(c.elementSize, room);
+            EXPECT_EQ(c.listN(bounded, capacity, &delivered), capacity < now ? 1 : 0);
+            EXPECT_EQ(delivered, room);
+            EXPECT_TRUE(bounded.guardIntact());
+            EXPECT_EQ(bounded.head(room), whole.head(room));
+        }
+    }
+}
 
-        EXPECT_TRUE(sized.guardIntact() && whole.guardIntact() && roomy.guardIntact() &&
-                    none.guardIntact());
-        EXPECT_EQ(sized.head(counted), whole.head(counted));
-        EXPECT_EQ(roomy.head(now), whole.head(now));
+// Arrays sized from the member count, before another process adds members:
+// values and qualities of the first members, in the order of the member list.
+TEST_F(BoundedLists, DataSetValuesWithQualitiesFollowTheMemberList) {
+    std::vector<double> values(3), all(5);  // on the heap, exactly sized, for the sanitizer
+    std::vector<int> qualities(3);
+    addRowsFromAnotherProcess(realDbPath(), valueMembers({2, 6}));
+    int written = -1, listed = -1;
+    EXPECT_EQ(zq_getDAValues1ByDataSetN("IED1", "dsV", values.data(), qualities.data(), 3, &written), 1);
+    EXPECT_EQ(written, 3);
+    EXPECT_EQ(zq_getDAValuesByDataSetN("IED1", "dsV", nullptr, 0, &written), 1);  // no array at all
+    EXPECT_EQ(written, 0);
+    ASSERT_EQ(zq_getDAValuesByDataSet("IED1", "dsV", all.data(), &written), 0);
+    DataSetSub subs[5];
+    ASSERT_EQ(zq_getDataSetSubsByParams("IED1", "dsV", n, n, n, n, n, n, subs, &listed), 0);
+    ASSERT_EQ(listed, 5);
+    for (int i = 0; i < listed; ++i) {
+        SCOPED_TRACE(subs[i].fcdaName);
+        double stored = -1;
+        ASSERT_EQ(zq_getDoubDAValue(subs[i].fcdaName, &stored), 0);
+        EXPECT_EQ(all[i], stored);
+        if (i < 3) {
+            EXPECT_TRUE(values[i] == stored && qualities[i] == 10 * stored);
+        }
     }
 }

@@ -17,8 +17,7 @@
 #include "qvrealapi.h"
 #include "qvtest.h"
 
-using qvtest::execSql;
-using qvtest::realDbPath;
+using namespace qvtest;
 using testing::ElementsAre;
 using testing::UnorderedElementsAreArray;
 using testing::internal::CaptureStderr;
@@ -38,7 +37,7 @@ const char* const kTotWMeas1 = "IED1MEAS/MMXU1$MX$TotW$mag$f";
 const char* const kLln0 = "IED1LD0/LLN0";
 const char* const kNoRow = "IED1LD0/MMXU1$MX$Nope$mag$f";
 
-std::string key(const char* reference) { return std::to_string(qvtest::rowKey(reference)); }
+std::string key(const char* reference) { return std::to_string(rowKey(reference)); }
 
 std::string describe(const DataSet& s) {
     return std::string(s.iedName) + "|" + s.name + "|" + s.ldInst + "|" + s.desc;
@@ -57,10 +56,10 @@ std::string describe(const DA& d) {
 // Three data sets; members of two IED1 sets and one IED2 set, one of them a
 // whole-DO member with an empty daName; attributes of both IEDs (only the
 // first one keyed for the lookup by name); value rows for IED1's members.
-class ModelStore : public qvtest::RealStoreTest {
+class ModelStore : public RealStoreTest {
 protected:
     void SetUp() override {
-        qvtest::RealStoreTest::SetUp();
+        RealStoreTest::SetUp();
         execSql(realDbPath(),
                 "insert into DataSet values('IED1','dsA','LD0','analog values'),"
                 "('IED1','dsB','LD0',''),('IED2','dsA','MEAS','other IED');"
@@ -131,7 +130,7 @@ std::vector<DaNameRow> nameRows(const std::vector<const char*>& references) {
 std::string stored(const std::vector<const char*>& references) {
     std::string text;
     for (const char* reference : references) {
-        const auto row = qvtest::query(
+        const auto row = query(
             realDbPath(), "select value,quality from DAValue where hashID=" + key(reference)).at(0);
         text += (text.empty() ? "" : " ") + row[0] + "|" + row[1];
     }
@@ -170,7 +169,7 @@ TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
                           "ldInst,lnClass,lnInst,doName,daName,fc); insert into DataSetSub values('" +
                               longText + "','" + longText + "','dsL',NULL,'ABCDEFG','123456789',"
                               "'Do','Da','MXY')");
-    auto sub = qvtest::filledRecord<DataSetSub>('z');
+    auto sub = filledRecord<DataSetSub>('z');
     int count = 0;
     ASSERT_EQ(zq_getDataSetSubsByParams(n, "dsL", n, n, n, n, n, n, &sub, &count), 0);
     ASSERT_EQ(count, 1);
@@ -227,7 +226,7 @@ TEST_F(ModelStore, ValueListsSaveAndReadBack) {
     ASSERT_EQ(zq_getDAValues1(names.data(), 3, got, gotQuality), 0);
     EXPECT_THAT(got, ElementsAre(10, -1, 30));
     EXPECT_THAT(gotQuality, ElementsAre(0x40, -1, 7));
-    EXPECT_EQ(qvtest::queryInt(realDbPath(), "select count(*) from DAValue"), 5);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 5);
     EXPECT_EQ(GetCapturedStderr(), "");
     // A count of 0 or less does nothing.
     EXPECT_EQ(zq_saveDAValues1(nullptr, nullptr, nullptr, 0) + zq_saveDAValues(names.data(), values, 0) +
@@ -251,7 +250,7 @@ TEST_F(ModelStore, ASaveWithAFailingElementWritesNothing) {
     EXPECT_EQ(zq_saveDAValues1(names.data(), values, qualities, 3), -1);
     EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err refused\nsqlite3_step err refused\n");
     EXPECT_EQ(stored({kTotW1, kHz1, kInd1}), "0.0|0 0.0|0 0.0|0");
-    EXPECT_EQ(qvtest::storeLockValue(), 1);
+    EXPECT_EQ(storeLockValue(), 1);
     const double good[] = {4, 5, 6};  // nothing stays open: the next list is saved
     EXPECT_EQ(zq_saveDAValues(names.data(), good, 3), 0);
     EXPECT_EQ(stored({kHz1}), "5.0|0");
@@ -302,16 +301,19 @@ TEST_F(ModelStore, MissingTablesFailWithTheMessageAndFreeTheLock) {
     EXPECT_EQ(zq_getDAByName(kTotW1, &da), -1);
     EXPECT_EQ(zq_getDAValues(&name, 1, &value), -1);
     EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &valueCount), -1);
+    EXPECT_EQ(zq_saveDoubDAValue(kTotW1, 1.0), -1);
+    EXPECT_EQ(zq_getDoubDAValue(kTotW1, &value), -1);
     EXPECT_EQ(GetCapturedStderr(),
               "sqlite3_step err no such table: DataSet\n"
               "sqlite3_prepare_v2 err no such table: DataSetSub\n"
               "sqlite3_prepare_v2 err no such table: DA\n"
               "sqlite3_step err no such table: DAValue\n"
-              "sqlite3_prepare_v2 err no such table: DataSetSub\nerr initDaValueDataSetInfo\n");
+              "sqlite3_prepare_v2 err no such table: DataSetSub\nerr initDaValueDataSetInfo\n"
+              "sqlite3_step err no such table: DAValue\nsqlite3_step err no such table: DAValue\n");
     EXPECT_EQ(setCount + subCount, 0);
     EXPECT_EQ(valueCount, 7);
     EXPECT_EQ(value, -1);
-    EXPECT_EQ(qvtest::storeLockValue(), 1);
+    EXPECT_EQ(storeLockValue(), 1);
 }
 
 // ---- The SQL texts ------------------------------------------------------------------
@@ -354,7 +356,7 @@ std::vector<std::string> sqlTextsOf(void (*calls)()) {
 }  // namespace
 
 TEST(ModelStoreSql, TextsAreAssembledBlankForBlank) {
-    qvtest::freshRealStore();
+    freshRealStore();
     const auto texts = sqlTextsOf([] {
         int count = 0;
         DataSet set;
@@ -400,16 +402,13 @@ namespace {
 const char* const kIed = "QVFTU1";
 const char* const kPhVA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
 
-class SampleModel : public ::testing::Test {
+class SampleModel : public RealStoreTest {
 protected:
     void SetUp() override {
-        zq_closeRealDB();
-        qvtest::freshRealStore();
-        std::string path = qvtest::sourcePath("samples/feeder_terminal.cid");
+        RealStoreTest::SetUp();
+        std::string path = sourcePath("samples/feeder_terminal.cid");
         ASSERT_EQ(zq_addIEDRealDB(path.data()), 0);
-        ASSERT_EQ(zq_openRealDB(), 0);
     }
-    void TearDown() override { zq_closeRealDB(); }
 };
 
 std::vector<std::string> memberNames(const char* dsName) {
