@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -34,7 +35,8 @@ sqlite3_stmt* s_stmt_select = nullptr;
 sqlite3_stmt* s_stmt_select1 = nullptr;
 sqlite3_stmt* s_stmt_update = nullptr;
 sqlite3_stmt* s_stmt_update1 = nullptr;
-int s_RealSemId = -1;
+// Atomic: a thread that finds the set removed makes it anew while others use it.
+std::atomic<int> s_RealSemId{-1};
 
 // The value hot path: prepared once per connection, re-bound on every call.
 const char* const kSelectSql = "select value from DAValue where hashID=?";
@@ -47,15 +49,21 @@ union semun {
     semid_ds* buf;
 };
 
-void takeStoreLock();
+int takeStoreLock();
 
-// Holds the store lock for one operation.
+// Holds the store lock for one operation, and releases it on the set it
+// was taken on.
 class StoreLock {
 public:
-    StoreLock() { takeStoreLock(); }
-    ~StoreLock() { unlocksem(s_RealSemId); }
+    StoreLock() : semid_(takeStoreLock()) {}
+    ~StoreLock() {
+        if (semid_ != -1) unlocksem(semid_);
+    }
     StoreLock(const StoreLock&) = delete;
     StoreLock& operator=(const StoreLock&) = delete;
+
+private:
+    const int semid_;
 };
 
 // Every store operation refuses to run on a closed connection.
@@ -250,24 +258,24 @@ void takeOverInitialisation(int semid) {
 // reset, since another process may hold it.
 int initRealSem(void) {
     const key_t key = static_cast<key_t>(QV_SEM_KEY);
-    s_RealSemId = semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
-    if (s_RealSemId >= 0) {
+    int semid = semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
+    if (semid >= 0) {
         // A new set holds 0 (taken); this first semop frees it and sets
         // sem_otime, which tells other openers that it is ready.
         sembuf release{0, 1, 0};
-        semop(s_RealSemId, &release, 1);
-        return 0;
-    }
-    if (errno != EEXIST) return 0;
-    s_RealSemId = semget(key, 1, 0666);
-    if (s_RealSemId < 0) return 0;
-    for (int waited = 0; !semaphoreInitialised(s_RealSemId); ++waited) {
-        if (waited == kSemInitWaitMillis) {
-            takeOverInitialisation(s_RealSemId);
-            break;
+        semop(semid, &release, 1);
+    } else if (errno == EEXIST) {
+        semid = semget(key, 1, 0666);
+        for (int waited = 0; semid >= 0 && !semaphoreInitialised(semid); ++waited) {
+            if (waited == kSemInitWaitMillis) {
+                takeOverInitialisation(semid);
+                break;
+            }
+            usleep(1000);
         }
-        usleep(1000);
     }
+    // Published once ready, so that other threads never see a set half made.
+    s_RealSemId = semid;
     return 0;
 }
 
@@ -296,13 +304,20 @@ bool takeLock(int semid) {
     }
 }
 
-// The library's own operations make a set anew that was removed under them
-// (ipcrm), so that this process's threads stay apart on the connection,
-// which has no mutex of its own.
-void takeStoreLock() {
-    if (takeLock(s_RealSemId) || (errno != EIDRM && errno != EINVAL)) return;
-    initRealSem();
-    takeLock(s_RealSemId);
+// How often an operation makes the set anew before it runs without the lock.
+constexpr int kLockRemakeAttempts = 3;
+
+// Takes the store lock for one of the library's own operations and returns
+// the set it took it on, or -1 without a lock. A set removed under the
+// process (ipcrm) is made anew, so that this process's threads stay apart on
+// the connection, which has no mutex of its own.
+int takeStoreLock() {
+    for (int attempt = 0;; ++attempt) {
+        const int semid = s_RealSemId;
+        if (takeLock(semid)) return semid;
+        if ((errno != EIDRM && errno != EINVAL) || attempt == kLockRemakeAttempts) return -1;
+        initRealSem();
+    }
 }
 
 }  // namespace
