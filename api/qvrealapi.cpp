@@ -286,7 +286,7 @@ namespace {
 // store operations hold it for microseconds, so a waiter that sleeps costs
 // two context switches for each hand-over, and with several processes per
 // core every operation ends up waiting for a wake-up.
-constexpr int kLockTriesBeforeSleeping = 32;
+constexpr int kLockTriesBeforeSleeping = 64;
 
 // SEM_UNDO: a process that ends while it holds the lock, however it ends,
 // gives it back at once. False when the semaphore failed (errno tells why).
