@@ -139,15 +139,27 @@ int runControl(Control control) {
     return rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
-// Single reads by remembered row. A read by key descends the hashID index
-// and then the table; a read by rowid only the table, a third less work.
-// The connection remembers where it found each key and reads there first,
-// taking that row only while it still holds the key: a model reload or a
-// vacuum moves rows, and then the key is looked up again.
+// Values by remembered row. A statement by key descends the hashID index
+// and then the table; one by rowid only the table, a third less work for a
+// read. The connection remembers where it found each key and goes there
+// first, using that row only while it still holds the key: a model reload
+// or a vacuum moves rows, and then the key is looked up again. The update
+// statements come without and with the quality.
 sqlite3_stmt* s_selectByRow = nullptr;
 sqlite3_stmt* s_selectWithRow = nullptr;
+sqlite3_stmt* s_updateByRow[2] = {};
+sqlite3_stmt* s_updateWithRow[2] = {};
 const char* const kSelectByRowSql = "select value,quality,hashID from DAValue where rowid=?";
 const char* const kSelectWithRowSql = "select value,quality,rowid from DAValue where hashID=?";
+const char* const kUpdateByRowSql[2] = {
+    "update DAValue set value=? where rowid=? and hashID=?",
+    "update DAValue set value=?,quality=? where rowid=? and hashID=?"};
+const char* const kUpdateWithRowSql[2] = {
+    "update DAValue set value=? where hashID=? returning rowid",
+    "update DAValue set value=?,quality=? where hashID=? returning rowid"};
+sqlite3_stmt** const rowStatements[] = {&s_selectByRow,      &s_selectWithRow,
+                                        &s_updateByRow[0],   &s_updateByRow[1],
+                                        &s_updateWithRow[0], &s_updateWithRow[1]};
 std::unordered_map<unsigned int, sqlite3_int64> s_rowOfKey;
 
 // Finalises the shared statements and closes the connection; a failed open
@@ -163,7 +175,7 @@ void releaseConnection() {
         sqlite3_finalize(stmt);
         stmt = nullptr;
     }
-    for (sqlite3_stmt** stmt : {&s_selectByRow, &s_selectWithRow}) {
+    for (sqlite3_stmt** stmt : rowStatements) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
     }
@@ -195,25 +207,78 @@ void switchToWal() {
 
 // ---- Single values --------------------------------------------------------
 
-// Binds value (and quality when given) and the row key, steps, resets.
+// Binds the value, and the quality when given, as the first parameters;
+// returns the index of the next one.
+int bindValueAndQuality(sqlite3_stmt* stmt, double value, const int* quality) {
+    sqlite3_bind_double(stmt, 1, value);
+    if (quality == nullptr) return 2;
+    sqlite3_bind_int(stmt, 2, *quality);
+    return 3;
+}
+
+// Saves at the row where the key was found before, if it still holds the
+// key: 0 saved, -1 not there (save by key), -2 failed.
+int saveRememberedRow(unsigned int key, double value, const int* quality) {
+    const auto remembered = s_rowOfKey.find(key);
+    if (remembered == s_rowOfKey.end()) return -1;
+    sqlite3_stmt* const stmt = s_updateByRow[quality != nullptr];
+    const int index = bindValueAndQuality(stmt, value, quality);
+    sqlite3_bind_int64(stmt, index, remembered->second);
+    sqlite3_bind_int64(stmt, index + 1, static_cast<sqlite3_int64>(key));
+    const int rc = stepWithBusyRetry(stmt);
+    if (rc != SQLITE_DONE) printStepError();
+    sqlite3_reset(stmt);
+    if (rc != SQLITE_DONE) return -2;
+    if (sqlite3_changes(s_sqliteDB) == 1) return 0;
+    s_rowOfKey.erase(remembered);
+    return -1;
+}
+
+// Saves by key and remembers the row it changed: 0 (also when no row has
+// the key), -2 failed.
+int saveAndRememberRow(unsigned int key, double value, const int* quality) {
+    sqlite3_stmt* const stmt = s_updateWithRow[quality != nullptr];
+    const int index = bindValueAndQuality(stmt, value, quality);
+    sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
+    int rc;
+    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW)
+        s_rowOfKey[key] = sqlite3_column_int64(stmt, 0);
+    if (rc != SQLITE_DONE) printStepError();
+    sqlite3_reset(stmt);
+    return rc == SQLITE_DONE ? 0 : -2;
+}
+
+bool rowStatementsReady(sqlite3_stmt*& byRow, const char* byRowSql, sqlite3_stmt*& withRow,
+                        const char* withRowSql) {
+    return keptStatement(byRow, byRowSql) == SQLITE_OK &&
+           keptStatement(withRow, withRowSql) == SQLITE_OK;
+}
+
+// Saves a key's value (and quality when given): 0, or -2 after a failed
+// step. A key without a row changes nothing and succeeds. The remembered
+// rows are used only under the store lock (the map has no lock of its own);
+// otherwise the shared statement `byKey` saves by key.
+int saveKey(unsigned int key, double value, const int* quality, sqlite3_stmt* byKey,
+            bool lockHeld) {
+    const int form = quality != nullptr;
+    if (lockHeld && rowStatementsReady(s_updateByRow[form], kUpdateByRowSql[form],
+                                       s_updateWithRow[form], kUpdateWithRowSql[form])) {
+        const int result = saveRememberedRow(key, value, quality);
+        return result == -1 ? saveAndRememberRow(key, value, quality) : result;
+    }
+    const int index = bindValueAndQuality(byKey, value, quality);
+    sqlite3_bind_int64(byKey, index, static_cast<sqlite3_int64>(key));
+    const int rc = stepWithBusyRetry(byKey);
+    if (rc != SQLITE_DONE) printStepError();
+    sqlite3_reset(byKey);
+    return rc == SQLITE_DONE ? 0 : -2;
+}
+
 int saveValue(sqlite3_stmt* stmt, const char* daName, double val, const int* character,
               const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
-    int keyIndex = 2;
-    sqlite3_bind_double(stmt, 1, val);
-    if (character != nullptr) {
-        sqlite3_bind_int(stmt, 2, *character);
-        keyIndex = 3;
-    }
-    bindRowKey(stmt, keyIndex, daName);
-    int result = 0;
-    if (stepWithBusyRetry(stmt) != SQLITE_DONE) {
-        printStepError();
-        result = -1;
-    }
-    sqlite3_reset(stmt);
-    return result;
+    return saveKey(rowKeyOf(daName), val, character, stmt, lock.held()) == 0 ? 0 : -1;
 }
 
 // Where a read puts what it found; null members are not wanted.
@@ -276,8 +341,8 @@ int readAndRememberRow(unsigned int key, ValueOut out) {
 // of its own) and once both statements are prepared; otherwise the shared
 // statement `byKey` reads by key.
 int readKey(unsigned int key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld) {
-    if (lockHeld && keptStatement(s_selectByRow, kSelectByRowSql) == SQLITE_OK &&
-        keptStatement(s_selectWithRow, kSelectWithRowSql) == SQLITE_OK) {
+    if (lockHeld &&
+        rowStatementsReady(s_selectByRow, kSelectByRowSql, s_selectWithRow, kSelectWithRowSql)) {
         const int result = readRememberedRow(key, out);
         return result == -1 ? readAndRememberRow(key, out) : result;
     }
@@ -731,12 +796,6 @@ constexpr useconds_t kControlFailurePauseMicros = 10000;
 // the same order, without decoding eight columns that nobody reads.
 const char* const kMemberListSql = "select fcdaName from DataSetSub ";
 
-// The row key of a reference given with its length.
-void bindReferenceKey(sqlite3_stmt* stmt, int index, std::string_view reference) {
-    const unsigned int key = RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
-    sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
-}
-
 // A name row holds at most 256 bytes, terminator or not.
 std::string_view nameRowReference(const DaNameRow& row) {
     return {row, strnlen(row, sizeof row)};
@@ -812,17 +871,16 @@ int abandonSave() {
     return -1;
 }
 
-// Binds one element of a save to the shared update statement and steps it.
-// An element whose reference has no row changes nothing and succeeds.
+// The row key of a reference given with its length.
+unsigned int referenceKey(std::string_view reference) {
+    return RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
+}
+
+// Saves one element of a list. An element whose reference has no row
+// changes nothing and succeeds.
 bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
-                 const int* quality) {
-    sqlite3_bind_double(stmt, 1, value);
-    if (quality != nullptr) sqlite3_bind_int(stmt, 2, *quality);
-    bindReferenceKey(stmt, quality != nullptr ? 3 : 2, reference);
-    const bool done = stepWithBusyRetry(stmt) == SQLITE_DONE;
-    if (!done) printStepError();
-    sqlite3_reset(stmt);
-    return done;
+                 const int* quality, bool lockHeld) {
+    return saveKey(referenceKey(reference), value, quality, stmt, lockHeld) == 0;
 }
 
 // Reads one element (with the quality when asked for): true when read or
@@ -830,8 +888,7 @@ bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
 // failed step.
 bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality,
                  bool lockHeld) {
-    const unsigned int key = RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
-    return readKey(key, {value, nullptr, quality}, stmt, lockHeld) != -2;
+    return readKey(referenceKey(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
 }
 
 // Writes the list in one transaction through the shared update statement
@@ -844,7 +901,7 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     for (int i = 0; i < count; ++i) {
         if (!saveElement(stmt, nameRowReference(names[i]), values[i],
-                         withQuality ? &qualities[i] : nullptr))
+                         withQuality ? &qualities[i] : nullptr, lock.held()))
             return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
@@ -917,7 +974,7 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
         if (members < count)
             saved = saveElement(stmt, reference, values[members],
-                                withQuality ? &qualities[members] : nullptr);
+                                withQuality ? &qualities[members] : nullptr, lock.held());
         ++members;
         return saved;
     });

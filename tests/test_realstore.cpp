@@ -87,31 +87,40 @@ TEST_F(RealStore, SavesAndReadsConvertKeepTheQualityAndIgnoreUnknownReferences) 
               (Rows{{"4294967273", "-2147483648.0", "3"}, {std::to_string(rowKey(kRef)), "9.0", "0"}}));
 }
 
-// Reads go first to the row where a key was found before: rows that another
-// process moved, swapped or removed since must not show.
-TEST_F(RealStore, ReadsFollowRowsThatMovedOrWentAway) {
+// Reads and saves go first to the row where a key was found before: rows
+// that another process moved, swapped or removed since must not mislead them.
+TEST_F(RealStore, ValuesFollowRowsThatMovedOrWentAway) {
     const char* const other = "IED1LD0/MMXU1$MX$Hz$mag$f";
     addValueRow(kRef, 1.0, 1);
     addValueRow(other, 2.0, 2);
     double value = 0;
     int quality = 0;
-    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
-    ASSERT_EQ(zq_getDoubDAValue1(other, &value, &quality), 0);
+    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);  // both rows remembered:
+    ASSERT_EQ(zq_saveDoubDAValue1(other, 2.0, 2), 0);         // by a read, by a save
     // The two rows swap places, as a reload writing them in another order would.
     ASSERT_EQ(query(realDbPath(), "select rowid from DAValue order by rowid"),
               (Rows{{"1"}, {"2"}}));
     execSql(realDbPath(), "update DAValue set rowid=-rowid; update DAValue set rowid=3+rowid; "
                           "update DAValue set value=value*10, quality=quality*10");
-    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
-    EXPECT_EQ(value, 10.0);
-    EXPECT_EQ(quality, 10);
-    ASSERT_EQ(zq_getDoubDAValue(other, &value), 0);
+    ASSERT_EQ(zq_saveDoubDAValue(kRef, 11.0), 0);
+    ASSERT_EQ(zq_getDoubDAValue1(other, &value, &quality), 0);
     EXPECT_EQ(value, 20.0);
+    EXPECT_EQ(quality, 20);
+    ASSERT_EQ(zq_saveDoubDAValue1(other, 21.0, 21), 0);
+    ASSERT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
+    EXPECT_EQ(value, 11.0);
+    EXPECT_EQ(quality, 10);
+    EXPECT_EQ(queryInt(realDbPath(), "select value from DAValue where hashID=" +
+                                         std::to_string(rowKey(other))),
+              21);
+    // Gone: the read finds nothing and the save changes nothing; back in a new row.
     execSql(realDbPath(), "delete from DAValue where hashID=" + std::to_string(rowKey(kRef)));
     value = -1;
     EXPECT_EQ(zq_getDoubDAValue(kRef, &value), -1);
     EXPECT_EQ(value, -1);
-    addValueRow(kRef, 3.0, 3);  // back, in a new row
+    EXPECT_EQ(zq_saveDoubDAValue(kRef, 4.0), 0);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue"), 1);
+    addValueRow(kRef, 3.0, 3);
     EXPECT_EQ(zq_getDoubDAValue1(kRef, &value, &quality), 0);
     EXPECT_EQ(value, 3.0);
 }
