@@ -162,6 +162,16 @@ sqlite3_stmt** const rowStatements[] = {&s_selectByRow,      &s_selectWithRow,
                                         &s_updateWithRow[0], &s_updateWithRow[1]};
 std::unordered_map<unsigned int, sqlite3_int64> s_rowOfKey;
 
+// Keys of rows long gone stay remembered until they are used again; a
+// process that goes through more keys than a large model has starts over
+// (about 10 MB at this size).
+constexpr std::size_t kMostRememberedRows = 1 << 18;
+
+void rememberRow(unsigned int key, sqlite3_int64 row) {
+    if (s_rowOfKey.size() >= kMostRememberedRows) s_rowOfKey.clear();
+    s_rowOfKey[key] = row;
+}
+
 // Finalises the shared statements and closes the connection; a failed open
 // uses it too, so that the next zq_openRealDB tries again from scratch.
 void releaseConnection() {
@@ -242,7 +252,7 @@ int saveAndRememberRow(unsigned int key, double value, const int* quality) {
     sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
     int rc;
     while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW)
-        s_rowOfKey[key] = sqlite3_column_int64(stmt, 0);
+        rememberRow(key, sqlite3_column_int64(stmt, 0));
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
     return rc == SQLITE_DONE ? 0 : -2;
@@ -331,7 +341,7 @@ int readRememberedRow(unsigned int key, ValueOut out) {
 int readAndRememberRow(unsigned int key, ValueOut out) {
     sqlite3_bind_int64(s_selectWithRow, 1, static_cast<sqlite3_int64>(key));
     const int result = stepRead(s_selectWithRow, out);
-    if (result == 0) s_rowOfKey[key] = sqlite3_column_int64(s_selectWithRow, 2);
+    if (result == 0) rememberRow(key, sqlite3_column_int64(s_selectWithRow, 2));
     sqlite3_reset(s_selectWithRow);
     return result;
 }
