@@ -1,8 +1,9 @@
 // The benchmark binary's entry point. Besides the usual console output it can
 // write a Markdown report that sets every library benchmark "Lib/X" next to
 // its baselines with the ratios of their times: "Bare/X", the same work on
-// bare SQLite or bare IPC in the best design, and, where there is one,
-// "Old/X", the bare pattern the library followed before:
+// bare SQLite or bare IPC in the best design, and, where there are ones,
+// "Locked/X", the same with the store lock's semaphore operations around
+// each statement, and "Old/X", the bare pattern the library followed before:
 // qv_bench --report=FILE. With repetitions the medians are reported.
 #include <benchmark/benchmark.h>
 
@@ -66,13 +67,15 @@ std::string baselineCells(const std::map<std::string, Timing>& times, const std:
 
 void writeReport(const std::map<std::string, Timing>& times, const std::string& file) {
     std::ofstream out(file);
-    out << "| Operation | Library | Best bare | Ratio | Old pattern | Ratio |\n"
-           "|---|---:|---:|---:|---:|---:|\n";
+    out << "| Operation | Library | Best bare | Ratio | Best bare + lock | Ratio | Old pattern | "
+           "Ratio |\n"
+           "|---|---:|---:|---:|---:|---:|---:|---:|\n";
     for (const auto& [name, lib] : times) {
         if (name.rfind("Lib/", 0) != 0) continue;
         const std::string operation = name.substr(4);
         out << "| " << operation << " | " << humanTime(lib.nanoseconds) << " | "
             << baselineCells(times, "Bare/" + operation, lib.nanoseconds) << " "
+            << baselineCells(times, "Locked/" + operation, lib.nanoseconds) << " "
             << baselineCells(times, "Old/" + operation, lib.nanoseconds) << "\n";
     }
 }

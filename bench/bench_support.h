@@ -4,6 +4,8 @@
 #define QV_BENCH_SUPPORT_H
 
 #include <sqlite3.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +59,41 @@ inline sqlite3* openBare(const char* dbPath, Journal journal) {
                                           : "PRAGMA journal_mode=DELETE");
     return db;
 }
+
+// A semaphore of its own, taken and given back as the library takes and
+// gives back the store lock (one semop each way, SEM_UNDO), or nothing at
+// all when not wanted: the floor of a locked operation.
+class BareLock {
+public:
+    explicit BareLock(bool wanted)
+        : semid_(wanted ? semget(IPC_PRIVATE, 1, IPC_CREAT | 0600) : -1) {
+        if (semid_ == -1) return;
+        sembuf release{0, 1, 0};
+        semop(semid_, &release, 1);
+    }
+    ~BareLock() {
+        if (semid_ != -1) semctl(semid_, 0, IPC_RMID);
+    }
+    BareLock(const BareLock&) = delete;
+    BareLock& operator=(const BareLock&) = delete;
+
+    class Hold {
+    public:
+        explicit Hold(const BareLock& lock) : semid_(lock.semid_) { change(-1); }
+        ~Hold() { change(1); }
+
+    private:
+        void change(short by) const {
+            if (semid_ == -1) return;
+            sembuf op{0, by, SEM_UNDO};
+            semop(semid_, &op, 1);
+        }
+        int semid_;
+    };
+
+private:
+    int semid_;
+};
 
 // Prepares a statement or ends the benchmark run.
 inline sqlite3_stmt* prepareOrDie(sqlite3* db, const char* sql) {

@@ -1,7 +1,8 @@
 // Single-value access through the library against the same statement run on
 // a bare SQLite connection (no store lock, no library) on the same file: in
-// write-ahead log mode (Bare/) and with a rollback journal (Old/). Saves
-// write a new value on every iteration.
+// write-ahead log mode (Bare/), the same with a semaphore taken and given
+// back around each statement as the store lock is (Locked/), and with a
+// rollback journal (Old/). Saves write a new value on every iteration.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -102,12 +103,14 @@ struct BareStatement {
     sqlite3_stmt* stmt = nullptr;
 };
 
-void bareSave(benchmark::State& state, Journal journal, bool withQuality) {
+void bareSave(benchmark::State& state, Journal journal, bool withQuality, bool locked) {
     BareStatement bare(journal, withQuality ? "update DAValue set value=?,quality=? where hashID=?"
                                             : "update DAValue set value=?  where hashID=?");
+    qvbench::BareLock lock(locked);
     int i = 0;
     double value = 0;
     for (auto _ : state) {
+        const qvbench::BareLock::Hold hold(lock);
         sqlite3_bind_double(bare.stmt, 1, ++value);
         if (withQuality) sqlite3_bind_int(bare.stmt, 2, i & 0xff);
         sqlite3_bind_int64(bare.stmt, withQuality ? 3 : 2, keyOf(i));
@@ -117,11 +120,13 @@ void bareSave(benchmark::State& state, Journal journal, bool withQuality) {
     }
 }
 
-void bareRead(benchmark::State& state, Journal journal, bool withQuality) {
+void bareRead(benchmark::State& state, Journal journal, bool withQuality, bool locked) {
     BareStatement bare(journal, withQuality ? "select value,quality from DAValue where hashID=?"
                                             : "select value from DAValue where hashID=?");
+    qvbench::BareLock lock(locked);
     int i = 0;
     for (auto _ : state) {
+        const qvbench::BareLock::Hold hold(lock);
         sqlite3_bind_int64(bare.stmt, 1, keyOf(i));
         if (sqlite3_step(bare.stmt) == SQLITE_ROW) {
             benchmark::DoNotOptimize(sqlite3_column_double(bare.stmt, 0));
@@ -132,13 +137,15 @@ void bareRead(benchmark::State& state, Journal journal, bool withQuality) {
     }
 }
 
-// Registers "Bare/<name>" and "Old/<name>" for one baseline body.
-bool registerBaselines(const char* name, void (*body)(benchmark::State&, Journal, bool),
+// Registers "Bare/<name>", "Locked/<name>" and "Old/<name>" for one baseline body.
+bool registerBaselines(const char* name, void (*body)(benchmark::State&, Journal, bool, bool),
                        bool withQuality) {
     benchmark::RegisterBenchmark((std::string("Bare/") + name).c_str(), body, Journal::Wal,
-                                 withQuality);
+                                 withQuality, false);
+    benchmark::RegisterBenchmark((std::string("Locked/") + name).c_str(), body, Journal::Wal,
+                                 withQuality, true);
     benchmark::RegisterBenchmark((std::string("Old/") + name).c_str(), body, Journal::Rollback,
-                                 withQuality);
+                                 withQuality, false);
     return true;
 }
 
