@@ -91,8 +91,9 @@ void printStepError() {
     std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
 }
 
-unsigned int rowKeyOf(const char* daName) {
-    return RSHash(daName, static_cast<unsigned int>(std::strlen(daName)));
+// The row key of a reference given with its length.
+unsigned int rowKeyOf(std::string_view reference) {
+    return RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
 }
 
 // The row key of a DA reference, always bound as a non-negative 64-bit number.
@@ -881,16 +882,12 @@ int abandonSave() {
     return -1;
 }
 
-// The row key of a reference given with its length.
-unsigned int referenceKey(std::string_view reference) {
-    return RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
-}
 
 // Saves one element of a list. An element whose reference has no row
 // changes nothing and succeeds.
 bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
                  const int* quality, bool lockHeld) {
-    return saveKey(referenceKey(reference), value, quality, stmt, lockHeld) == 0;
+    return saveKey(rowKeyOf(reference), value, quality, stmt, lockHeld) == 0;
 }
 
 // Reads one element (with the quality when asked for): true when read or
@@ -898,7 +895,7 @@ bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
 // failed step.
 bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality,
                  bool lockHeld) {
-    return readKey(referenceKey(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
+    return readKey(rowKeyOf(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
 }
 
 // Writes the list in one transaction through the shared update statement
@@ -935,15 +932,8 @@ int readValueList(const DaNameRow* names, int count, double* values, int* qualit
 // The prepared member query of this SQL text, kept for the connection's
 // life; null when it cannot be prepared (one attempt, no busy retry).
 sqlite3_stmt* memberQuery(const std::string& sql) {
-    const auto kept = s_memberQueries.find(sql);
-    if (kept != s_memberQueries.end()) return kept->second;
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(s_sqliteDB, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return nullptr;
-    }
-    s_memberQueries.emplace(sql, stmt);
-    return stmt;
+    sqlite3_stmt*& kept = s_memberQueries[sql];
+    return keptStatement(kept, sql.c_str()) == SQLITE_OK ? kept : nullptr;
 }
 
 // Runs the member query of one data set and hands each member's reference,
