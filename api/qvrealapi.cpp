@@ -882,7 +882,6 @@ int abandonSave() {
     return -1;
 }
 
-
 // Saves one element of a list. An element whose reference has no row
 // changes nothing and succeeds.
 bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
@@ -949,7 +948,8 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
         printPrepareError();
     } else {
         filterBinds(filters)(stmt);
-        result = forEachRow(stmt, [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
+        result = forEachRow(
+            stmt, [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
     }
