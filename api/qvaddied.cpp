@@ -817,11 +817,6 @@ struct StoredReference {
     }
 };
 
-sqlite3_int64 rowKey(const char* storedReference) {
-    return static_cast<sqlite3_int64>(
-        RSHash(storedReference, static_cast<unsigned int>(std::strlen(storedReference))));
-}
-
 void printPrepareError() {
     std::fprintf(stderr, "sqlite3_prepare_v2 err %s\n", sqlite3_errmsg(g_sqliteDB));
 }
@@ -878,7 +873,7 @@ bool selectOldValueKeys(const char* ied, std::vector<sqlite3_int64>* keys) {
     int rc;
     while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
-        keys->push_back(rowKey(text ? reinterpret_cast<const char*>(text) : ""));
+        keys->push_back(qvsql::rowKey(text ? reinterpret_cast<const char*>(text) : ""));
     }
     if (rc == SQLITE_DONE) return true;
     printStepError();
@@ -949,7 +944,7 @@ int writeAttributeRow(const DATable& da, void* context) {
     sqlite3_stmt* stmt = sink.inserter->get();
     bindTexts(stmt, {sink.reference.text, iedName(da.ied), da.ldName, da.lnName, da.doName,
                      da.fcName, da.value, da.valueType, da.doDesc});
-    sqlite3_bind_int64(stmt, 10, rowKey(sink.reference.text));
+    sqlite3_bind_int64(stmt, 10, qvsql::rowKey(sink.reference.text));
     return sink.inserter->step() ? 0 : 1;
 }
 
@@ -972,7 +967,7 @@ bool insertValueRows() {
                       g_daConfTypeVector.size(), [&](sqlite3_stmt* stmt, std::size_t i) {
                           const DAConfType& member = g_daConfTypeVector[i];
                           reference.set(member.ied, member.daName);
-                          sqlite3_bind_int64(stmt, 1, rowKey(reference.text));
+                          sqlite3_bind_int64(stmt, 1, qvsql::rowKey(reference.text));
                           sqlite3_bind_double(stmt, 2, static_cast<double>(member.type));
                           sqlite3_bind_double(stmt, 3, 0.0);
                           sqlite3_bind_double(stmt, 4, 0.0);

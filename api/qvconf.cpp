@@ -168,9 +168,7 @@ void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
     int index = 1;
     for (const Param& param : params) {
         if (param.kind == Param::Kind::Text)
-            sqlite3_bind_text(stmt, index, param.text,
-                              static_cast<int>(strnlen(param.text, param.maxLength)),
-                              SQLITE_STATIC);
+            qvsql::bindText(stmt, index, param.text, param.maxLength);
         else
             sqlite3_bind_int(stmt, index, param.number);
         ++index;

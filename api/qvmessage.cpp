@@ -192,24 +192,21 @@ msglen_t raiseCapacity(int msgid) {
 
 // Puts the record on the queue without waiting in the kernel. A full queue
 // is first raised to its burst capacity (it may have been created by a sender
-// before its subscriber came), then gets short pauses, up to `patience` in
-// all, for its receiver to make room. Returns 0, or -1 with errno set.
-int putOnQueue(int msgid, SendBuffer& buffer, std::chrono::microseconds patience) {
+// before its subscriber came), then gets short pauses, up to
+// kFullQueuePatience in all, for its receiver to make room; the queue of a
+// stalled route gets neither. Returns 0, or -1 with errno set.
+int putOnQueue(int msgid, SendBuffer& buffer, bool stalled) {
+    if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == 0) return 0;
+    if (errno != EAGAIN || stalled) return -1;
+    raiseCapacity(msgid);
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + patience;
-    std::chrono::microseconds pause = kFirstFullQueuePause;
-    bool raised = false;
-    for (;;) {
+    const Clock::time_point deadline = Clock::now() + kFullQueuePatience;
+    for (std::chrono::microseconds pause = kFirstFullQueuePause;;
+         pause = std::min(pause * 2, kLongestFullQueuePause)) {
         if (msgsnd(msgid, &buffer, sizeof(MSGINFO), IPC_NOWAIT) == 0) return 0;
-        if (errno == EAGAIN && !raised) {
-            raised = true;
-            raiseCapacity(msgid);
-            continue;
-        }
         const Clock::time_point now = Clock::now();
         if (errno != EAGAIN || now >= deadline) return -1;
         std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
-        pause = std::min(pause * 2, kLongestFullQueuePause);
     }
 }
 
@@ -243,16 +240,15 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
     const int receiver = s_pAssociations[i].recvProcessNo;
     RouteState& route = s_routeStates[i];
     const bool stalled = route.stalled;
-    const auto patience = stalled ? std::chrono::microseconds(0) : kFullQueuePatience;
     const bool kept = route.queueId != -1;
     int msgid = routeQueue(route, receiver, false);
     if (msgid == -1) return 0;
-    int error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+    int error = putOnQueue(msgid, buffer, stalled) == 0 ? 0 : errno;
     // A kept queue that was removed since: open the receiver's queue anew.
     if (kept && (error == EINVAL || error == EIDRM)) {
         msgid = routeQueue(route, receiver, true);
         if (msgid == -1) return 0;
-        error = putOnQueue(msgid, buffer, patience) == 0 ? 0 : errno;
+        error = putOnQueue(msgid, buffer, stalled) == 0 ? 0 : errno;
     }
     route.stalled = error == EAGAIN;
     if (error == 0) return 0;

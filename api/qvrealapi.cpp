@@ -91,14 +91,10 @@ void printStepError() {
     std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
 }
 
-// The row key of a reference given with its length.
-unsigned int rowKeyOf(std::string_view reference) {
-    return RSHash(reference.data(), static_cast<unsigned int>(reference.size()));
-}
+using qvsql::rowKey;
 
-// The row key of a DA reference, always bound as a non-negative 64-bit number.
 void bindRowKey(sqlite3_stmt* stmt, int index, const char* daName) {
-    sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(rowKeyOf(daName)));
+    sqlite3_bind_int64(stmt, index, rowKey(daName));
 }
 
 sqlite3_stmt** sharedStatements[] = {&s_stmt_select, &s_stmt_select1, &s_stmt_update,
@@ -161,14 +157,14 @@ const char* const kUpdateWithRowSql[2] = {
 sqlite3_stmt** const rowStatements[] = {&s_selectByRow,      &s_selectWithRow,
                                         &s_updateByRow[0],   &s_updateByRow[1],
                                         &s_updateWithRow[0], &s_updateWithRow[1]};
-std::unordered_map<unsigned int, sqlite3_int64> s_rowOfKey;
+std::unordered_map<sqlite3_int64, sqlite3_int64> s_rowOfKey;
 
 // Keys of rows long gone stay remembered until they are used again; a
 // process that goes through more keys than a large model has starts over
 // (about 10 MB at this size).
 constexpr std::size_t kMostRememberedRows = 1 << 18;
 
-void rememberRow(unsigned int key, sqlite3_int64 row) {
+void rememberRow(sqlite3_int64 key, sqlite3_int64 row) {
     if (s_rowOfKey.size() >= kMostRememberedRows) s_rowOfKey.clear();
     s_rowOfKey[key] = row;
 }
@@ -229,13 +225,13 @@ int bindValueAndQuality(sqlite3_stmt* stmt, double value, const int* quality) {
 
 // Saves at the row where the key was found before, if it still holds the
 // key: 0 saved, -1 not there (save by key), -2 failed.
-int saveRememberedRow(unsigned int key, double value, const int* quality) {
+int saveRememberedRow(sqlite3_int64 key, double value, const int* quality) {
     const auto remembered = s_rowOfKey.find(key);
     if (remembered == s_rowOfKey.end()) return -1;
     sqlite3_stmt* const stmt = s_updateByRow[quality != nullptr];
     const int index = bindValueAndQuality(stmt, value, quality);
     sqlite3_bind_int64(stmt, index, remembered->second);
-    sqlite3_bind_int64(stmt, index + 1, static_cast<sqlite3_int64>(key));
+    sqlite3_bind_int64(stmt, index + 1, key);
     const int rc = stepWithBusyRetry(stmt);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
@@ -247,10 +243,10 @@ int saveRememberedRow(unsigned int key, double value, const int* quality) {
 
 // Saves by key and remembers the row it changed: 0 (also when no row has
 // the key), -2 failed.
-int saveAndRememberRow(unsigned int key, double value, const int* quality) {
+int saveAndRememberRow(sqlite3_int64 key, double value, const int* quality) {
     sqlite3_stmt* const stmt = s_updateWithRow[quality != nullptr];
     const int index = bindValueAndQuality(stmt, value, quality);
-    sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(key));
+    sqlite3_bind_int64(stmt, index, key);
     int rc;
     while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW)
         rememberRow(key, sqlite3_column_int64(stmt, 0));
@@ -269,7 +265,7 @@ bool rowStatementsReady(sqlite3_stmt*& byRow, const char* byRowSql, sqlite3_stmt
 // step. A key without a row changes nothing and succeeds. The remembered
 // rows are used only under the store lock (the map has no lock of its own);
 // otherwise the shared statement `byKey` saves by key.
-int saveKey(unsigned int key, double value, const int* quality, sqlite3_stmt* byKey,
+int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* byKey,
             bool lockHeld) {
     const int form = quality != nullptr;
     if (lockHeld && rowStatementsReady(s_updateByRow[form], kUpdateByRowSql[form],
@@ -278,7 +274,7 @@ int saveKey(unsigned int key, double value, const int* quality, sqlite3_stmt* by
         return result == -1 ? saveAndRememberRow(key, value, quality) : result;
     }
     const int index = bindValueAndQuality(byKey, value, quality);
-    sqlite3_bind_int64(byKey, index, static_cast<sqlite3_int64>(key));
+    sqlite3_bind_int64(byKey, index, key);
     const int rc = stepWithBusyRetry(byKey);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(byKey);
@@ -289,7 +285,7 @@ int saveValue(sqlite3_stmt* stmt, const char* daName, double val, const int* cha
               const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
-    return saveKey(rowKeyOf(daName), val, character, stmt, lock.held()) == 0 ? 0 : -1;
+    return saveKey(rowKey(daName), val, character, stmt, lock.held()) == 0 ? 0 : -1;
 }
 
 // Where a read puts what it found; null members are not wanted.
@@ -319,14 +315,14 @@ int stepRead(sqlite3_stmt* stmt, ValueOut out) {
 
 // Reads the row where the key was found before, if it still holds the key:
 // 0 read, -1 not there (look the key up), -2 failed.
-int readRememberedRow(unsigned int key, ValueOut out) {
+int readRememberedRow(sqlite3_int64 key, ValueOut out) {
     const auto remembered = s_rowOfKey.find(key);
     if (remembered == s_rowOfKey.end()) return -1;
     sqlite3_bind_int64(s_selectByRow, 1, remembered->second);
     int result = -1;
     const int rc = stepWithBusyRetry(s_selectByRow);
     if (rc == SQLITE_ROW &&
-        sqlite3_column_int64(s_selectByRow, 2) == static_cast<sqlite3_int64>(key)) {
+        sqlite3_column_int64(s_selectByRow, 2) == key) {
         takeValue(s_selectByRow, out);
         result = 0;
     } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
@@ -339,8 +335,8 @@ int readRememberedRow(unsigned int key, ValueOut out) {
 }
 
 // Looks the key up and remembers its row.
-int readAndRememberRow(unsigned int key, ValueOut out) {
-    sqlite3_bind_int64(s_selectWithRow, 1, static_cast<sqlite3_int64>(key));
+int readAndRememberRow(sqlite3_int64 key, ValueOut out) {
+    sqlite3_bind_int64(s_selectWithRow, 1, key);
     const int result = stepRead(s_selectWithRow, out);
     if (result == 0) rememberRow(key, sqlite3_column_int64(s_selectWithRow, 2));
     sqlite3_reset(s_selectWithRow);
@@ -351,13 +347,13 @@ int readAndRememberRow(unsigned int key, ValueOut out) {
 // remembered rows are used only under the store lock (the map has no lock
 // of its own) and once both statements are prepared; otherwise the shared
 // statement `byKey` reads by key.
-int readKey(unsigned int key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld) {
+int readKey(sqlite3_int64 key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld) {
     if (lockHeld &&
         rowStatementsReady(s_selectByRow, kSelectByRowSql, s_selectWithRow, kSelectWithRowSql)) {
         const int result = readRememberedRow(key, out);
         return result == -1 ? readAndRememberRow(key, out) : result;
     }
-    sqlite3_bind_int64(byKey, 1, static_cast<sqlite3_int64>(key));
+    sqlite3_bind_int64(byKey, 1, key);
     const int result = stepRead(byKey, out);
     sqlite3_reset(byKey);
     return result;
@@ -366,7 +362,7 @@ int readKey(unsigned int key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld) 
 int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
-    return readKey(rowKeyOf(daName), out, stmt, lock.held()) == 0 ? 0 : -1;
+    return readKey(rowKey(daName), out, stmt, lock.held()) == 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -886,7 +882,7 @@ int abandonSave() {
 // changes nothing and succeeds.
 bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
                  const int* quality, bool lockHeld) {
-    return saveKey(rowKeyOf(reference), value, quality, stmt, lockHeld) == 0;
+    return saveKey(rowKey(reference), value, quality, stmt, lockHeld) == 0;
 }
 
 // Reads one element (with the quality when asked for): true when read or
@@ -894,7 +890,7 @@ bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
 // failed step.
 bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality,
                  bool lockHeld) {
-    return readKey(rowKeyOf(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
+    return readKey(rowKey(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
 }
 
 // Writes the list in one transaction through the shared update statement
@@ -1169,8 +1165,7 @@ namespace {
 // A record's text field holds at most size - 1 characters, terminated or not.
 template <std::size_t N>
 void bindValue(sqlite3_stmt* stmt, int index, const char (&field)[N]) {
-    sqlite3_bind_text(stmt, index, field, static_cast<int>(strnlen(field, N - 1)),
-                      SQLITE_STATIC);
+    qvsql::bindField(stmt, index, field);
 }
 
 // A text argument, bound up to its terminator. Taking a view rather than a

@@ -9,6 +9,9 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+
+#include "qvrealapi.h"
 
 namespace qvsql {
 
@@ -45,6 +48,27 @@ inline int prepareWithBusyRetry(sqlite3* db, const char* sql, sqlite3_stmt** stm
 inline int bindText(sqlite3_stmt* stmt, int index, const char* text) {
     return sqlite3_bind_text(stmt, index, text, static_cast<int>(std::strlen(text)),
                              SQLITE_STATIC);
+}
+
+// Binds at most maxLength bytes of the caller's text in place, ending at its
+// terminator when there is one: a record's field need not be terminated.
+inline int bindText(sqlite3_stmt* stmt, int index, const char* text, std::size_t maxLength) {
+    return sqlite3_bind_text(stmt, index, text, static_cast<int>(strnlen(text, maxLength)),
+                             SQLITE_STATIC);
+}
+
+// A record's text field of N bytes holds at most N - 1 characters.
+template <std::size_t N>
+inline int bindField(sqlite3_stmt* stmt, int index, const char (&field)[N]) {
+    return bindText(stmt, index, field, N - 1);
+}
+
+// The row key of a stored DA reference (IED name included): RSHash of its
+// bytes, kept in the store as a non-negative 64-bit number. The loader that
+// writes the keys and the operations that look them up share it.
+inline sqlite3_int64 rowKey(std::string_view reference) {
+    return static_cast<sqlite3_int64>(
+        RSHash(reference.data(), static_cast<unsigned int>(reference.size())));
 }
 
 // Copies src into a field of `size` bytes, cutting it to size - 1 characters
