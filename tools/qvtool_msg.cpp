@@ -181,15 +181,17 @@ bool fromHex(const char* hex, void* data, size_t size) {
 
 // Becomes the process named after the tool's file alone; returns only when
 // that fails.
-int reexecuteToSend(const MSGINFO& record) {
-    const std::string hex = toHex(&record, sizeof record);
-    const std::string name = toolFileName();
-    if (setenv(kRecordVariable, hex.c_str(), 1) != 0) {
-        complain("cannot hand the record over: %s", std::strerror(errno));
+// Runs the tool again as "NAME [word]", handing `value` over in `variable`
+// (what is handed is named in a failure's message); returns only on failure.
+int reexecute(const char* variable, const std::string& value, const char* what,
+              const char* word = nullptr) {
+    if (setenv(variable, value.c_str(), 1) != 0) {
+        complain("cannot hand the %s over: %s", what, std::strerror(errno));
         return kFailed;
     }
     std::fflush(stdout);
-    char* const childArgs[] = {const_cast<char*>(name.c_str()), nullptr};
+    const std::string name = toolFileName();
+    char* const childArgs[] = {const_cast<char*>(name.c_str()), const_cast<char*>(word), nullptr};
     execv("/proc/self/exe", childArgs);
     complain("cannot re-execute the tool: %s", std::strerror(errno));
     return kFailed;
@@ -213,7 +215,7 @@ int runSend(const Args& args) {
         GENERALMSG& general = record.msgInfo.generalMsg;
         general.dataLen = static_cast<int>(std::strlen(general.buf));
     }
-    return reexecuteToSend(record);
+    return reexecute(kRecordVariable, toHex(&record, sizeof record), "record");
 }
 
 // ---- send, the child that sends -------------------------------------------------
@@ -322,16 +324,7 @@ bool parseWatchOptions(const Args& args, WatchOptions* options) {
 int reexecuteToWatch(const WatchOptions& options) {
     const std::string handed = std::to_string(options.mask) + " " +
                                std::to_string(options.count) + " " + (options.json ? "1" : "0");
-    const std::string name = toolFileName();
-    if (setenv(kWatchVariable, handed.c_str(), 1) != 0) {
-        complain("cannot hand the options over: %s", std::strerror(errno));
-        return kFailed;
-    }
-    char* const childArgs[] = {const_cast<char*>(name.c_str()), const_cast<char*>("watch"),
-                               nullptr};
-    execv("/proc/self/exe", childArgs);
-    complain("cannot re-execute the tool: %s", std::strerror(errno));
-    return kFailed;
+    return reexecute(kWatchVariable, handed, "options", "watch");
 }
 
 int runWatch(const Args& args) {

@@ -14,6 +14,7 @@
 
 #include "internal/qvloader.h"
 #include "qvaddied.h"
+#include "qvconf.h"
 #include "qvrealapi.h"
 #include "qvtool.h"
 
@@ -83,20 +84,6 @@ bool runSql(const std::string& path, const std::string& sql, const std::string& 
     return ok;
 }
 
-long long countRows(const std::string& path, const char* sql) {
-    sqlite3* db = nullptr;
-    sqlite3_stmt* stmt = nullptr;
-    long long count = -1;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-        count = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return count;
-}
-
 // A journal mode cannot change inside the transaction that runs the schema:
 // the schema's journal mode line is taken out and run first, on its own. A
 // store in use may refuse it; the library switches it when it opens it.
@@ -146,7 +133,10 @@ int runInit(const Args& args) {
         return kFailed;
     if (sampleFile == nullptr) return kOk;
     // Running a sample twice would duplicate every process and route.
-    if (countRows(QV_CONF_DB_PATH, "select count(*) from ProcessConfig") != 0) {
+    int processes = 0;
+    if (!openConfStore() || zq_getAllProcessConfigsNum(&processes) != 0) return kFailed;
+    waitingForStore(nullptr);
+    if (processes != 0) {
         complain("the configuration store already holds processes; %s not run (use --fresh)",
                  sampleFile);
         return kFailed;
@@ -244,10 +234,8 @@ int runSet(const Args& args) {
         return usageError("set: %s is not a number", args.positional[1].c_str());
     if (withQuality && !parseInt(args.positional[2], &quality))
         return usageError("set: quality %s is not an integer", args.positional[2].c_str());
-    double old = 0;
-    int oldQuality = 0;
-    // A save of a missing row succeeds without writing; say so instead.
-    if (!openRealStore() || !readValue(ref, &old, &oldQuality)) return kFailed;
+    // A save of a missing row succeeds without writing; the read back says so.
+    if (!openRealStore()) return kFailed;
     const int saved = withQuality ? zq_saveDoubDAValue1(ref.c_str(), value, quality)
                                   : zq_saveDoubDAValue(ref.c_str(), value);
     if (saved != 0 || !readValue(ref, &value, &quality)) return kFailed;
