@@ -13,6 +13,15 @@
  * nested entries in the types); -1 the store
  * could not be opened or written. On -1 and -2 the store is left exactly as
  * it was.
+ *
+ * The load takes no store lock and does not wait for a busy store: while
+ * other processes write values it may find the store busy and return -1
+ * ("database is locked"); try it again. It writes everything in one
+ * transaction, so other processes see the old model or the new one, never a
+ * mix. Loads in several threads of one process keep nothing in common but
+ * the store file: each may run, and each may meet the other's transaction
+ * as a busy store. A message line goes to standard error for every failure
+ * and for every libxml2 warning.
  */
 #ifndef QVADDIED_H
 #define QVADDIED_H
@@ -34,6 +43,7 @@ typedef enum DA_CONF_TYPE {
     SHU_ZI_SHU_CHU_LIANG = 6      /* digital output */
 } DA_CONF_TYPE;
 
+/* cid_file is only read. */
 QV_API int zq_addIEDRealDB(char* cid_file);
 
 /* The same load restricted to the IED named iedName (the file's data type

@@ -14,6 +14,17 @@
  * sets *pCount to the number written and returns 0 when every matching row
  * fitted, 1 when more rows matched (the array holds the first `capacity`
  * rows, in the usual order), -1 on failure. Prefer the bounded forms.
+ *
+ * A lookup of one record fills it from the first matching row in table order
+ * and returns -1 without a message, leaving it untouched, when no row
+ * matches; so does every query by process name for a name that
+ * ProcessConfig lacks. A busy store is waited for at every step; the lists
+ * of processes announce each pause with a line on standard output,
+ * "sqlite3_step SQLITE_BUSY".
+ *
+ * Threads: the queries may be called from several threads of one process
+ * (SQLite serialises them on the one connection); open before the threads
+ * start and close after they end.
  */
 #ifndef QVCONF_H
 #define QVCONF_H
@@ -138,6 +149,9 @@ QV_API int zq_getProcessDataAssociationByName(const char* processName,
                                               struct ProcessDataAssociation* pAssociation);
 QV_API int zq_getProcessMiscValue(const char* processName, const char* key,
                                   struct ProcessMisc* pMisc);
+/* Writes value and describe of the setting `key` of the process; the
+ * record's own key field is ignored. A setting that does not exist is not
+ * added: the write changes nothing and returns 0. */
 QV_API int zq_setProcessMiscValue(const char* processName, const char* key,
                                   const struct ProcessMisc* pMisc);
 

@@ -250,6 +250,16 @@ QV_MSG_FIELD_AT(UPDATEFILE, strFileName, 520);
  * the record is valid until the callback returns. */
 typedef void (*funptr)(LPMSGINFO);
 
+/* Threads: zq_publisherMsg loads the route table that every send reads;
+ * call it before any thread sends, and not while one does. The sends may
+ * then be called from several threads at once. The subscribe operations
+ * start one receiving loop per process.
+ *
+ * zq_publisherMsg learns the process name from /proc/self (the executable's
+ * file name and its arguments, each after one blank) and loads the routes of
+ * that name from the configuration store. Until it has been called, every
+ * send returns 0 and delivers nothing: there are no routes. A name that
+ * ProcessConfig lacks fails the call with -1. */
 QV_API int zq_publisherMsg(void);
 /* A subscriber raises its queue's capacity to 1000 records; when the system
  * does not allow that, it says once on standard error what it got. */

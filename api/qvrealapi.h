@@ -20,6 +20,22 @@
  * array holds the first `capacity` rows, in the usual order), -1 on failure.
  * Prefer the bounded forms; the others write one record per matching row,
  * however many.
+ *
+ * A lookup of one record (..ByName, ..ById, zq_getTopoInforPower) fills the
+ * record from the first matching row in table order when several rows match,
+ * and returns -1 without a message, leaving the record untouched, when none
+ * does. A save or update whose row does not exist changes nothing and
+ * returns 0.
+ *
+ * Threads: every operation but zq_openRealDB and zq_closeRealDB may be called
+ * from several threads of one process at once; the store lock lets one at a
+ * time use the process's single connection. Open before the threads start
+ * and close after they end.
+ *
+ * Messages: a failure says why in one line on standard error. Two operations
+ * also print a line on standard output, "sqlite3_step SQLITE_BUSY", before
+ * each pause while another connection keeps the store busy:
+ * zq_getLTUInforStateByName and zq_getLTUInforById.
  */
 #ifndef QVREALAPI_H
 #define QVREALAPI_H
@@ -112,6 +128,8 @@ QV_API int zq_closeRealDB(void);
 QV_API int initRealSem(void);
 QV_API void locksem(int semid);
 QV_API void unlocksem(int semid);
+/* The row key of a DA reference: the hash of its first len bytes, each byte
+ * taken as a signed char. Different references can share a key. */
 QV_API unsigned int RSHash(const char* str, unsigned int len);
 
 /* ---- Single values ---------------------------------------------------- */
@@ -127,6 +145,9 @@ QV_API int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacte
 
 /* ---- Data sets and members -------------------------------------------- */
 
+/* zq_getDataSetSubByName: the first member row with that reference, of any
+ * data set. The ...ByParams filters: a NULL text is no condition; "" matches
+ * only an empty column. */
 QV_API int zq_getAllDataSetsNum(int* pCount);
 QV_API int zq_getAllDataSets(DataSet* pSets, int* pCount);
 QV_API int zq_getAllDataSetsN(DataSet* pSets, int capacity, int* pCount);
@@ -151,7 +172,15 @@ QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
 
 /* A save list is written whole or not at all: an element whose reference has
  * no row is skipped, any other failure leaves the store as it was and
- * returns -1. A list read shows the store at one moment. */
+ * returns -1. A list read shows the store at one moment; an element whose
+ * reference has no row keeps the caller's value (and quality).
+ *
+ * The data-set operations address the members of zq_getDataSetSubsByParams
+ * with the IED and data set names, in its order; iedName or dataSetName NULL
+ * leaves that condition out. A data-set save with more values than members
+ * writes the members' values and then returns -1 with a line saying how many
+ * members the set has; one with fewer values writes the first `count`
+ * members. */
 
 QV_API int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count);
 QV_API int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals,
@@ -179,6 +208,8 @@ QV_API int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetNam
 
 /* ---- Data attributes -------------------------------------------------- */
 
+/* Looked up by the reference's row key (RSHash): the first DA row with that
+ * key, even when its own daName differs (two references sharing a key). */
 QV_API int zq_getDAByName(const char* daName, DA* pDa);
 QV_API int zq_getDAsByParamsNum(const char* iedName, const char* ldName,
                                 const char* lnName, const char* doName,
@@ -200,6 +231,10 @@ QV_API int zq_getAllLTUAccessN(LTUAccess* pLTUAccess, int capacity, int* pCount)
 
 /* ---- Terminal information --------------------------------------------- */
 
+/* The add and delete operations of the registry and topology tables run
+ * without a transaction: zq_addLTUInfors and zq_addTopoInfors stop at the
+ * first record that cannot be written and keep the ones before it. */
+
 QV_API int zq_addLTUInfor(const LTUInfor* pLTUInfor);
 QV_API int zq_addLTUInfors(const LTUInfor* pLTUInfors, int count);
 QV_API int zq_deleteAllLTUInfors(void);
@@ -208,9 +243,13 @@ QV_API int zq_getAllLTUInforsNum(int* pCount);
 QV_API int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount);
 QV_API int zq_getAllLTUInforsN(LTUInfor* pLTUInfors, int capacity, int* pCount);
 QV_API int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor);
+/* Writes every field of the record but id and name into the rows named
+ * `name`; the record's id and name are ignored. */
 QV_API int zq_setLTUInforByName(const char* name, const LTUInfor* pLTUInfor);
 QV_API int zq_setLTUInforStateByName(const char* name, int state);
+/* A name that no row carries fails like a failed step, with its line. */
 QV_API int zq_getLTUInforStateByName(const char* name, int* pState);
+/* No row and a failed step both return -1 without a message. */
 QV_API int zq_getLTUInforById(int id, LTUInfor* pLTUInfor);
 
 /* ---- Feeder topology -------------------------------------------------- */
@@ -224,6 +263,9 @@ QV_API int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount);
 QV_API int zq_getAllTopoInforsN(TopoInfor* pTopoInfors, int capacity, int* pCount);
 QV_API int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor);
 QV_API int zq_getTopoInforPower(TopoInfor* pTopoInfor);
+/* Neighbours: the nodes whose l_link (left) or r_link (right) equals that
+ * link of the node named `name` (its m_rln), the node itself excluded (the
+ * first row of that name is passed over). -1 when no node has that name. */
 QV_API int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount);
 QV_API int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
 QV_API int zq_getLeftTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,

@@ -1,5 +1,14 @@
 // qvtool: the gateway engineer's command-line tool. One binary, one
-// subcommand per job, built on the library's exported operations only.
+// subcommand per job, built on the library's exported operations, with three
+// exceptions where the library has no operation for the job:
+// - init creates the stores from the schema files on a SQLite connection of
+//   its own (the library creates no table);
+// - process and route write the configuration store with their own SQL
+//   (provisioning's writes: the library only reads processes and routes);
+// - load goes through the loader's internal entry point (qvaddied::loadFile),
+//   which also reports what the file holds, and with --check reads and
+//   expands the model without opening the store; the tool links the
+//   library's static build for it.
 #include "qvtool.h"
 
 #include <sys/stat.h>
