@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvrowkey.h"
 #include "internal/qvsqlite.h"
 
 using qvsql::bindText;
@@ -369,18 +370,7 @@ int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, const char* 
 
 // ---- Connection, lock and keys ----------------------------------------------
 
-unsigned int RSHash(const char* str, unsigned int len) {
-    unsigned int a = 63689;
-    const unsigned int b = 378551;
-    unsigned int hash = 0;
-    for (unsigned int i = 0; i < len; ++i) {
-        // Bytes count as signed chars: 0xE9 adds 0xFFFFFFE9, not 0xE9.
-        const int c = static_cast<signed char>(str[i]);
-        hash = hash * a + static_cast<unsigned int>(c);
-        a *= b;
-    }
-    return hash;
-}
+unsigned int RSHash(const char* str, unsigned int len) { return qvkey::rsHash(str, len); }
 
 namespace {
 
