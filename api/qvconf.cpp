@@ -23,6 +23,7 @@
 #include "internal/qvbuildconfig.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 
 using qvsql::copyColumnText;
 
@@ -30,8 +31,6 @@ namespace {
 
 sqlite3* s_sqliteDB = nullptr;
 
-const char* const kPrepareError = "sqlite3_prepare_v2 err %s\n";
-const char* const kWritePrepareError = "sqlite3_prepare_v2 err:%s\n";
 
 // ---- SQL texts ------------------------------------------------------------------
 
@@ -119,7 +118,7 @@ struct Query {
     const char* sql;
     std::vector<Param> params;  // in binding order
     const char* processName = nullptr;  // the process behind kProcessNo
-    const char* prepareError = kPrepareError;
+    const char* prepareError = qvtext::kPrepareFailed;
     bool announceBusy = false;  // print a line on stdout before each busy pause
 };
 
@@ -190,7 +189,7 @@ int execute(Query query, const RowHandler& onRow) {
                                           : qvsql::stepWithBusyRetry(stmt.get());
         if (rc == SQLITE_DONE) return 0;
         if (rc != SQLITE_ROW) {
-            std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
+            std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(s_sqliteDB));
             return -1;
         }
         if (!onRow(stmt.get())) return 0;
@@ -344,7 +343,7 @@ int readFirstRow(const Query& query, Record* record) {
 int zq_openConfDB(void) {
     if (s_sqliteDB != nullptr) return 0;
     if (sqlite3_open(QV_CONF_DB_PATH, &s_sqliteDB) != SQLITE_OK) {
-        std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(s_sqliteDB));
+        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
         // Drop the failed handle so that the next open tries again.
         sqlite3_close(s_sqliteDB);
         s_sqliteDB = nullptr;
@@ -534,6 +533,6 @@ int zq_setProcessMiscValue(const char* processName, const char* key, const Proce
     Query query{"zq_setProcessMiscValue", kUpdateMiscSql,
                 {Param::field(pMisc->value), Param::field(pMisc->describe), key, kProcessNo},
                 processName};
-    query.prepareError = kWritePrepareError;
+    query.prepareError = qvtext::kWriterPrepareFailed;
     return execute(query, [](sqlite3_stmt*) { return true; });
 }

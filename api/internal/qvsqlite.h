@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "internal/qvrowkey.h"
+#include "internal/qvtexts.h"
 
 namespace qvsql {
 
@@ -29,7 +30,7 @@ inline int stepWithBusyRetry(sqlite3_stmt* stmt) {
 inline int stepAnnouncingBusy(sqlite3_stmt* stmt) {
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
-        std::puts("sqlite3_step SQLITE_BUSY");
+        std::puts(qvtext::kStepBusy);
         std::fflush(stdout);
         usleep(kBusyPauseMicros);
     }

@@ -10,6 +10,7 @@
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 
@@ -95,11 +96,11 @@ bool argumentGiven(const void* argument, const char* operation) {
 }
 
 void printPrepareError() {
-    std::fprintf(stderr, "sqlite3_prepare_v2 err %s\n", sqlite3_errmsg(s_sqliteDB));
+    std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(s_sqliteDB));
 }
 
 void printStepError() {
-    std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
+    std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(s_sqliteDB));
 }
 
 int keptStatement(sqlite3_stmt*& slot, const char* sql) {
@@ -138,7 +139,7 @@ int zq_openRealDB(void) {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                       (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
     if (sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr) != SQLITE_OK) {
-        std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(s_sqliteDB));
+        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
         releaseConnection();
         return -1;
     }

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 #include "realstore/registry_tables.h"
@@ -12,7 +13,7 @@
 namespace qvreal {
 
 void printWriterPrepareError() {
-    std::fprintf(stderr, "sqlite3_prepare_v2 err:%s\n", sqlite3_errmsg(s_sqliteDB));
+    std::fprintf(stderr, qvtext::kWriterPrepareFailed, sqlite3_errmsg(s_sqliteDB));
 }
 
 int deleteAll(const RegistryTable& table, const char* operation) {

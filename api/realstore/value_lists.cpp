@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 
@@ -59,13 +60,13 @@ enum class TransactionStep { Begin, Commit };
 void printTransactionFailure(TransactionStep step, bool withQuality, int rc, const char* text) {
     if (text == nullptr) text = "";
     if (step == TransactionStep::Begin && withQuality)
-        std::fprintf(stderr, "zq_saveDAValues1 sqlite3_exec err:%d,%s\n", rc, text);
+        std::fprintf(stderr, qvtext::kSaveList1BeginFailed, rc, text);
     else if (step == TransactionStep::Begin)
-        std::fprintf(stderr, "zq_saveDAValues sqlite3_exec err:%d,%s\n", rc, text);
+        std::fprintf(stderr, qvtext::kSaveListBeginFailed, rc, text);
     else if (withQuality)
-        std::fprintf(stderr, "zq_saveDAValues1 sqlite3_exec commit err:%s\n", text);
+        std::fprintf(stderr, qvtext::kSaveList1CommitFailed, text);
     else
-        std::fprintf(stderr, "zq_saveDAValues sqlite3_exec commit err:%d,%s\n", rc, text);
+        std::fprintf(stderr, qvtext::kSaveListCommitFailed, rc, text);
 }
 
 // Runs the begin or the commit of a save list. The begin takes the write
@@ -169,7 +170,7 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
     }
-    if (result != 0) std::fprintf(stderr, "err initDaValueDataSetInfo\n");
+    if (result != 0) std::fputs(qvtext::kDataSetMembersFailed, stderr);
     return result;
 }
 
