@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvsqlite.h"
 #include "internal/qvtexts.h"
@@ -125,19 +126,14 @@ struct Query {
 // Reads one row; false stops the reading before the next step.
 using RowHandler = std::function<bool(sqlite3_stmt*)>;
 
-bool argumentGiven(const void* argument, const char* operation) {
-    if (argument != nullptr) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
-    return false;
-}
+using qvcheck::argumentGiven;
+
+const char* const kStoreClosed =
+    "the configuration store is not open (%s called before zq_openConfDB)";
 
 // Reported like a failed prepare, which is where the query stops.
 bool storeIsOpen(const Query& query) {
-    if (s_sqliteDB != nullptr) return true;
-    const std::string why = std::string("the configuration store is not open (") +
-                            query.operation + " called before zq_openConfDB)";
-    std::fprintf(stderr, query.prepareError, why.c_str());
-    return false;
+    return qvcheck::storeIsOpen(s_sqliteDB, query.operation, kStoreClosed, query.prepareError);
 }
 
 bool belongsToProcess(const Query& query) {

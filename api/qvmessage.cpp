@@ -25,9 +25,12 @@
 #include <thread>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvmessage_internal.h"
 #include "internal/qvtexts.h"
+
+using qvcheck::argumentGiven;
 
 namespace {
 
@@ -86,12 +89,6 @@ std::atomic<int> s_msgid{0};
 std::atomic<funptr> s_fptr{nullptr};
 std::atomic<int> s_processNo{0};  // the subscriber's own number, for re-opening its queue
 std::atomic<bool> s_capacityReported{false};
-
-bool argumentGiven(bool given, const char* operation) {
-    if (given) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
-    return false;
-}
 
 key_t queueKeyOf(int processNo) {
     return static_cast<key_t>(static_cast<long long>(processNo) + QV_QUEUE_KEY_OFFSET);
@@ -267,7 +264,7 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
 // other routes are served all the same).
 template <typename Payload>
 int sendKind(MsgType kind, const Payload* payload, const char* operation) {
-    if (!argumentGiven(payload != nullptr, operation)) return 0;
+    if (!argumentGiven(payload, operation)) return 0;
     SendBuffer buffer;
     std::memset(&buffer, 0, sizeof buffer);
     buffer.record.msgType = kind;
@@ -341,8 +338,7 @@ void reportAsyncQueueFailure() { std::perror(qvtext::kQueueOpenFailed); }
 // callback; the two forms report a failed queue open differently.
 int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)()) {
     int processNo = 0;
-    if (!argumentGiven(callback != nullptr, operation) ||
-        !ownProcessNo(&processNo))
+    if (!argumentGiven(callback, operation) || !ownProcessNo(&processNo))
         return -1;
     s_processNo = processNo;
     const int msgid = openOwnQueue();
@@ -425,7 +421,7 @@ int zq_subscriberMsg_async(funptr callback) {
 }
 
 int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
-    if (!argumentGiven(lpMsgInfo != nullptr, "zq_sendMsg")) return 0;
+    if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return 0;
     UNIONMSG* payload = &lpMsgInfo->msgInfo;
     switch (lpMsgInfo->msgType) {
         case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);

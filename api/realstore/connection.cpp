@@ -82,19 +82,6 @@ void switchToWal() {
 
 }  // namespace
 
-bool storeIsOpen(const char* operation) {
-    if (s_sqliteDB != nullptr) return true;
-    std::fprintf(stderr, "%s: the real-time store is not open (call zq_openRealDB first)\n",
-                 operation);
-    return false;
-}
-
-bool argumentGiven(const void* argument, const char* operation) {
-    if (argument != nullptr) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
-    return false;
-}
-
 void printPrepareError() {
     std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(s_sqliteDB));
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "internal/qvcheck.h"
 #include "internal/qvsqlite.h"
 #include "qvrealapi.h"
 
@@ -27,10 +28,12 @@ extern sqlite3_stmt* s_stmt_update;
 extern sqlite3_stmt* s_stmt_update1;
 
 // Every store operation refuses to run on a closed connection.
-bool storeIsOpen(const char* operation);
+inline bool storeIsOpen(const char* operation) {
+    return qvcheck::storeIsOpen(
+        s_sqliteDB, operation, "%s: the real-time store is not open (call zq_openRealDB first)\n");
+}
 
-// A text argument that the operation cannot do without.
-bool argumentGiven(const void* argument, const char* operation);
+using qvcheck::argumentGiven;
 
 void printPrepareError();
 void printStepError();
