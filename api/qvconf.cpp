@@ -1,28 +1,27 @@
 // The configuration store: one connection per process and its queries.
 //
 // Every query runs the same way (see execute()): resolve the process name
-// when the query belongs to a process, prepare once, bind, step with busy
-// retry, hand the rows to the shape of the operation (count, list or single
-// record), reset and finalise. The exported operations only name their SQL,
+// when the query belongs to a process, then the query runner that both
+// stores share prepares once, binds, steps with busy retry, hands the rows
+// to the shape of the operation (count, list or single record) and
+// finalises. The exported operations only name their SQL,
 // their parameters and where the rows go.
 #include "qvconf.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
+#include "internal/qvquery.h"
 #include "internal/qvsqlite.h"
 #include "internal/qvtexts.h"
 
@@ -174,22 +173,11 @@ void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
 // onRow stopped it, -1 (with a message) when it could not run.
 int execute(Query query, const RowHandler& onRow) {
     if (!prepareParams(query)) return -1;
-    qvsql::Statement stmt;
-    if (stmt.prepare(s_sqliteDB, query.sql) != SQLITE_OK) {
-        std::fprintf(stderr, query.prepareError, sqlite3_errmsg(s_sqliteDB));
-        return -1;
-    }
-    bindParams(stmt.get(), query.params);
-    for (;;) {
-        const int rc = query.announceBusy ? qvsql::stepAnnouncingBusy(stmt.get())
-                                          : qvsql::stepWithBusyRetry(stmt.get());
-        if (rc == SQLITE_DONE) return 0;
-        if (rc != SQLITE_ROW) {
-            std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(s_sqliteDB));
-            return -1;
-        }
-        if (!onRow(stmt.get())) return 0;
-    }
+    const qvsql::QueryRunner runner{
+        s_sqliteDB, query.prepareError,
+        query.announceBusy ? qvsql::stepAnnouncingBusy : qvsql::stepWithBusyRetry};
+    return runner.queryRows(
+        query.sql, [&query](sqlite3_stmt* stmt) { bindParams(stmt, query.params); }, onRow);
 }
 
 // ---- Rows into records ----------------------------------------------------------

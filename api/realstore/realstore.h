@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "internal/qvcheck.h"
+#include "internal/qvquery.h"
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 
 namespace qvreal {
@@ -135,46 +137,36 @@ inline auto filterBinds(const Filters& filters) {
 // For a query without parameters.
 inline void noBinds(sqlite3_stmt*) {}
 
-// ---- The query runner ---------------------------------------------------------
+// ---- Queries --------------------------------------------------------------------
 
-// Steps through the result rows and hands each to onRow for as long as it
-// returns true. 0 when the rows end or onRow stops; -1 on a failed step.
-template <typename OnRow>
-int forEachRow(sqlite3_stmt* stmt, OnRow onRow) {
-    for (;;) {
-        const int rc = qvsql::stepWithBusyRetry(stmt);
-        if (rc == SQLITE_DONE) return 0;
-        if (rc != SQLITE_ROW) {
-            printStepError();
-            return -1;
-        }
-        if (!onRow(stmt)) return 0;
-    }
+// The store's queries report failures in the read form and wait out a busy
+// step silently, unless they say otherwise.
+inline qvsql::QueryRunner storeQueries(const char* prepareFailed = qvtext::kPrepareFailed) {
+    return {s_sqliteDB, prepareFailed};
 }
 
-// Prepares a statement for this one call (one attempt, no busy retry), binds
-// and runs it under one hold of the store lock. The statement is finalised
-// before the lock is released.
-template <typename Bind, typename Run>
-int runQuery(const std::string& sql, Bind bind, Run run) {
+// Runs a statement prepared for this one call under one hold of the store
+// lock; it is finalised before the lock is released.
+template <typename Bind, typename Use>
+int withStatement(const std::string& sql, Bind bind, Use use) {
     StoreLock lock;
-    qvsql::Statement stmt;
-    if (stmt.prepare(s_sqliteDB, sql.c_str()) != SQLITE_OK) {
-        printPrepareError();
-        return -1;
-    }
-    bind(stmt.get());
-    return run(stmt.get());
+    return storeQueries().withStatement(sql.c_str(), bind, use);
+}
+
+// The rows of a query, under one hold of the store lock, to onRow for as long
+// as it returns true: 0, or -1 when the query fails.
+template <typename Bind, typename OnRow>
+int queryRows(const std::string& sql, Bind bind, const OnRow& onRow) {
+    StoreLock lock;
+    return storeQueries().queryRows(sql.c_str(), bind, onRow);
 }
 
 // *pCount from column 0 of the first row; without a row it stays as it is.
 template <typename Bind>
 int countRows(const std::string& sql, Bind bind, int* pCount) {
-    return runQuery(sql, bind, [pCount](sqlite3_stmt* stmt) {
-        return forEachRow(stmt, [pCount](sqlite3_stmt* row) {
-            *pCount = sqlite3_column_int(row, 0);
-            return false;
-        });
+    return queryRows(sql, bind, [pCount](sqlite3_stmt* row) {
+        *pCount = sqlite3_column_int(row, 0);
+        return false;
     });
 }
 
@@ -198,9 +190,8 @@ template <typename Record, typename Bind>
 int listRows(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, Record&),
              Record* records, int capacity, int* pCount) {
     qvsql::BoundedList<Record> list(records, capacity);
-    const int result = runQuery(sql, bind, [&](sqlite3_stmt* stmt) {
-        return forEachRow(stmt, [&](sqlite3_stmt* row) { return list.add(row, readRow); });
-    });
+    const int result =
+        queryRows(sql, bind, [&](sqlite3_stmt* row) { return list.add(row, readRow); });
     return list.finish(result, pCount);
 }
 
@@ -209,12 +200,10 @@ template <typename Record, typename Bind>
 int lookupRow(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, Record&),
               Record* record) {
     bool found = false;
-    const int result = runQuery(sql, bind, [&](sqlite3_stmt* stmt) {
-        return forEachRow(stmt, [&](sqlite3_stmt* row) {
-            readRow(row, *record);
-            found = true;
-            return false;
-        });
+    const int result = queryRows(sql, bind, [&](sqlite3_stmt* row) {
+        readRow(row, *record);
+        found = true;
+        return false;
     });
     return result == 0 && found ? 0 : -1;
 }

@@ -2,19 +2,12 @@
 // the terminal information table, written, counted, listed and looked up.
 #include <sqlite3.h>
 
-#include <cstdio>
-
 #include "internal/qvsqlite.h"
-#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 #include "realstore/registry_tables.h"
 
 namespace qvreal {
-
-void printWriterPrepareError() {
-    std::fprintf(stderr, qvtext::kWriterPrepareFailed, sqlite3_errmsg(s_sqliteDB));
-}
 
 int deleteAll(const RegistryTable& table, const char* operation) {
     if (!storeIsOpen(operation)) return -1;
@@ -131,7 +124,7 @@ int zq_getLTUInforStateByName(const char* name, int* pState) {
     if (!storeIsOpen(__func__) || !argumentGiven(name, __func__) ||
         !argumentGiven(pState, __func__))
         return -1;
-    return runQuery(
+    return withStatement(
         "select state from LTUInfor where name=? ",
         [name](sqlite3_stmt* stmt) { bindValues(stmt, name); },
         [pState](sqlite3_stmt* stmt) {
@@ -147,7 +140,7 @@ int zq_getLTUInforStateByName(const char* name, int* pState) {
 // No row and a failed step both give -1 without a message.
 int zq_getLTUInforById(int id, LTUInfor* pLTUInfor) {
     if (!storeIsOpen(__func__) || !argumentGiven(pLTUInfor, __func__)) return -1;
-    return runQuery(
+    return withStatement(
         "select id,QVsoftware_version,QVhardware_version,SGsoftware_version,SGhardware_version,name,addr,failedcount,state,desc from LTUInfor where id=? ",
         [id](sqlite3_stmt* stmt) { bindValues(stmt, id); },
         [pLTUInfor](sqlite3_stmt* stmt) {

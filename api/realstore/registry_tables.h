@@ -13,6 +13,7 @@
 #include <tuple>
 
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 
@@ -82,28 +83,24 @@ void readRecord(sqlite3_stmt* row, Record& record) {
         fieldsOf(record));
 }
 
-void printWriterPrepareError();
-
 // Prepares sql once and writes `rows` rows under one hold of the store lock:
 // bindRow(stmt, i) binds row i, which is stepped to done and reset. There is
 // no transaction: the first failing row ends the run, the rows before it stay.
 template <typename BindRow>
 int runWriter(const char* sql, int rows, BindRow bindRow) {
     StoreLock lock;
-    qvsql::Statement stmt;
-    if (stmt.prepare(s_sqliteDB, sql) != SQLITE_OK) {
-        printWriterPrepareError();
-        return -1;
-    }
-    for (int i = 0; i < rows; ++i) {
-        bindRow(stmt.get(), i);
-        if (qvsql::stepWithBusyRetry(stmt.get()) != SQLITE_DONE) {
-            printStepError();
-            return -1;
-        }
-        sqlite3_reset(stmt.get());
-    }
-    return 0;
+    return storeQueries(qvtext::kWriterPrepareFailed)
+        .withStatement(sql, noBinds, [rows, &bindRow](sqlite3_stmt* stmt) {
+            for (int i = 0; i < rows; ++i) {
+                bindRow(stmt, i);
+                if (qvsql::stepWithBusyRetry(stmt) != SQLITE_DONE) {
+                    printStepError();
+                    return -1;
+                }
+                sqlite3_reset(stmt);
+            }
+            return 0;
+        });
 }
 
 // A writer of one row whose parameters are the given values.

@@ -56,11 +56,9 @@ int countNeighbours(const char* name, const Side& side, int* pCount, const char*
     TopoInfor node{};
     if (!findNode(name, node)) return -1;
     *pCount = 0;
-    return runQuery(side.countSql, linkBinder(node, side), [pCount](sqlite3_stmt* stmt) {
-        return forEachRow(stmt, [pCount](sqlite3_stmt* row) {
-            *pCount = std::max(sqlite3_column_int(row, 0) - 1, 0);
-            return false;
-        });
+    return queryRows(side.countSql, linkBinder(node, side), [pCount](sqlite3_stmt* row) {
+        *pCount = std::max(sqlite3_column_int(row, 0) - 1, 0);
+        return false;
     });
 }
 
@@ -76,16 +74,13 @@ int listNeighbours(const char* name, const Side& side, TopoInfor* nodes, int cap
     *pCount = 0;
     qvsql::BoundedList<TopoInfor> list(nodes, capacity);
     bool nodePassed = false;
-    const int result =
-        runQuery(side.listSql, linkBinder(node, side), [&](sqlite3_stmt* stmt) {
-            return forEachRow(stmt, [&](sqlite3_stmt* row) {
-                if (!nodePassed && isTheNode(row, name)) {
-                    nodePassed = true;
-                    return true;
-                }
-                return list.add(row, readRecord<TopoInfor>);
-            });
-        });
+    const int result = queryRows(side.listSql, linkBinder(node, side), [&](sqlite3_stmt* row) {
+        if (!nodePassed && isTheNode(row, name)) {
+            nodePassed = true;
+            return true;
+        }
+        return list.add(row, readRecord<TopoInfor>);
+    });
     return list.finish(result, pCount);
 }
 

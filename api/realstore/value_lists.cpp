@@ -165,7 +165,7 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
         printPrepareError();
     } else {
         filterBinds(filters)(stmt);
-        result = forEachRow(
+        result = storeQueries().forEachRow(
             stmt, [&onMember](sqlite3_stmt* row) { return onMember(memberReference(row)); });
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
