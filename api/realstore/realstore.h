@@ -37,6 +37,7 @@ inline bool storeIsOpen(const char* operation) {
 
 using qvcheck::argumentGiven;
 
+// A failed prepare (the read form) or step on the connection, in the fixed texts.
 void printPrepareError();
 void printStepError();
 
@@ -139,8 +140,9 @@ inline void noBinds(sqlite3_stmt*) {}
 
 // ---- Queries --------------------------------------------------------------------
 
-// The store's queries report failures in the read form and wait out a busy
-// step silently, unless they say otherwise.
+// The runner of this store's queries: a failed prepare is reported in the
+// read form unless a writer names its own, and busy steps are waited out
+// without a word.
 inline qvsql::QueryRunner storeQueries(const char* prepareFailed = qvtext::kPrepareFailed) {
     return {s_sqliteDB, prepareFailed};
 }
