@@ -1,28 +1,29 @@
 // The configuration store: one connection per process and its queries.
 //
 // Every query runs the same way (see execute()): resolve the process name
-// when the query belongs to a process, prepare once, bind, step with busy
-// retry, hand the rows to the shape of the operation (count, list or single
-// record), reset and finalise. The exported operations only name their SQL,
+// when the query belongs to a process, then the query runner that both
+// stores share prepares once, binds, steps with busy retry, hands the rows
+// to the shape of the operation (count, list or single record) and
+// finalises. The exported operations only name their SQL,
 // their parameters and where the rows go.
 #include "qvconf.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
+#include "internal/qvquery.h"
 #include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
 
 using qvsql::copyColumnText;
 
@@ -30,8 +31,6 @@ namespace {
 
 sqlite3* s_sqliteDB = nullptr;
 
-const char* const kPrepareError = "sqlite3_prepare_v2 err %s\n";
-const char* const kWritePrepareError = "sqlite3_prepare_v2 err:%s\n";
 
 // ---- SQL texts ------------------------------------------------------------------
 
@@ -119,26 +118,21 @@ struct Query {
     const char* sql;
     std::vector<Param> params;  // in binding order
     const char* processName = nullptr;  // the process behind kProcessNo
-    const char* prepareError = kPrepareError;
+    const char* prepareError = qvtext::kPrepareFailed;
     bool announceBusy = false;  // print a line on stdout before each busy pause
 };
 
 // Reads one row; false stops the reading before the next step.
 using RowHandler = std::function<bool(sqlite3_stmt*)>;
 
-bool argumentGiven(const void* argument, const char* operation) {
-    if (argument != nullptr) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
-    return false;
-}
+using qvcheck::argumentGiven;
+
+const char* const kStoreClosed =
+    "the configuration store is not open (%s called before zq_openConfDB)";
 
 // Reported like a failed prepare, which is where the query stops.
 bool storeIsOpen(const Query& query) {
-    if (s_sqliteDB != nullptr) return true;
-    const std::string why = std::string("the configuration store is not open (") +
-                            query.operation + " called before zq_openConfDB)";
-    std::fprintf(stderr, query.prepareError, why.c_str());
-    return false;
+    return qvcheck::storeIsOpen(s_sqliteDB, query.operation, kStoreClosed, query.prepareError);
 }
 
 bool belongsToProcess(const Query& query) {
@@ -179,22 +173,11 @@ void bindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
 // onRow stopped it, -1 (with a message) when it could not run.
 int execute(Query query, const RowHandler& onRow) {
     if (!prepareParams(query)) return -1;
-    qvsql::Statement stmt;
-    if (stmt.prepare(s_sqliteDB, query.sql) != SQLITE_OK) {
-        std::fprintf(stderr, query.prepareError, sqlite3_errmsg(s_sqliteDB));
-        return -1;
-    }
-    bindParams(stmt.get(), query.params);
-    for (;;) {
-        const int rc = query.announceBusy ? qvsql::stepAnnouncingBusy(stmt.get())
-                                          : qvsql::stepWithBusyRetry(stmt.get());
-        if (rc == SQLITE_DONE) return 0;
-        if (rc != SQLITE_ROW) {
-            std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(s_sqliteDB));
-            return -1;
-        }
-        if (!onRow(stmt.get())) return 0;
-    }
+    const qvsql::QueryRunner runner{
+        s_sqliteDB, query.prepareError,
+        query.announceBusy ? qvsql::stepAnnouncingBusy : qvsql::stepWithBusyRetry};
+    return runner.queryRows(
+        query.sql, [&query](sqlite3_stmt* stmt) { bindParams(stmt, query.params); }, onRow);
 }
 
 // ---- Rows into records ----------------------------------------------------------
@@ -344,7 +327,7 @@ int readFirstRow(const Query& query, Record* record) {
 int zq_openConfDB(void) {
     if (s_sqliteDB != nullptr) return 0;
     if (sqlite3_open(QV_CONF_DB_PATH, &s_sqliteDB) != SQLITE_OK) {
-        std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(s_sqliteDB));
+        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
         // Drop the failed handle so that the next open tries again.
         sqlite3_close(s_sqliteDB);
         s_sqliteDB = nullptr;
@@ -534,6 +517,6 @@ int zq_setProcessMiscValue(const char* processName, const char* key, const Proce
     Query query{"zq_setProcessMiscValue", kUpdateMiscSql,
                 {Param::field(pMisc->value), Param::field(pMisc->describe), key, kProcessNo},
                 processName};
-    query.prepareError = kWritePrepareError;
+    query.prepareError = qvtext::kWriterPrepareFailed;
     return execute(query, [](sqlite3_stmt*) { return true; });
 }

@@ -25,8 +25,12 @@
 #include <thread>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvmessage_internal.h"
+#include "internal/qvtexts.h"
+
+using qvcheck::argumentGiven;
 
 namespace {
 
@@ -86,12 +90,6 @@ std::atomic<funptr> s_fptr{nullptr};
 std::atomic<int> s_processNo{0};  // the subscriber's own number, for re-opening its queue
 std::atomic<bool> s_capacityReported{false};
 
-bool argumentGiven(bool given, const char* operation) {
-    if (given) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
-    return false;
-}
-
 key_t queueKeyOf(int processNo) {
     return static_cast<key_t>(static_cast<long long>(processNo) + QV_QUEUE_KEY_OFFSET);
 }
@@ -135,13 +133,13 @@ int readExecutablePath(char* processdir, char* processname, int len) {
         errno = ENAMETOOLONG;
     }
     if (n <= 0) {
-        std::perror("readlink  err\n");
+        std::perror(qvtext::kReadlinkFailed);
         return -1;
     }
     processdir[n] = '\0';
     char* slash = std::strrchr(processdir, '/');
     if (slash == nullptr) {
-        std::perror("in function get_executable_path strrchr err\n");
+        std::perror(qvtext::kNoDirectoryInPath);
         return -1;
     }
     processname[0] = '\0';
@@ -228,7 +226,7 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
 int routeQueue(RouteState& route, int receiver, bool reopen) {
     if (!reopen && route.queueId != -1) return route.queueId;
     const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
-    if (msgid == -1) std::perror("msgget failed\n");
+    if (msgid == -1) std::perror(qvtext::kQueueOpenFailed);
     route.queueId = msgid;
     return msgid;
 }
@@ -254,7 +252,7 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
     if (error == 0) return 0;
     if (error != EAGAIN) {
         errno = error;
-        std::perror("msgsnd failed\n");
+        std::perror(qvtext::kSendFailed);
         return 0;
     }
     reportLostToFullQueue(receiver, buffer.record.msgType, stalled);
@@ -266,7 +264,7 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
 // other routes are served all the same).
 template <typename Payload>
 int sendKind(MsgType kind, const Payload* payload, const char* operation) {
-    if (!argumentGiven(payload != nullptr, operation)) return 0;
+    if (!argumentGiven(payload, operation)) return 0;
     SendBuffer buffer;
     std::memset(&buffer, 0, sizeof buffer);
     buffer.record.msgType = kind;
@@ -309,7 +307,7 @@ void recoverFromReceiveFailure(int error, int failedId) {
     if (error == EINTR) return;  // a signal: receive again at once
     if (error == EIDRM || error == EINVAL) {
         const int msgid = openOwnQueue();
-        if (msgid == -1) std::perror("msgget failed\n");
+        if (msgid == -1) std::perror(qvtext::kQueueOpenFailed);
         if (msgid != -1 && msgid != failedId) {
             s_msgid = msgid;
             return;
@@ -325,7 +323,7 @@ void recoverFromReceiveFailure(int error, int failedId) {
         const int msgid = s_msgid;
         if (msgrcv(msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
             const int error = errno;
-            std::perror("msgrcv err\n");
+            std::perror(qvtext::kReceiveFailed);
             recoverFromReceiveFailure(error, msgid);
             continue;
         }
@@ -333,15 +331,14 @@ void recoverFromReceiveFailure(int error, int failedId) {
     }
 }
 
-void reportSyncQueueFailure() { std::fprintf(stderr, "msgget failed with error: %d\n", errno); }
-void reportAsyncQueueFailure() { std::perror("msgget failed\n"); }
+void reportSyncQueueFailure() { std::fprintf(stderr, qvtext::kQueueOpenFailedWithCode, errno); }
+void reportAsyncQueueFailure() { std::perror(qvtext::kQueueOpenFailed); }
 
 // Finds the own process number, opens the own queue and installs the
 // callback; the two forms report a failed queue open differently.
 int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)()) {
     int processNo = 0;
-    if (!argumentGiven(callback != nullptr, operation) ||
-        !ownProcessNo(&processNo))
+    if (!argumentGiven(callback, operation) || !ownProcessNo(&processNo))
         return -1;
     s_processNo = processNo;
     const int msgid = openOwnQueue();
@@ -359,7 +356,7 @@ int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)
 int get_executable_path(char* processdir, char* processname, int len) {
     if (processdir == nullptr || processname == nullptr) {
         errno = EINVAL;
-        std::perror("readlink  err\n");
+        std::perror(qvtext::kReadlinkFailed);
         return -1;
     }
     if (readExecutablePath(processdir, processname, len) != 0) return -1;
@@ -368,7 +365,7 @@ int get_executable_path(char* processdir, char* processname, int len) {
     const int fd = open("/proc/self/cmdline", O_RDONLY);
     const ssize_t n = fd == -1 ? -1 : read(fd, cmdline, sizeof cmdline);
     if (n < 0) {
-        std::perror("in function get_executable_path read err\n");
+        std::perror(qvtext::kCmdlineReadFailed);
         if (fd != -1) close(fd);
         return -1;
     }
@@ -399,7 +396,7 @@ int zq_publisherMsg(void) {
     s_routeStates.reset(new (std::nothrow) RouteState[entries]);
     if (s_pAssociations == nullptr || s_routeStates == nullptr) {
         s_count = 0;
-        std::perror("malloc err\n");
+        std::perror(qvtext::kRouteTableAllocFailed);
         return -1;
     }
     // Routes added since the count are left for the next load.
@@ -417,14 +414,14 @@ int zq_subscriberMsg_async(funptr callback) {
     const int created = pthread_create(&thread, nullptr, recv_msg_thread, nullptr);
     if (created != 0) {
         errno = created;
-        std::perror("Create pthread error!\n");
+        std::perror(qvtext::kThreadStartFailed);
         return -1;
     }
     return 0;
 }
 
 int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
-    if (!argumentGiven(lpMsgInfo != nullptr, "zq_sendMsg")) return 0;
+    if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return 0;
     UNIONMSG* payload = &lpMsgInfo->msgInfo;
     switch (lpMsgInfo->msgType) {
         case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);

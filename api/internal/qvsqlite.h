@@ -11,7 +11,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "qvrealapi.h"
+#include "internal/qvrowkey.h"
+#include "internal/qvtexts.h"
 
 namespace qvsql {
 
@@ -29,7 +30,7 @@ inline int stepWithBusyRetry(sqlite3_stmt* stmt) {
 inline int stepAnnouncingBusy(sqlite3_stmt* stmt) {
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
-        std::puts("sqlite3_step SQLITE_BUSY");
+        std::puts(qvtext::kStepBusy);
         std::fflush(stdout);
         usleep(kBusyPauseMicros);
     }
@@ -68,7 +69,7 @@ inline int bindField(sqlite3_stmt* stmt, int index, const char (&field)[N]) {
 // writes the keys and the operations that look them up share it.
 inline sqlite3_int64 rowKey(std::string_view reference) {
     return static_cast<sqlite3_int64>(
-        RSHash(reference.data(), static_cast<unsigned int>(reference.size())));
+        qvkey::rsHash(reference.data(), static_cast<unsigned int>(reference.size())));
 }
 
 // Copies src into a field of `size` bytes, cutting it to size - 1 characters

@@ -1,0 +1,149 @@
+// The real-time store's connection: opening and closing it, its journal
+// mode, the statements kept on it (the value hot path's shared four, the
+// member queries and transaction control) and the checks every operation
+// makes before it touches it.
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "internal/qvbuildconfig.h"
+#include "internal/qvsqlite.h"
+#include "internal/qvtexts.h"
+#include "qvrealapi.h"
+#include "realstore/realstore.h"
+
+namespace qvreal {
+
+sqlite3* s_sqliteDB = nullptr;
+sqlite3_stmt* s_stmt_select = nullptr;
+sqlite3_stmt* s_stmt_select1 = nullptr;
+sqlite3_stmt* s_stmt_update = nullptr;
+sqlite3_stmt* s_stmt_update1 = nullptr;
+
+namespace {
+
+const char* const kSelectSql = "select value from DAValue where hashID=?";
+const char* const kSelect1Sql = "select value,quality from DAValue where hashID=?";
+const char* const kUpdateSql = "update DAValue set value=?  where hashID=?";
+const char* const kUpdate1Sql = "update DAValue set value=?,quality=? where hashID=?";
+
+sqlite3_stmt** sharedStatements[] = {&s_stmt_select, &s_stmt_select1, &s_stmt_update,
+                                     &s_stmt_update1};
+
+// The data-set value operations' member queries, prepared once per
+// connection for each of their SQL texts (either name may be left out): a
+// prepare per call costs as much as reading dozens of values.
+std::map<std::string, sqlite3_stmt*> s_memberQueries;
+
+const char* const kControlSql[kControlCount] = {"begin", "begin immediate transaction",
+                                                "commit transaction", "rollback"};
+sqlite3_stmt* s_control[kControlCount] = {};
+
+// Finalises the kept statements and closes the connection; a failed open
+// uses it too, so that the next zq_openRealDB tries again from scratch.
+void releaseConnection() {
+    for (sqlite3_stmt** stmt : sharedStatements) {
+        sqlite3_finalize(*stmt);
+        *stmt = nullptr;
+    }
+    for (auto& query : s_memberQueries) sqlite3_finalize(query.second);
+    s_memberQueries.clear();
+    for (sqlite3_stmt*& stmt : s_control) {
+        sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
+    releaseRememberedRows();
+    sqlite3_close(s_sqliteDB);
+    s_sqliteDB = nullptr;
+}
+
+std::string currentJournalMode() {
+    qvsql::Statement mode;
+    if (mode.prepare(s_sqliteDB, "PRAGMA journal_mode") != SQLITE_OK ||
+        sqlite3_step(mode.get()) != SQLITE_ROW)
+        return "";
+    const unsigned char* text = sqlite3_column_text(mode.get(), 0);
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+// A store created in rollback-journal mode is switched to the write-ahead
+// log when no other connection is in the way. Failing is no error: every
+// operation works in either mode, only more slowly in the old one. In the
+// log a commit then skips the sync that only a power loss would need: the
+// store sits in memory and is gone after one anyway.
+void switchToWal() {
+    if (currentJournalMode() != "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    if (currentJournalMode() == "wal")
+        sqlite3_exec(s_sqliteDB, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+}
+
+}  // namespace
+
+void printPrepareError() {
+    std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(s_sqliteDB));
+}
+
+void printStepError() {
+    std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(s_sqliteDB));
+}
+
+int keptStatement(sqlite3_stmt*& slot, const char* sql) {
+    if (slot != nullptr) return SQLITE_OK;
+    const int rc = sqlite3_prepare_v2(s_sqliteDB, sql, -1, &slot, nullptr);
+    if (rc != SQLITE_OK) {
+        sqlite3_finalize(slot);
+        slot = nullptr;
+    }
+    return rc;
+}
+
+sqlite3_stmt* keptQuery(const std::string& sql) {
+    sqlite3_stmt*& kept = s_memberQueries[sql];
+    return keptStatement(kept, sql.c_str()) == SQLITE_OK ? kept : nullptr;
+}
+
+int runControl(Control control) {
+    sqlite3_stmt*& stmt = s_control[control];
+    if (const int prepared = keptStatement(stmt, kControlSql[control]); prepared != SQLITE_OK)
+        return prepared;
+    const int rc = sqlite3_step(stmt);
+    sqlite3_reset(stmt);
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+}  // namespace qvreal
+
+using namespace qvreal;
+
+int zq_openRealDB(void) {
+    initRealSem();
+    if (s_sqliteDB != nullptr) return 0;
+    // No connection mutex while the store lock keeps every thread but one
+    // away from the connection: SQLite's own locking per call is then waste.
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                      (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
+    if (sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr) != SQLITE_OK) {
+        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
+        releaseConnection();
+        return -1;
+    }
+    switchToWal();
+    const char* const sqls[] = {kSelectSql, kSelect1Sql, kUpdateSql, kUpdate1Sql};
+    for (int i = 0; i < 4; ++i) {
+        if (qvsql::prepareWithBusyRetry(s_sqliteDB, sqls[i], sharedStatements[i]) != SQLITE_OK) {
+            printPrepareError();
+            releaseConnection();
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int zq_closeRealDB(void) {
+    if (s_sqliteDB == nullptr) return 0;
+    releaseConnection();
+    return 0;
+}

@@ -1,0 +1,70 @@
+// Single values of the real-time store, saved and read by DA reference under
+// the store lock, and the exported row key the references are stored by.
+#include <sqlite3.h>
+
+#include "internal/qvrowkey.h"
+#include "qvrealapi.h"
+#include "realstore/realstore.h"
+
+using namespace qvreal;
+
+unsigned int RSHash(const char* str, unsigned int len) { return qvkey::rsHash(str, len); }
+
+namespace {
+
+int saveValue(sqlite3_stmt* stmt, const char* daName, double val, const int* character,
+              const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
+    StoreLock lock;
+    return saveKey(rowKey(daName), val, character, stmt, lock.held()) == 0 ? 0 : -1;
+}
+
+int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, const char* operation) {
+    if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
+    StoreLock lock;
+    return readKey(rowKey(daName), out, stmt, lock.held()) == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+int zq_saveDoubDAValue(const char* daName, double val) {
+    return saveValue(s_stmt_update, daName, val, nullptr, "zq_saveDoubDAValue");
+}
+
+int zq_saveDoubDAValue1(const char* daName, double val, int character) {
+    return saveValue(s_stmt_update1, daName, val, &character, "zq_saveDoubDAValue1");
+}
+
+int zq_saveIntDAValueValue(const char* daName, int val) {
+    return zq_saveDoubDAValue(daName, static_cast<double>(val)) == 0 ? 0 : -1;
+}
+
+int zq_saveIntDAValueValue1(const char* daName, int val, int character) {
+    return zq_saveDoubDAValue1(daName, static_cast<double>(val), character) == 0 ? 0 : -1;
+}
+
+int zq_getIntDAValue(const char* daName, int* pValue) {
+    if (!argumentGiven(pValue, "zq_getIntDAValue")) return -1;
+    return readValue(s_stmt_select, daName, {nullptr, pValue, nullptr}, "zq_getIntDAValue");
+}
+
+int zq_getIntDAValue1(const char* daName, int* pValue, int* pCharacter) {
+    if (!argumentGiven(pValue, "zq_getIntDAValue1") ||
+        !argumentGiven(pCharacter, "zq_getIntDAValue1"))
+        return -1;
+    return readValue(s_stmt_select1, daName, {nullptr, pValue, pCharacter},
+                     "zq_getIntDAValue1");
+}
+
+int zq_getDoubDAValue(const char* daName, double* pValue) {
+    if (!argumentGiven(pValue, "zq_getDoubDAValue")) return -1;
+    return readValue(s_stmt_select, daName, {pValue, nullptr, nullptr}, "zq_getDoubDAValue");
+}
+
+int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter) {
+    if (!argumentGiven(pValue, "zq_getDoubDAValue1") ||
+        !argumentGiven(pCharacter, "zq_getDoubDAValue1"))
+        return -1;
+    return readValue(s_stmt_select1, daName, {pValue, nullptr, pCharacter},
+                     "zq_getDoubDAValue1");
+}
