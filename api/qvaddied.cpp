@@ -61,23 +61,9 @@ constexpr int kEntityDepthLimit = 16;
 
 // ---- Texts -----------------------------------------------------------------
 
-// The length of src cut to at most `limit` bytes without splitting a UTF-8
-// character.
-std::size_t cutLength(const char* src, std::size_t length, std::size_t limit) {
-    if (length <= limit) return length;
-    std::size_t n = limit;
-    while (n > 0 && (static_cast<unsigned char>(src[n]) & 0xC0) == 0x80) --n;
-    return n;
-}
-
-// Copies a text into a field, cut to the field's width (null: empty).
-template <std::size_t N>
-void copyText(char (&dst)[N], const char* src) {
-    if (src == nullptr) src = "";
-    const std::size_t n = cutLength(src, std::strlen(src), N - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
-}
+// The library's one bounded text copy: cut at a UTF-8 character boundary.
+using qvsql::copyText;
+using qvsql::cutLength;
 
 void assignCut(std::string& dst, const char* src, std::size_t width) {
     dst.assign(src, cutLength(src, std::strlen(src), width));
