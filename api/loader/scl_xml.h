@@ -1,6 +1,6 @@
-// libxml2 access for the two SCL readers (the instance section and the data
-// type templates): parsing a file, element names, attributes and element
-// text, with every text bounded and no entity read from outside the file.
+// What the two SCL readers share: libxml2 access (parsing a file, element
+// names, attributes and element text, every text bounded and no entity read
+// from outside the file) and the type templates reader that readICD calls.
 #ifndef QV_LOADER_SCL_XML_H
 #define QV_LOADER_SCL_XML_H
 
