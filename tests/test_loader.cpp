@@ -6,7 +6,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <tuple>
 
 #include "internal/qvloader.h"
 #include "qvaddied.h"
@@ -522,6 +525,31 @@ TEST_F(Loader, GeneratedModelOfAHundredThousandAttributesLoads) {
     ASSERT_EQ(loadScl(sclText(devices, types)), 0);
     EXPECT_EQ(query(realDbPath(), "select count(*),count(distinct daName),max(daName) from DA"),
               (Rows{{"100000", "100000", "IED1LD9/GGIO99$ST$d99$stVal"}}));
+}
+
+// Two threads check their own files over and over: each load must read
+// exactly what a load alone reads, so no load sees another one's model.
+TEST_F(Loader, ConcurrentLoadsInOneProcessKeepTheirOwnModels) {
+    auto summaryOf = [](const std::string& file) {
+        qvaddied::LoadSummary summary;
+        const int result = qvaddied::loadFile(file.c_str(), nullptr, false, &summary);
+        return std::make_tuple(result, summary.ieds, summary.dataSets, summary.members,
+                               summary.attributes, summary.valueRows);
+    };
+    const std::string files[] = {sourcePath("tests/data/loader_feeder_a.scd"),
+                                 sourcePath("tests/data/loader_bays_b.scd")};
+    using Summary = decltype(summaryOf(files[0]));
+    const Summary alone[] = {summaryOf(files[0]), summaryOf(files[1])};
+    ASSERT_EQ(alone[0], Summary(0, {"FEEDER_A"}, 3, 7, 60, 6));
+    ASSERT_EQ(alone[1], Summary(0, {"BAY_B1", "BAY_B2"}, 4, 5, 26, 5));
+    std::atomic<int> mismatches{0};
+    auto checkRepeatedly = [&](int f) {
+        for (int i = 0; i < 200; ++i) mismatches += summaryOf(files[f]) != alone[f];
+    };
+    std::thread other(checkRepeatedly, 1);
+    checkRepeatedly(0);
+    other.join();
+    EXPECT_EQ(mismatches, 0);
 }
 
 // ---- Hostile files ----------------------------------------------------------

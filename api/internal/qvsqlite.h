@@ -72,13 +72,22 @@ inline sqlite3_int64 rowKey(std::string_view reference) {
         qvkey::rsHash(reference.data(), static_cast<unsigned int>(reference.size())));
 }
 
-// Copies src into a field of `size` bytes, cutting it to size - 1 characters
-// and always terminating it. A null source becomes the empty text.
+// The length of a text of `length` bytes cut to at most `limit` bytes
+// without splitting a UTF-8 character.
+inline std::size_t cutLength(const char* src, std::size_t length, std::size_t limit) {
+    if (length <= limit) return length;
+    std::size_t n = limit;
+    while (n > 0 && (static_cast<unsigned char>(src[n]) & 0xC0) == 0x80) --n;
+    return n;
+}
+
+// Copies src into a field of `size` bytes, cutting it to at most size - 1
+// bytes at a UTF-8 character boundary (a field never ends in half a
+// character) and always terminating it. A null source becomes the empty text.
 inline void copyText(char* dst, std::size_t size, const char* src) {
     if (size == 0) return;
     if (src == nullptr) src = "";
-    std::size_t n = std::strlen(src);
-    if (n >= size) n = size - 1;
+    const std::size_t n = cutLength(src, std::strlen(src), size - 1);
     std::memcpy(dst, src, n);
     dst[n] = '\0';
 }

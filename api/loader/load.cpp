@@ -1,0 +1,63 @@
+// One load of an SCL file: a model of its own, the stages run on it in
+// order (read, expand, classify, write or only count), and the exported
+// entry points zq_addIEDRealDB and zq_addIEDRealDBByName.
+#include <cstdio>
+
+#include "internal/qvloader.h"
+#include "model.h"
+#include "qvaddied.h"
+
+namespace qvaddied {
+
+namespace {
+
+void summarize(const Model& model, LoadSummary* summary) {
+    summary->ieds.clear();
+    for (const IED& ied : model.giedVector) summary->ieds.emplace_back(ied.name);
+    summary->dataSets = static_cast<long>(model.gdsVector.size());
+    summary->members = static_cast<long>(model.gdsSubVector.size());
+    summary->valueRows = static_cast<long>(model.g_daConfTypeVector.size());
+}
+
+// Every attribute row formed, none written: 0, or -2 after a message.
+int countAttributes(Model& model, long* attributes) {
+    long rows = 0;
+    const int counted = forEachAttribute(model, [&](const DATable&) {
+        ++rows;
+        return 0;
+    });
+    *attributes = rows;
+    return counted == 0 ? 0 : -2;
+}
+
+int runStages(Model& model, bool writeStore, LoadSummary* summary) {
+    if (readICD(model) != 0 || initDATable(model) != 0) return -2;
+    initDaValue(model);
+    read_daConfTypes(model);
+    summarize(model, summary);
+    return writeStore ? addRealTimeDB(model, &summary->attributes)
+                      : countAttributes(model, &summary->attributes);
+}
+
+}  // namespace
+
+int loadFile(const char* file, const char* iedName, bool writeStore, LoadSummary* summary) {
+    LoadSummary ignored;
+    Model model(file, iedName);
+    const int result = runStages(model, writeStore, summary ? summary : &ignored);
+    if (result == -2) std::fputs("cid 解析出错.\n", stderr);
+    return result;
+}
+
+}  // namespace qvaddied
+
+int zq_addIEDRealDB(char* cid_file) { return qvaddied::loadFile(cid_file, nullptr, true, nullptr); }
+
+int zq_addIEDRealDBByName(const char* file, const char* iedName) {
+    if (iedName == nullptr) {
+        std::fputs("SCL error: no IED name given\n", stderr);
+        std::fputs("cid 解析出错.\n", stderr);
+        return -2;
+    }
+    return qvaddied::loadFile(file, iedName, true, nullptr);
+}
