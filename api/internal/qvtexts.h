@@ -1,4 +1,5 @@
-// The fixed message texts that the stores and the messaging unit print: the
+// The fixed message texts that the stores, the loader and the messaging unit
+// print: the
 // library's long-standing texts, kept byte for byte (odd blanks and colons
 // included), each written once here.
 #ifndef QV_INTERNAL_QVTEXTS_H
@@ -27,6 +28,16 @@ inline constexpr char kSaveListBeginFailed[] = "zq_saveDAValues sqlite3_exec err
 inline constexpr char kSaveList1BeginFailed[] = "zq_saveDAValues1 sqlite3_exec err:%d,%s\n";
 inline constexpr char kSaveListCommitFailed[] = "zq_saveDAValues sqlite3_exec commit err:%d,%s\n";
 inline constexpr char kSaveList1CommitFailed[] = "zq_saveDAValues1 sqlite3_exec commit err:%s\n";
+
+// ---- The model loader (stderr) ------------------------------------------------
+
+inline constexpr char kExecFailed[] = "sqlite3_exec err %s\n";
+inline constexpr char kLoaderOpenFailed[] = "Cannot open db: %s\n";
+inline constexpr char kXmlParseFailed[] = "Failed to parse xml file:%s\n";
+inline constexpr char kRootEmpty[] = "Root is empty.\n";
+inline constexpr char kRootNotScl[] = "The root is not SCL.\n";
+// Follows every load that fails on its file.
+inline constexpr char kModelUnusable[] = "cid 解析出错.\n";
 
 // ---- Messaging (perror, which adds ": " and the system's text) ------------------
 

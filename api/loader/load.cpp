@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "internal/qvloader.h"
+#include "internal/qvtexts.h"
 #include "model.h"
 #include "qvaddied.h"
 
@@ -45,7 +46,7 @@ int loadFile(const char* file, const char* iedName, bool writeStore, LoadSummary
     LoadSummary ignored;
     Model model(file, iedName);
     const int result = runStages(model, writeStore, summary ? summary : &ignored);
-    if (result == -2) std::fputs("cid 解析出错.\n", stderr);
+    if (result == -2) std::fputs(qvtext::kModelUnusable, stderr);
     return result;
 }
 
@@ -56,7 +57,7 @@ int zq_addIEDRealDB(char* cid_file) { return qvaddied::loadFile(cid_file, nullpt
 int zq_addIEDRealDBByName(const char* file, const char* iedName) {
     if (iedName == nullptr) {
         std::fputs("SCL error: no IED name given\n", stderr);
-        std::fputs("cid 解析出错.\n", stderr);
+        std::fputs(qvtext::kModelUnusable, stderr);
         return -2;
     }
     return qvaddied::loadFile(file, iedName, true, nullptr);

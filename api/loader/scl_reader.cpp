@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "internal/qvtexts.h"
 #include "model.h"
 #include "scl_xml.h"
 
@@ -230,11 +231,11 @@ int readSclChildren(Model& model, xmlNodePtr root) {
 int readRoot(Model& model, xmlDocPtr doc) {
     xmlNodePtr root = xmlDocGetRootElement(doc);
     if (root == nullptr) {
-        std::fputs("Root is empty.\n", stderr);
+        std::fputs(qvtext::kRootEmpty, stderr);
         return -1;
     }
     if (xmlStrcmp(root->name, BAD_CAST "SCL") != 0) {
-        std::fputs("The root is not SCL.\n", stderr);
+        std::fputs(qvtext::kRootNotScl, stderr);
         return -1;
     }
     if (readSclChildren(model, root) != 0) return -1;
@@ -255,7 +256,7 @@ int readICD(Model& model) {
     long size = 0;
     xmlDocPtr doc = isReadableFile(model.file, &size) ? parseFile(model.file) : nullptr;
     if (doc == nullptr) {
-        std::fprintf(stderr, "Failed to parse xml file:%s\n", model.file);
+        std::fprintf(stderr, qvtext::kXmlParseFailed, model.file);
         return -1;
     }
     // How many data attributes the model of this file may have.

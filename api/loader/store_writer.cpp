@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvtexts.h"
 #include "model.h"
 
 namespace qvaddied {
@@ -27,16 +28,16 @@ struct StoredReference {
 };
 
 void printPrepareError(sqlite3* db) {
-    std::fprintf(stderr, "sqlite3_prepare_v2 err %s\n", sqlite3_errmsg(db));
+    std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(db));
 }
 
 void printStepError(sqlite3* db) {
-    std::fprintf(stderr, "sqlite3_step err %s\n", sqlite3_errmsg(db));
+    std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(db));
 }
 
 bool execControl(sqlite3* db, const char* sql) {
     if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
-    std::fprintf(stderr, "sqlite3_exec err %s\n", sqlite3_errmsg(db));
+    std::fprintf(stderr, qvtext::kExecFailed, sqlite3_errmsg(db));
     return false;
 }
 
@@ -200,7 +201,7 @@ int writeModel(Model& model, long* attributes) {
 
 int addRealTimeDB(Model& model, long* attributes) {
     if (sqlite3_open(QV_REALTIME_DB_PATH, &model.g_sqliteDB) != SQLITE_OK) {
-        std::fprintf(stderr, "Cannot open db: %s\n", sqlite3_errmsg(model.g_sqliteDB));
+        std::fprintf(stderr, qvtext::kLoaderOpenFailed, sqlite3_errmsg(model.g_sqliteDB));
         sqlite3_close(model.g_sqliteDB);
         model.g_sqliteDB = nullptr;
         return -1;
