@@ -5,8 +5,10 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 
 #include "internal/qvloader.h"
 #include "qvaddied.h"
@@ -21,7 +23,6 @@ using testing::internal::GetCapturedStderr;
 namespace {
 
 std::string writeFile(const std::string& name, const std::string& content) {
-    mkdir(QV_TEST_STORE_DIR, 0755);
     std::ofstream(storeFile(name)) << content;
     return storeFile(name);
 }
@@ -555,26 +556,22 @@ long statusKiB(const char* field) {
     return -1;
 }
 
-// Loads in a child process that an alarm ends after 20 s, reporting the
-// load's result and how far it raised the peak resident size.
+// Loads in a child process that is killed after 20 s, reporting the load's
+// result and how far it raised the peak resident size.
 Bounds loadInChild(const std::string& path) {
+    Bounds bounds;
     int channel[2];
-    if (pipe(channel) != 0) return {};
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(20);
+    if (pipe(channel) != 0) return bounds;
+    runInChild([&] {
         std::ofstream("/proc/self/clear_refs") << "5";  // peak := current
         const long before = statusKiB("VmRSS:");
-        Bounds bounds;
         bounds.result = zq_addIEDRealDB(const_cast<char*>(path.c_str()));
         bounds.peakGrowthKiB = statusKiB("VmHWM:") - before;
-        _exit(write(channel[1], &bounds, sizeof bounds) == sizeof bounds ? 0 : 1);
-    }
+        return write(channel[1], &bounds, sizeof bounds) == sizeof bounds ? 0 : 1;
+    }, 20000);
     close(channel[1]);
-    Bounds bounds;
     if (read(channel[0], &bounds, sizeof bounds) != sizeof bounds) bounds = {};
     close(channel[0]);
-    waitpid(pid, nullptr, 0);
     return bounds;
 }
 

@@ -18,8 +18,12 @@ using Rows = std::vector<std::vector<std::string>>;
 std::string realDbPath();
 std::string confDbPath();
 std::string sourcePath(const std::string& relative);  // a file of the source tree
+std::string dataPath(const std::string& name);        // a file of tests/data
+std::string storeFile(const std::string& name);       // a file beside the test stores
+std::string fileText(const std::string& path);
 
 // Runs SQL (one or more statements) on a database file; fails the test on error.
+// The SQL may call rowkey(reference): the row key of a DA reference.
 void execSql(const std::string& dbPath, const std::string& sql);
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
 
