@@ -60,39 +60,9 @@ Rows dumpModel(const std::string& ied = "") {
     return all;
 }
 
-// DO "A" has a sub-data object with nested structures, a structure mixing
-// basic and structured members, and an enum.
-const char* const kMeasurementTypes =
-    "<LNodeType id=\"T_MMXU\"><DO name=\"A\" type=\"T_WYE\"/></LNodeType>"
-    "<DOType id=\"T_WYE\"><SDO name=\"phsA\" type=\"T_CMV\"/></DOType>"
-    "<DOType id=\"T_CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"T_Vector\" fc=\"MX\"/>"
-    "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/>"
-    "<DA name=\"units\" bType=\"Struct\" type=\"T_Unit\" fc=\"CF\"/></DOType>"
-    "<DAType id=\"T_Vector\"><BDA name=\"mag\" bType=\"Struct\" type=\"T_AV\"/>"
-    "<BDA name=\"ang\" bType=\"Struct\" type=\"T_AV\"/></DAType>"
-    "<DAType id=\"T_AV\"><BDA name=\"f\" bType=\"FLOAT32\"/></DAType>"
-    "<DAType id=\"T_Unit\"><BDA name=\"SIUnit\" bType=\"Enum\" type=\"T_SIUnit\"/>"
-    "<BDA name=\"range\" bType=\"Struct\" type=\"T_AV\"/></DAType>"
-    "<EnumType id=\"T_SIUnit\"><EnumVal ord=\"5\">A</EnumVal><EnumVal ord=\"29\">V</EnumVal></EnumType>";
-
-std::string unitValue(const std::string& text) {
-    return "<DOI name=\"A\" desc=\"currents\"><SDI name=\"phsA\"><SDI name=\"units\">"
-           "<DAI name=\"SIUnit\"><Val>" + text + "</Val></DAI></SDI></SDI></DOI>";
-}
-
-// A leaf and a whole-DO member, a description longer than its field; MMXU2
-// has an enum text naming no EnumVal.
-const std::string kMeasurementDevice =
-    "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_MISSING\" inst=\"\">"
-    "<DataSet name=\"dsAin\" desc=\"" + std::string(300, 'd') + "\">"
-    "<FCDA ldInst=\"LD0\" prefix=\"PRO\" lnClass=\"MMXU\" lnInst=\"1\" doName=\"A.phsA\" "
-    "daName=\"cVal.mag.f\" fc=\"MX\"/>"
-    "<FCDA ldInst=\"LD0\" lnClass=\"MMXU\" lnInst=\"1\" doName=\"A\" fc=\"MX\"/>"
-    "<Private>not a member</Private></DataSet></LN0>"
-    "<LN prefix=\"PRO\" lnClass=\"MMXU\" inst=\"1\" lnType=\"T_MMXU\">" + unitValue("A") +
-    "<DOI name=\"B\"><DAI name=\"stVal\"><Val>dropped</Val></DAI></DOI></LN>"
-    "<LN lnClass=\"MMXU\" inst=\"2\" lnType=\"T_MMXU\">" + unitValue("furlong") + "</LN>"
-    "</LDevice>";
+const std::string kMeasurement = fileText(dataPath("measurement.scd"));
+const std::string kValidModel = fileText(dataPath("valid_model.scd"));
+const std::string kTwoIeds = dataPath("two_ieds.scd");
 
 // Loads go on while the library has the store open, as in the gateway.
 class Loader : public RealStoreTest {};
@@ -115,7 +85,7 @@ protected:
     Rows before_;
 };
 
-// A valid model of the sample's IED, broken in one place by replacing the
+// The valid model of the sample's IED, broken in one place by replacing the
 // first `from` with `to`: a reject must not remove the sample's rows either.
 struct BadModel {
     const char* name;
@@ -124,19 +94,7 @@ struct BadModel {
     std::string message;
 };
 
-const std::string kFcda = "<FCDA ldInst=\"LD0\" lnClass=\"GGIO\" lnInst=\"1\" doName=\"Ind1\" "
-                          "daName=\"stVal\" fc=\"ST\"/>";
 const std::string kDai = "<DAI name=\"stVal\"><Val>true</Val></DAI>";
-const std::string kValidModel = sclText(
-    "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_LN\" inst=\"\">"
-    "<DataSet name=\"dsGgio\">" + kFcda + "</DataSet></LN0>"
-    "<LN lnClass=\"GGIO\" inst=\"1\" lnType=\"T_LN\"><DOI name=\"Ind1\">" + kDai + "</DOI></LN></LDevice>",
-    "<LNodeType id=\"T_LN\"><DO name=\"Ind1\" type=\"T_SPS\"/></LNodeType>"
-    "<DOType id=\"T_SPS\"><DA name=\"stVal\" bType=\"BOOLEAN\" fc=\"ST\"/>"
-    "<DA name=\"origin\" bType=\"Struct\" type=\"T_Orig\" fc=\"ST\"/></DOType>"
-    "<DAType id=\"T_Orig\"><BDA name=\"orCat\" bType=\"Enum\" type=\"T_Cat\"/></DAType>"
-    "<EnumType id=\"T_Cat\"><EnumVal ord=\"1\">bay</EnumVal></EnumType>",
-    "QVFTU1");
 
 std::string times(int n, const std::function<std::string(int)>& item) {
     std::string all;
@@ -192,7 +150,7 @@ const std::vector<BadModel> kBadModels = {
 }  // namespace
 
 TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
-    ASSERT_EQ(loadScl(sclText(kMeasurementDevice, kMeasurementTypes)), 0);
+    ASSERT_EQ(loadScl(kMeasurement), 0);
     // Own basic attributes first, then the leaves of structures appended while
     // expanding; the LN whose type is missing yields nothing.
     EXPECT_EQ(query(realDbPath(), "select substr(daName,15),doName,fcName,value,valueType,doDesc "
@@ -240,7 +198,7 @@ TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
 }
 
 TEST_F(Loader, ReloadReplacesTheRowsOfThatIedOnly) {
-    ASSERT_EQ(loadScl(sclText(kMeasurementDevice, kMeasurementTypes, std::string(40, 'O'))), 0);
+    ASSERT_EQ(loadScl(replaced(kMeasurement, "\"IED1\"", "\"" + std::string(40, 'O') + "\"")), 0);
     ASSERT_EQ(load(kSample), 0);
     const Rows first = dumpModel();
     // Enumerations as their ord; entity references replaced.
@@ -274,8 +232,8 @@ TEST_F(Loader, StoreWithoutValueTableOrUnopenableFailsCleanly) {
 // ---- The sample model, and files that must not change it ---------------------
 
 TEST_F(LoaderOnSample, RejectsBrokenFilesSayingWhyAndIgnoresOneWithoutIed) {
-    ASSERT_EQ(loadScl(std::string("<SCL><DataTypeTemplates>") + kMeasurementTypes +
-                      "</DataTypeTemplates></SCL>"), 0);
+    const size_t ied = kMeasurement.find("<IED"), end = kMeasurement.find("</IED>") + 6;
+    ASSERT_EQ(loadScl(kMeasurement.substr(0, ied) + kMeasurement.substr(end)), 0);
     EXPECT_EQ(dumpModel(), before_);
     const std::string missing = std::string(QV_TEST_STORE_DIR) + "/no-such.cid";
     expectRejected(missing.c_str(), "Cannot read " + missing + ": No such file or directory\n"
@@ -318,20 +276,7 @@ std::string withDeclaration(const std::string& model, const std::string& encodin
     return "<?xml version=\"1.0\" encoding=\"" + encoding + "\"?>" + model.substr(plain.size());
 }
 
-// Two IEDs whose logical devices, nodes and data sets have the same names;
-// each describes its data set and data object by its own name.
-std::string twoIedModel() {
-    const size_t from = kValidModel.find("<IED"), to = kValidModel.find("<DataTypeTemplates>");
-    auto ied = [&](const std::string& name, const std::string& value) {
-        std::string text = replaced(kValidModel.substr(from, to - from), "QVFTU1", name);
-        text = replaced(text, "\"dsGgio\"", "\"dsGgio\" desc=\"" + name + "\"");
-        text = replaced(text, "\"Ind1\">", "\"Ind1\" desc=\"" + name + "\">");
-        return replaced(text, ">true<", ">" + value + "<");
-    };
-    return kValidModel.substr(0, from) + ied("A", "true") + ied("B", "false") + kValidModel.substr(to);
-}
-
-// The rows that IED `ied` of twoIedModel() owns.
+// The rows that IED `ied` of tests/data/two_ieds.scd owns.
 Rows rowsOfIed(const std::string& ied, const std::string& value) {
     const std::string member = ied + "LD0/GGIO1$ST$Ind1$stVal";
     auto da = [&](const std::string& ln, const std::string& rest, const std::string& type,
@@ -440,7 +385,7 @@ TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
 }
 
 TEST_F(Loader, EveryIedKeepsItsOwnRowsAndOneCanBeLoadedAlone) {
-    const std::string path = writeFile("two.scd", twoIedModel());
+    const std::string& path = kTwoIeds;
     ASSERT_EQ(load(path), 0);
     EXPECT_EQ(dumpModel("A"), rowsOfIed("A", "true"));
     EXPECT_EQ(dumpModel("B"), rowsOfIed("B", "false"));
@@ -645,7 +590,7 @@ TEST_F(Loader, HostileFilesAreBoundedAndNothingComesFromOutside) {
 // ---- qvtool load ---------------------------------------------------------------
 
 TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
-    const std::string two = writeFile("two.scd", twoIedModel());
+    const std::string& two = kTwoIeds;
     const std::string none = writeFile("none.scd", "<SCL><DataTypeTemplates/></SCL>");
     ASSERT_EQ(load(kSample), 0);  // counts are the file's, not the store's
     const Rows sample = dumpModel();
