@@ -158,10 +158,7 @@ protected:
     void SetUp() override {
         RealStoreTest::SetUp();
         execSqlFile(realDbPath(), dataPath("bounded_lists.sql"));
-        zq_closeConfDB();
-        freshConfStore();
-        execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
-        ASSERT_EQ(zq_openConfDB(), 0);
+        openSampleConfStore();
     }
     void TearDown() override {
         zq_closeConfDB();

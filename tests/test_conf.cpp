@@ -25,12 +25,7 @@ namespace {
 // The sample gateway's configuration, opened by the library.
 class ConfStore : public ::testing::Test {
 protected:
-    void SetUp() override {
-        zq_closeConfDB();
-        qvtest::freshConfStore();
-        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
-        ASSERT_EQ(zq_openConfDB(), 0);
-    }
+    void SetUp() override { qvtest::openSampleConfStore(); }
     void TearDown() override { zq_closeConfDB(); }
 };
 

@@ -17,8 +17,6 @@
 #include "qvtool_run.h"
 
 using namespace qvtest;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 

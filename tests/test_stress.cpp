@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <memory>
 
@@ -226,10 +227,10 @@ protected:
 TEST_F(Stress, NineProcessesLoseNoUpdateReadNothingTornAndLoadsLandWholeOrNotAtAll) {
     const int wholeLoad = static_cast<int>(members("QVFTU1"));
     // The sample model under a second IED name, for a load beside the first.
-    const std::string model = std::string(QV_TEST_STORE_DIR) + "/other_ied.cid";
-    ASSERT_EQ(std::system(("sed s/QVFTU1/" + std::string(kOtherIed) + "/g " +
-                           qvtest::sourcePath("samples/feeder_terminal.cid") + " > " + model).c_str()),
-              0);
+    const std::string model = qvtest::storeFile("other_ied.cid");
+    std::string text = qvtest::fileText(qvtest::sourcePath("samples/feeder_terminal.cid"));
+    for (size_t at; (at = text.find("QVFTU1")) != std::string::npos;) text.replace(at, 6, kOtherIed);
+    std::ofstream(model) << text;
     for (int w = 0; w < kWriters; ++w) start([w] { return writer(w); });
     start(setWriter);
     start([&model] { return loader(model); });

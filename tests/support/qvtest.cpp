@@ -11,6 +11,7 @@
 #include <iterator>
 #include <thread>
 
+#include "qvconf.h"
 #include "qvrealapi.h"
 
 namespace qvtest {
@@ -126,6 +127,12 @@ void freshRealStore() {
 void freshConfStore() {
     removeStore(confDbPath());
     execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));
+}
+void openSampleConfStore() {
+    zq_closeConfDB();
+    freshConfStore();
+    execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
+    EXPECT_EQ(zq_openConfDB(), 0);
 }
 
 void openRealStoreInRollbackMode() {

@@ -14,6 +14,8 @@
 namespace qvtest {
 
 using Rows = std::vector<std::vector<std::string>>;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
 std::string realDbPath();
 std::string confDbPath();
@@ -62,6 +64,9 @@ void removeStore(const std::string& dbPath);
 // Empty stores created from the shipped schema files.
 void freshRealStore();
 void freshConfStore();
+// The library's connection on a fresh configuration store holding the sample
+// gateway's configuration.
+void openSampleConfStore();
 
 // Opens the library's connection on the real-time store with the store in
 // rollback-journal mode: the library's switch to the write-ahead log fails
