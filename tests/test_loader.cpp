@@ -175,20 +175,7 @@ TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
 }
 
 TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
-    auto dataSet = [](const char* name, std::vector<std::pair<const char*, const char*>> members) {
-        std::string text = std::string("<DataSet name=\"") + name + "\">";
-        for (const auto& [ln, doName] : members)
-            text += std::string("<FCDA ldInst=\"LD0\" lnClass=\"GGIO\" lnInst=\"") + ln +
-                    "\" doName=\"" + doName + "\" daName=\"stVal\" fc=\"ST\"/>";
-        return text + "</DataSet>";
-    };
-    ASSERT_EQ(loadScl(sclText("<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T\">" +
-                              dataSet("dsAin", {{"1", "AnIn1"}}) +
-                              dataSet("dsDin", {{"2", "Pos"}, {"2", "Ind1"}}) +
-                              dataSet("dsGgio", {{"3", "Ind1"}, {"2", "Ind1"}}) +
-                              dataSet("dsControl", {{"4", "Pos"}}) + dataSet("dsEnergy", {{"5", "TotWh"}}) +
-                              dataSet("dsOther", {{"6", "Ind1"}}) + dataSet("dsdin", {{"7", "Pos"}}) +
-                              "</LN0></LDevice>", "")), 0);
+    ASSERT_EQ(load(dataPath("classified_sets.scd")), 0);
     // Member order; GGIO2 Ind1, in dsDin and dsGgio, once.
     EXPECT_EQ(query(realDbPath(), "select type from DAValue order by rowid"),
               (Rows{{"1.0"}, {"3.0"}, {"2.0"}, {"2.0"}, {"4.0"}, {"5.0"}}));
