@@ -2,14 +2,13 @@
 // fetch never overrun the caller's array. One table row per list; every row
 // runs the same check. Data-set values follow the order of the member list.
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "process.h"
 #include "qvconf.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -144,18 +143,13 @@ const BoundedListCase kLists[] = {
 
 // Another process, on a connection of its own, adds rows.
 void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& sql) {
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
+    ASSERT_EQ(runInChild([&] {
         sqlite3* db = nullptr;
         int rc = sqlite3_open(dbPath.c_str(), &db);
         if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
         sqlite3_close(db);
-        _exit(rc == SQLITE_OK ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << sql;
+        return rc;
+    }), SQLITE_OK) << sql;
 }
 
 // Two or more rows for every list, in both stores, opened by the library.
@@ -163,23 +157,8 @@ class BoundedLists : public RealStoreTest {
 protected:
     void SetUp() override {
         RealStoreTest::SetUp();
-        execSql(
-            realDbPath(),
-            "insert into DataSet values('IED1','dsA','LD0','a'),('IED1','dsB','LD0','b');"
-            "insert into DA values"
-            "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','LD0','MMXU1','TotW','MX','','FLOAT32','',1),"
-            "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','LD0','MMXU1','Hz','MX','','FLOAT32','',2);"
-            "insert into ltu_access_list values('t','D1',1,'','',''),('t','D2',2,'','','');"
-            "insert into LTUInfor values(1,'','','','','LTU-1','',0,0,''),"
-            "(2,'','','','','LTU-2','',0,0,'');"
-            "insert into TopoInfor values(1,'switch','LN_A','LN_A','bus1','bus2',0,'',''),"
-            "(2,'switch','LN_B','LN_B','bus1','bus2',0,'',''),"
-            "(3,'switch','LN_C','LN_C','bus1','bus2',0,'','');" +
-                valueMembers({4, 1, 3}));
-        zq_closeConfDB();
-        freshConfStore();
-        execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
-        ASSERT_EQ(zq_openConfDB(), 0);
+        execSqlFile(realDbPath(), dataPath("bounded_lists.sql"));
+        openSampleConfStore();
     }
     void TearDown() override {
         zq_closeConfDB();

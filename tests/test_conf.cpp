@@ -1,7 +1,6 @@
 // Configuration store: connection, the query shapes over the sample gateway's
 // configuration, and the settings write seen across processes.
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "internal/qvconf_internal.h"
+#include "process.h"
 #include "qvconf.h"
 #include "qvtest.h"
 
@@ -25,12 +25,7 @@ namespace {
 // The sample gateway's configuration, opened by the library.
 class ConfStore : public ::testing::Test {
 protected:
-    void SetUp() override {
-        zq_closeConfDB();
-        qvtest::freshConfStore();
-        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
-        ASSERT_EQ(zq_openConfDB(), 0);
-    }
+    void SetUp() override { qvtest::openSampleConfStore(); }
     void TearDown() override { zq_closeConfDB(); }
 };
 
@@ -181,14 +176,10 @@ TEST_F(ConfStore, DataPointsOfAProcess) {
 // Written by a child process; the key argument, not update.key, picks the row.
 TEST_F(ConfStore, ASettingWrittenByAnotherProcessIsReadAndEachTextStopsAtItsField) {
     zq_closeConfDB();  // no open connection crosses the fork
-    const pid_t child = fork();
-    if (child == 0) {
+    ASSERT_EQ(qvtest::runInChild([] {
         ProcessMisc update{"serialPort", "2405", "moved port"};
-        _exit(zq_openConfDB() != 0 || zq_setProcessMiscValue("qv104 -p 2404", "port", &update) != 0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return zq_openConfDB() != 0 || zq_setProcessMiscValue("qv104 -p 2404", "port", &update) != 0;
+    }), 0);
     ASSERT_EQ(zq_openConfDB(), 0);
     ProcessMisc misc{};
     ASSERT_EQ(zq_getProcessMiscValue("qv104 -p 2404", "port", &misc), 0);

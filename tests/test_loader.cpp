@@ -5,9 +5,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <thread>
 #include <tuple>
 
@@ -18,13 +20,10 @@
 #include "qvtool_run.h"
 
 using namespace qvtest;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 
 std::string writeFile(const std::string& name, const std::string& content) {
-    mkdir(QV_TEST_STORE_DIR, 0755);
     std::ofstream(storeFile(name)) << content;
     return storeFile(name);
 }
@@ -62,39 +61,9 @@ Rows dumpModel(const std::string& ied = "") {
     return all;
 }
 
-// DO "A" has a sub-data object with nested structures, a structure mixing
-// basic and structured members, and an enum.
-const char* const kMeasurementTypes =
-    "<LNodeType id=\"T_MMXU\"><DO name=\"A\" type=\"T_WYE\"/></LNodeType>"
-    "<DOType id=\"T_WYE\"><SDO name=\"phsA\" type=\"T_CMV\"/></DOType>"
-    "<DOType id=\"T_CMV\"><DA name=\"cVal\" bType=\"Struct\" type=\"T_Vector\" fc=\"MX\"/>"
-    "<DA name=\"q\" bType=\"Quality\" fc=\"MX\"/>"
-    "<DA name=\"units\" bType=\"Struct\" type=\"T_Unit\" fc=\"CF\"/></DOType>"
-    "<DAType id=\"T_Vector\"><BDA name=\"mag\" bType=\"Struct\" type=\"T_AV\"/>"
-    "<BDA name=\"ang\" bType=\"Struct\" type=\"T_AV\"/></DAType>"
-    "<DAType id=\"T_AV\"><BDA name=\"f\" bType=\"FLOAT32\"/></DAType>"
-    "<DAType id=\"T_Unit\"><BDA name=\"SIUnit\" bType=\"Enum\" type=\"T_SIUnit\"/>"
-    "<BDA name=\"range\" bType=\"Struct\" type=\"T_AV\"/></DAType>"
-    "<EnumType id=\"T_SIUnit\"><EnumVal ord=\"5\">A</EnumVal><EnumVal ord=\"29\">V</EnumVal></EnumType>";
-
-std::string unitValue(const std::string& text) {
-    return "<DOI name=\"A\" desc=\"currents\"><SDI name=\"phsA\"><SDI name=\"units\">"
-           "<DAI name=\"SIUnit\"><Val>" + text + "</Val></DAI></SDI></SDI></DOI>";
-}
-
-// A leaf and a whole-DO member, a description longer than its field; MMXU2
-// has an enum text naming no EnumVal.
-const std::string kMeasurementDevice =
-    "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_MISSING\" inst=\"\">"
-    "<DataSet name=\"dsAin\" desc=\"" + std::string(300, 'd') + "\">"
-    "<FCDA ldInst=\"LD0\" prefix=\"PRO\" lnClass=\"MMXU\" lnInst=\"1\" doName=\"A.phsA\" "
-    "daName=\"cVal.mag.f\" fc=\"MX\"/>"
-    "<FCDA ldInst=\"LD0\" lnClass=\"MMXU\" lnInst=\"1\" doName=\"A\" fc=\"MX\"/>"
-    "<Private>not a member</Private></DataSet></LN0>"
-    "<LN prefix=\"PRO\" lnClass=\"MMXU\" inst=\"1\" lnType=\"T_MMXU\">" + unitValue("A") +
-    "<DOI name=\"B\"><DAI name=\"stVal\"><Val>dropped</Val></DAI></DOI></LN>"
-    "<LN lnClass=\"MMXU\" inst=\"2\" lnType=\"T_MMXU\">" + unitValue("furlong") + "</LN>"
-    "</LDevice>";
+const std::string kMeasurement = fileText(dataPath("measurement.scd"));
+const std::string kValidModel = fileText(dataPath("valid_model.scd"));
+const std::string kTwoIeds = dataPath("two_ieds.scd");
 
 // Loads go on while the library has the store open, as in the gateway.
 class Loader : public RealStoreTest {};
@@ -117,7 +86,7 @@ protected:
     Rows before_;
 };
 
-// A valid model of the sample's IED, broken in one place by replacing the
+// The valid model of the sample's IED, broken in one place by replacing the
 // first `from` with `to`: a reject must not remove the sample's rows either.
 struct BadModel {
     const char* name;
@@ -126,19 +95,7 @@ struct BadModel {
     std::string message;
 };
 
-const std::string kFcda = "<FCDA ldInst=\"LD0\" lnClass=\"GGIO\" lnInst=\"1\" doName=\"Ind1\" "
-                          "daName=\"stVal\" fc=\"ST\"/>";
 const std::string kDai = "<DAI name=\"stVal\"><Val>true</Val></DAI>";
-const std::string kValidModel = sclText(
-    "<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T_LN\" inst=\"\">"
-    "<DataSet name=\"dsGgio\">" + kFcda + "</DataSet></LN0>"
-    "<LN lnClass=\"GGIO\" inst=\"1\" lnType=\"T_LN\"><DOI name=\"Ind1\">" + kDai + "</DOI></LN></LDevice>",
-    "<LNodeType id=\"T_LN\"><DO name=\"Ind1\" type=\"T_SPS\"/></LNodeType>"
-    "<DOType id=\"T_SPS\"><DA name=\"stVal\" bType=\"BOOLEAN\" fc=\"ST\"/>"
-    "<DA name=\"origin\" bType=\"Struct\" type=\"T_Orig\" fc=\"ST\"/></DOType>"
-    "<DAType id=\"T_Orig\"><BDA name=\"orCat\" bType=\"Enum\" type=\"T_Cat\"/></DAType>"
-    "<EnumType id=\"T_Cat\"><EnumVal ord=\"1\">bay</EnumVal></EnumType>",
-    "QVFTU1");
 
 std::string times(int n, const std::function<std::string(int)>& item) {
     std::string all;
@@ -194,7 +151,7 @@ const std::vector<BadModel> kBadModels = {
 }  // namespace
 
 TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
-    ASSERT_EQ(loadScl(sclText(kMeasurementDevice, kMeasurementTypes)), 0);
+    ASSERT_EQ(loadScl(kMeasurement), 0);
     // Own basic attributes first, then the leaves of structures appended while
     // expanding; the LN whose type is missing yields nothing.
     EXPECT_EQ(query(realDbPath(), "select substr(daName,15),doName,fcName,value,valueType,doDesc "
@@ -221,20 +178,7 @@ TEST_F(Loader, ExpandsReferencesInOrderAndKeysTheValueRows) {
 }
 
 TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
-    auto dataSet = [](const char* name, std::vector<std::pair<const char*, const char*>> members) {
-        std::string text = std::string("<DataSet name=\"") + name + "\">";
-        for (const auto& [ln, doName] : members)
-            text += std::string("<FCDA ldInst=\"LD0\" lnClass=\"GGIO\" lnInst=\"") + ln +
-                    "\" doName=\"" + doName + "\" daName=\"stVal\" fc=\"ST\"/>";
-        return text + "</DataSet>";
-    };
-    ASSERT_EQ(loadScl(sclText("<LDevice inst=\"LD0\"><LN0 lnClass=\"LLN0\" lnType=\"T\">" +
-                              dataSet("dsAin", {{"1", "AnIn1"}}) +
-                              dataSet("dsDin", {{"2", "Pos"}, {"2", "Ind1"}}) +
-                              dataSet("dsGgio", {{"3", "Ind1"}, {"2", "Ind1"}}) +
-                              dataSet("dsControl", {{"4", "Pos"}}) + dataSet("dsEnergy", {{"5", "TotWh"}}) +
-                              dataSet("dsOther", {{"6", "Ind1"}}) + dataSet("dsdin", {{"7", "Pos"}}) +
-                              "</LN0></LDevice>", "")), 0);
+    ASSERT_EQ(load(dataPath("classified_sets.scd")), 0);
     // Member order; GGIO2 Ind1, in dsDin and dsGgio, once.
     EXPECT_EQ(query(realDbPath(), "select type from DAValue order by rowid"),
               (Rows{{"1.0"}, {"3.0"}, {"2.0"}, {"2.0"}, {"4.0"}, {"5.0"}}));
@@ -242,7 +186,7 @@ TEST_F(Loader, ClassifiesTheFiveDataSetsOnceEachInMemberOrder) {
 }
 
 TEST_F(Loader, ReloadReplacesTheRowsOfThatIedOnly) {
-    ASSERT_EQ(loadScl(sclText(kMeasurementDevice, kMeasurementTypes, std::string(40, 'O'))), 0);
+    ASSERT_EQ(loadScl(replaced(kMeasurement, "\"IED1\"", "\"" + std::string(40, 'O') + "\"")), 0);
     ASSERT_EQ(load(kSample), 0);
     const Rows first = dumpModel();
     // Enumerations as their ord; entity references replaced.
@@ -276,8 +220,8 @@ TEST_F(Loader, StoreWithoutValueTableOrUnopenableFailsCleanly) {
 // ---- The sample model, and files that must not change it ---------------------
 
 TEST_F(LoaderOnSample, RejectsBrokenFilesSayingWhyAndIgnoresOneWithoutIed) {
-    ASSERT_EQ(loadScl(std::string("<SCL><DataTypeTemplates>") + kMeasurementTypes +
-                      "</DataTypeTemplates></SCL>"), 0);
+    const size_t ied = kMeasurement.find("<IED"), end = kMeasurement.find("</IED>") + 6;
+    ASSERT_EQ(loadScl(kMeasurement.substr(0, ied) + kMeasurement.substr(end)), 0);
     EXPECT_EQ(dumpModel(), before_);
     const std::string missing = std::string(QV_TEST_STORE_DIR) + "/no-such.cid";
     expectRejected(missing.c_str(), "Cannot read " + missing + ": No such file or directory\n"
@@ -320,20 +264,7 @@ std::string withDeclaration(const std::string& model, const std::string& encodin
     return "<?xml version=\"1.0\" encoding=\"" + encoding + "\"?>" + model.substr(plain.size());
 }
 
-// Two IEDs whose logical devices, nodes and data sets have the same names;
-// each describes its data set and data object by its own name.
-std::string twoIedModel() {
-    const size_t from = kValidModel.find("<IED"), to = kValidModel.find("<DataTypeTemplates>");
-    auto ied = [&](const std::string& name, const std::string& value) {
-        std::string text = replaced(kValidModel.substr(from, to - from), "QVFTU1", name);
-        text = replaced(text, "\"dsGgio\"", "\"dsGgio\" desc=\"" + name + "\"");
-        text = replaced(text, "\"Ind1\">", "\"Ind1\" desc=\"" + name + "\">");
-        return replaced(text, ">true<", ">" + value + "<");
-    };
-    return kValidModel.substr(0, from) + ied("A", "true") + ied("B", "false") + kValidModel.substr(to);
-}
-
-// The rows that IED `ied` of twoIedModel() owns.
+// The rows that IED `ied` of tests/data/two_ieds.scd owns.
 Rows rowsOfIed(const std::string& ied, const std::string& value) {
     const std::string member = ied + "LD0/GGIO1$ST$Ind1$stVal";
     auto da = [&](const std::string& ln, const std::string& rest, const std::string& type,
@@ -442,7 +373,7 @@ TEST_F(Loader, LoadsEveryEncodingToTheSameUtf8Rows) {
 }
 
 TEST_F(Loader, EveryIedKeepsItsOwnRowsAndOneCanBeLoadedAlone) {
-    const std::string path = writeFile("two.scd", twoIedModel());
+    const std::string& path = kTwoIeds;
     ASSERT_EQ(load(path), 0);
     EXPECT_EQ(dumpModel("A"), rowsOfIed("A", "true"));
     EXPECT_EQ(dumpModel("B"), rowsOfIed("B", "false"));
@@ -536,8 +467,8 @@ TEST_F(Loader, ConcurrentLoadsInOneProcessKeepTheirOwnModels) {
         return std::make_tuple(result, summary.ieds, summary.dataSets, summary.members,
                                summary.attributes, summary.valueRows);
     };
-    const std::string files[] = {sourcePath("tests/data/loader_feeder_a.scd"),
-                                 sourcePath("tests/data/loader_bays_b.scd")};
+    const std::string files[] = {dataPath("loader_feeder_a.scd"),
+                                 dataPath("loader_bays_b.scd")};
     using Summary = decltype(summaryOf(files[0]));
     const Summary alone[] = {summaryOf(files[0]), summaryOf(files[1])};
     ASSERT_EQ(alone[0], Summary(0, {"FEEDER_A"}, 3, 7, 60, 6));
@@ -583,26 +514,22 @@ long statusKiB(const char* field) {
     return -1;
 }
 
-// Loads in a child process that an alarm ends after 20 s, reporting the
-// load's result and how far it raised the peak resident size.
+// Loads in a child process that is killed after 20 s, reporting the load's
+// result and how far it raised the peak resident size.
 Bounds loadInChild(const std::string& path) {
+    Bounds bounds;
     int channel[2];
-    if (pipe(channel) != 0) return {};
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(20);
+    if (pipe(channel) != 0) return bounds;
+    runInChild([&] {
         std::ofstream("/proc/self/clear_refs") << "5";  // peak := current
         const long before = statusKiB("VmRSS:");
-        Bounds bounds;
         bounds.result = zq_addIEDRealDB(const_cast<char*>(path.c_str()));
         bounds.peakGrowthKiB = statusKiB("VmHWM:") - before;
-        _exit(write(channel[1], &bounds, sizeof bounds) == sizeof bounds ? 0 : 1);
-    }
+        return write(channel[1], &bounds, sizeof bounds) == sizeof bounds ? 0 : 1;
+    }, 20000);
     close(channel[1]);
-    Bounds bounds;
     if (read(channel[0], &bounds, sizeof bounds) != sizeof bounds) bounds = {};
     close(channel[0]);
-    waitpid(pid, nullptr, 0);
     return bounds;
 }
 
@@ -676,7 +603,7 @@ TEST_F(Loader, HostileFilesAreBoundedAndNothingComesFromOutside) {
 // ---- qvtool load ---------------------------------------------------------------
 
 TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
-    const std::string two = writeFile("two.scd", twoIedModel());
+    const std::string& two = kTwoIeds;
     const std::string none = writeFile("none.scd", "<SCL><DataTypeTemplates/></SCL>");
     ASSERT_EQ(load(kSample), 0);  // counts are the file's, not the store's
     const Rows sample = dumpModel();

@@ -2,11 +2,8 @@
 // publishers and subscribers run by the peer program (tests/peer), records
 // compared byte for byte. Every wait on a peer is bounded by kTimeoutMs.
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/msg.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,18 +61,10 @@ MSGINFO burstOf(int count) {
     return record;
 }
 
-// Polls every millisecond until done() or kTimeoutMs.
-bool eventually(const std::function<bool()>& done) {
-    for (int waited = 0; waited < kTimeoutMs; ++waited, usleep(1000)) {
-        if (done()) return true;
-    }
-    return false;
-}
-
 // Waits until each process's queue exists and holds at least `bytes`.
 bool queuesHold(std::initializer_list<int> processNos, msglen_t bytes) {
     return std::all_of(processNos.begin(), processNos.end(), [&](int no) {
-        return eventually([&] { return queueState(no).msg_qbytes >= bytes; });
+        return qvtest::eventually([&] { return queueState(no).msg_qbytes >= bytes; }, kTimeoutMs);
     });
 }
 
@@ -95,7 +84,8 @@ struct QueueMessage {
 bool sendFence(int processNo) {
     QueueMessage fence{kFenceKind, {}};
     const int queue = queueId(processNo, IPC_CREAT | 0666);
-    return eventually([&] { return msgsnd(queue, &fence, sizeof(MSGINFO), IPC_NOWAIT) == 0; });
+    return qvtest::eventually([&] { return msgsnd(queue, &fence, sizeof(MSGINFO), IPC_NOWAIT) == 0; },
+                              kTimeoutMs);
 }
 
 // Takes the next message off a process's queue without a subscriber.
@@ -109,80 +99,30 @@ int occurrences(const std::string& text, const std::string& part) {
     return n;
 }
 
-// Reads until size bytes came, the pipe ended or stayed silent for
-// kTimeoutMs; the number of bytes read.
-size_t readPipe(int fd, void* buffer, size_t size) {
-    size_t done = 0;
-    pollfd ready{fd, POLLIN, 0};
-    for (ssize_t n = 0; done < size && poll(&ready, 1, kTimeoutMs) > 0; done += size_t(n)) {
-        if ((n = read(fd, static_cast<char*>(buffer) + done, size - done)) <= 0) break;
-    }
-    return done;
-}
-
-std::string readToEnd(int fd) {
-    std::string text(1 << 20, '\0');
-    text.resize(readPipe(fd, &text[0], text.size()));
-    return text;
-}
-
 // One run of the peer program; its stdin, stdout and stderr are pipes.
-class Peer {
+class Peer : public qvtest::Spawn {
 public:
     // Argument zero is "p": the process name must not come from it.
-    Peer(const std::string& mode, std::vector<std::string> args, bool unprivileged = false) {
-        args.insert(args.begin(), "p");
-        std::vector<char*> argv;
-        for (std::string& arg : args) argv.push_back(&arg[0]);
-        argv.push_back(nullptr);
-        setenv("QV_MSG_PEER_MODE", mode.c_str(), 1);
-        setenv("QV_MSG_PEER_UNPRIVILEGED", unprivileged ? "1" : "", 1);
-        signal(SIGPIPE, SIG_IGN);  // a peer that died fails the test, not the binary
-        int in[2], out[2], err[2];
-        if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) std::abort();
-        if ((pid_ = fork()) == 0) {
-            dup2(in[0], 0), dup2(out[1], 1), dup2(err[1], 2);
-            execv(QV_MSG_PEER, argv.data());
-            _exit(127);
-        }
-        close(in[0]), close(out[1]), close(err[1]);
-        in_ = in[1], out_ = out[0], err_ = err[0];
+    Peer(const std::string& mode, const std::vector<std::string>& args, bool unprivileged = false)
+        : Spawn(QV_MSG_PEER, args, options(mode, unprivileged)) {}
+    static Options options(const std::string& mode, bool unprivileged) {
+        Options options;
+        options.argv0 = "p";
+        options.env = {"QV_MSG_PEER_MODE=" + mode, std::string("QV_MSG_PEER_UNPRIVILEGED=") + (unprivileged ? "1" : "")};
+        options.limitMs = kTimeoutMs;
+        return options;
     }
-    Peer(const Peer&) = delete;
-    ~Peer() { stop(); }
 
-    bool nextRecord(MSGINFO* record) { return readPipe(out_, record, sizeof *record) == sizeof *record; }
+    bool nextRecord(MSGINFO* record) { return read(record, sizeof *record) == sizeof *record; }
     // One command to a publisher, started, then its result (INT_MIN when none came).
     bool start(char op, const MSGINFO& record = MSGINFO{}) {
-        return write(in_, &op, 1) == 1 && write(in_, &record, sizeof record) == sizeof record;
+        return write(&op, 1) && write(&record, sizeof record);
     }
     int result() {
         int result = INT_MIN;
-        return readPipe(out_, &result, sizeof result) == sizeof result ? result : INT_MIN;
+        return read(&result, sizeof result) == sizeof result ? result : INT_MIN;
     }
     int command(char op, const MSGINFO& record = MSGINFO{}) { return start(op, record) ? result() : INT_MIN; }
-    // What the peer writes to stdout until it ends by itself.
-    std::string output() { return readToEnd(out_); }
-    // Stops (SIGSTOP) or continues the peer; a stopped peer takes nothing off its queue.
-    bool pause() {
-        int status = 0;
-        return kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
-    }
-    void resume() { kill(pid_, SIGCONT); }
-    // Kills the peer; what it wrote to stderr.
-    std::string stop() {
-        if (pid_ <= 0) return "";
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        const std::string errors = readToEnd(err_);
-        for (int fd : {in_, out_, err_}) close(fd);
-        return errors;
-    }
-
-private:
-    pid_t pid_ = -1;
-    int in_ = -1, out_ = -1, err_ = -1;
 };
 
 // Reads a subscriber's records numbered by a burst until the fence; false at
@@ -335,10 +275,10 @@ TEST_F(MessageBus, TypeFieldHoldsTheKindAndThePayloadsFirstFourBytesAndStrangers
     sent.msgInfo.soeInfo.type = 1;
     EXPECT_EQ(sender.command('K', sent), 0);
     EXPECT_FALSE(takeMessage(6, &message));
-    EXPECT_EQ(sender.stop(), "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n");
+    EXPECT_EQ(sender.stop().err, "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n");
     // A subscriber the store does not know fails without creating a queue.
     for (const char* mode : {"sync", "async"}) {
-        EXPECT_EQ(Peer(mode, {"stranger"}).output(), "subscription returned -1\n") << mode;
+        EXPECT_EQ(Peer(mode, {"stranger"}).finish().out, "subscription returned -1\n") << mode;
     }
     for (int no = 0; no <= kHighestProcessNo; ++no) EXPECT_TRUE(no == 6 || queueId(no) == -1) << no;
 }
@@ -355,7 +295,7 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
     for (int no : {2, 3}) ASSERT_TRUE(sendFence(no));
     for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber})
         expectWholeBurst(*subscriber, burst, kBurst);
-    EXPECT_EQ(sender.stop(), "");
+    EXPECT_EQ(sender.stop().err, "");
 }
 
 // The subscriber is stopped (SIGSTOP) once subscribed: its queue keeps the
@@ -400,7 +340,7 @@ TEST_F(MessageBus, BurstToAStoppedSubscriberKeepsTheFirst1000AndReportsTheRest) 
     ASSERT_TRUE(subscriber.nextRecord(&received));
     EXPECT_TRUE(arrivedAsSent(received, later));
     // Only the first lost record waited for room.
-    const std::string errors = sender.stop(), full = "msgsnd failed: the queue of process 6 ";
+    const std::string errors = sender.stop().err, full = "msgsnd failed: the queue of process 6 ";
     EXPECT_EQ(occurrences(errors, full + "stayed full for 50 ms; message of kind 5 lost\n"), 1);
     EXPECT_EQ(occurrences(errors, full + "is still full; message of kind 5 lost\n"), lost - 1);
 }
@@ -441,7 +381,7 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
     for (int no : {2, 3}) EXPECT_TRUE(sendFence(no));
     for (std::thread& reader : readers) reader.join();
 
-    const std::string errors[] = {subscribers[0].stop(), subscribers[1].stop()};
+    const std::string errors[] = {subscribers[0].stop().err, subscribers[1].stop().err};
     EXPECT_EQ(occurrences(errors[1], "the queue of process 3 holds 16384 bytes (13 records), "
                                      "not the 1192000 bytes of 1000 records: raise the system "
                                      "limit (sysctl -w kernel.msgmnb=1192000)"),
@@ -471,7 +411,7 @@ TEST(ProcessName, IsTheExecutablesFileNameAndArgumentsCutToTheBuffer) {
         {{"a", std::string(200, 'x')}, "qv_msg_peer a"},  // the buffer ends inside the x's
         {{a, b}, ("qv_msg_peer " + a + " " + b).substr(0, 127)},
     };
-    for (const auto& c : cases) EXPECT_EQ(Peer("path", c.first).output(), dir + "\n" + c.second + "\n");
+    for (const auto& c : cases) EXPECT_EQ(Peer("path", c.first).finish().out, dir + "\n" + c.second + "\n");
 
     // A path as long as the directory buffer is refused; nothing lands after it.
     char shortDir[24], name[128];

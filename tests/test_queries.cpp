@@ -1,27 +1,17 @@
 // The model in the real-time store: data sets, data set members and data
-// attributes queried with every class of filter combination and the exact SQL
-// texts, values written and read as lists and as whole data sets, also on the
-// sample feeder terminal model as the model loader writes it.
-#include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
+// attributes queried with each filter alone and in combinations, values
+// written and read as lists and as whole data sets.
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
 
 using namespace qvtest;
 using testing::ElementsAre;
 using testing::UnorderedElementsAreArray;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 
@@ -53,35 +43,12 @@ std::string describe(const DA& d) {
            d.doName + "|" + d.fcName + "|" + d.value + "|" + d.valueType + "|" + d.doDesc;
 }
 
-// Three data sets; members of two IED1 sets and one IED2 set, one of them a
-// whole-DO member with an empty daName; attributes of both IEDs (only the
-// first one keyed for the lookup by name); value rows for IED1's members.
+// The rows of tests/data/model_store.sql.
 class ModelStore : public RealStoreTest {
 protected:
     void SetUp() override {
         RealStoreTest::SetUp();
-        execSql(realDbPath(),
-                "insert into DataSet values('IED1','dsA','LD0','analog values'),"
-                "('IED1','dsB','LD0',''),('IED2','dsA','MEAS','other IED');"
-                "insert into DataSetSub values"
-                "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','dsA','LD0','MMXU','1','TotW','mag.f','MX'),"
-                "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','dsA','LD0','MMXU','1','Hz','mag.f','MX'),"
-                "('IED1LD0/GGIO1$ST$Ind1$stVal','IED1','dsA','LD0','GGIO','1','Ind1','stVal','ST'),"
-                "('IED1LD0/GGIO1$ST$Ind2$stVal','IED1','dsB','LD0','GGIO','1','Ind2','stVal','ST'),"
-                "('IED1LD0/LPHD1$ST$PhyHealth','IED1','dsB','LD0','LPHD','1','PhyHealth','','ST'),"
-                "('IED2LD0/MMXU1$MX$TotW$mag$f','IED2','dsA','LD0','MMXU','1','TotW','mag.f','MX'),"
-                "('IED2MEAS/MMXU2$MX$TotW$mag$f','IED2','dsA','MEAS','MMXU','2','TotW','mag.f','MX');"
-                "insert into DA values"
-                "('IED1LD0/MMXU1$MX$TotW$mag$f','IED1','LD0','MMXU1','TotW','MX','0.5','FLOAT32',"
-                "'total active power'," + key(kTotW1) + "),"
-                "('IED1LD0/MMXU1$MX$Hz$mag$f','IED1','LD0','MMXU1','Hz','MX','','FLOAT32','',0),"
-                "('IED1LD0/MMXU1$CF$TotW$units$SIUnit','IED1','LD0','MMXU1','TotW','CF','62','Enum','',0),"
-                "('IED1LD0/GGIO1$ST$Ind1$stVal','IED1','LD0','GGIO1','Ind1','ST','','BOOLEAN','',0),"
-                "('IED1MEAS/MMXU1$MX$TotW$mag$f','IED1','MEAS','MMXU1','TotW','MX','','FLOAT32','',0),"
-                "('IED2LD0/MMXU1$MX$TotW$mag$f','IED2','LD0','MMXU1','TotW','MX','','FLOAT32','',0),"
-                "('IED1LD0/LLN0','IED1','LD0','LLN0','','','','','',0)");
-        for (const char* reference : {kTotW1, kHz1, kInd1, kInd2, kHealth})
-            execSql(realDbPath(), "insert into DAValue values(" + key(reference) + ",1,0,0,0)");
+        execSqlFile(realDbPath(), dataPath("model_store.sql"));
     }
 };
 
@@ -90,6 +57,14 @@ struct FilterCase {
     std::array<const char*, N> filters;
     std::vector<const char*> expected;
 };
+
+// "filters: a - b ...", "-" for no filter.
+template <size_t N>
+std::ostream& operator<<(std::ostream& out, const FilterCase<N>& c) {
+    out << "filters:";
+    for (const char* filter : c.filters) out << " " << (filter ? filter : "-");
+    return out;
+}
 
 // The fcdaNames of the members that match, through count then fetch; both
 // must agree.
@@ -180,8 +155,14 @@ TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
 TEST_F(ModelStore, MemberAndAttributeFilters) {
     const FilterCase<8> members[] = {
         {{n, n, n, n, n, n, n, n}, {kTotW1, kHz1, kInd1, kInd2, kHealth, kTotW2, kTotW2Meas}},
+        // Each filter alone: one bound to another column, or dropped, fails its row.
         {{"IED2", n, n, n, n, n, n, n}, {kTotW2, kTotW2Meas}},
         {{n, "dsB", n, n, n, n, n, n}, {kInd2, kHealth}},
+        {{n, n, "MEAS", n, n, n, n, n}, {kTotW2Meas}},
+        {{n, n, n, "GGIO", n, n, n, n}, {kInd1, kInd2}},
+        {{n, n, n, n, "2", n, n, n}, {kTotW2Meas}},
+        {{n, n, n, n, n, "TotW", n, n}, {kTotW1, kTotW2, kTotW2Meas}},
+        {{n, n, n, n, n, n, "stVal", n}, {kInd1, kInd2}},
         {{n, n, n, n, n, n, n, "ST"}, {kInd1, kInd2, kHealth}},
         {{"IED1", n, n, n, n, n, n, "MX"}, {kTotW1, kHz1}},
         {{n, "dsA", n, n, n, n, n, "MX"}, {kTotW1, kHz1, kTotW2, kTotW2Meas}},
@@ -195,6 +176,8 @@ TEST_F(ModelStore, MemberAndAttributeFilters) {
         {{n, n, n, n, n}, {kTotW1, kHz1, kUnits1, kInd1, kTotWMeas1, kTotW2, kLln0}},
         {{"IED2", n, n, n, n}, {kTotW2}},
         {{n, "MEAS", n, n, n}, {kTotWMeas1}},
+        {{n, n, "GGIO1", n, n}, {kInd1}},
+        {{n, n, n, "Hz", n}, {kHz1}},
         {{n, n, n, n, "CF"}, {kUnits1}},
         {{n, "LD0", n, n, "MX"}, {kTotW1, kHz1, kTotW2}},
         {{"IED1", "LD0", "MMXU1", "TotW", "MX"}, {kTotW1}},
@@ -203,9 +186,9 @@ TEST_F(ModelStore, MemberAndAttributeFilters) {
     };
     CaptureStderr();
     for (const auto& c : members)
-        EXPECT_THAT(membersMatching(c.filters), UnorderedElementsAreArray(c.expected));
+        EXPECT_THAT(membersMatching(c.filters), UnorderedElementsAreArray(c.expected)) << c;
     for (const auto& c : attributes)
-        EXPECT_THAT(attributesMatching(c.filters), UnorderedElementsAreArray(c.expected));
+        EXPECT_THAT(attributesMatching(c.filters), UnorderedElementsAreArray(c.expected)) << c;
     EXPECT_EQ(GetCapturedStderr(), "");
 }
 
@@ -274,6 +257,17 @@ TEST_F(ModelStore, DataSetValueCountsThatDoNotMatchTheMembers) {
     EXPECT_EQ(GetCapturedStderr(),
               "zq_saveDAValues1ByDataSet: 5 values given, data set dsB has 2 members\n");
     EXPECT_EQ(stored({kTotW1, kHz1, kInd1, kInd2, kHealth}), "7.0|0 8.0|0 0.0|0 7.0|1 8.0|1");
+    // Read in member order: a member without a value row is counted and its
+    // elements are left as they were.
+    execSql(realDbPath(), "delete from DAValue where hashID=" + key(kInd2));
+    double plain[2] = {-7, -7}, withQuality[2] = {-7, -7};
+    int gotQualities[2] = {-7, -7}, counts[2] = {-1, -1};
+    ASSERT_EQ(zq_getDAValuesByDataSet("IED1", "dsB", plain, &counts[0]), 0);
+    ASSERT_EQ(zq_getDAValues1ByDataSet("IED1", "dsB", withQuality, gotQualities, &counts[1]), 0);
+    EXPECT_THAT(counts, ElementsAre(2, 2));
+    EXPECT_THAT(plain, ElementsAre(-7, 8));
+    EXPECT_THAT(withQuality, ElementsAre(-7, 8));
+    EXPECT_THAT(gotQualities, ElementsAre(-7, 1));
     // A hostile name is cut in the message, not repeated whole.
     const std::string hostile(100000, 'h');
     CaptureStderr();
@@ -314,145 +308,4 @@ TEST_F(ModelStore, MissingTablesFailWithTheMessageAndFreeTheLock) {
     EXPECT_EQ(valueCount, 7);
     EXPECT_EQ(value, -1);
     EXPECT_EQ(storeLockValue(), 1);
-}
-
-// ---- The SQL texts ------------------------------------------------------------------
-
-namespace {
-
-// Passes on the SQL text of a failed prepare, closing quote included.
-void logSqlText(void* fd, int, const char* message) {
-    if (const char* sql = std::strstr(message, " in \""))
-        (void)!dprintf(*static_cast<int*>(fd), "%s\n", sql + 5);
-}
-
-// The SQL texts of the queries that `calls` runs, read from SQLite's error
-// log in a child process, in which the model tables do not exist: each
-// failed prepare logs "... in \"<SQL>\"" (cut after about 200 characters).
-std::vector<std::string> sqlTextsOf(void (*calls)()) {
-    zq_closeRealDB();
-    execSql(realDbPath(), "drop table DataSet; drop table DataSetSub; drop table DA");
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        // The log can only be installed on an uninitialised library.
-        (void)!freopen("/dev/null", "w", stderr);  // the library's own messages
-        sqlite3_shutdown();
-        sqlite3_config(SQLITE_CONFIG_LOG, logSqlText, &fds[1]);
-        if (zq_openRealDB() == 0) calls();
-        _exit(0);
-    }
-    close(fds[1]);
-    std::vector<std::string> texts;
-    FILE* log = fdopen(fds[0], "r");
-    char line[4096];
-    while (std::fgets(line, sizeof line, log)) texts.emplace_back(line, std::strlen(line) - 2);
-    std::fclose(log);
-    waitpid(child, nullptr, 0);
-    return texts;
-}
-
-}  // namespace
-
-TEST(ModelStoreSql, TextsAreAssembledBlankForBlank) {
-    freshRealStore();
-    const auto texts = sqlTextsOf([] {
-        int count = 0;
-        DataSet set;
-        DataSetSub sub;
-        DA da;
-        zq_getAllDataSetsNum(&count);
-        zq_getAllDataSets(&set, &count);
-        zq_getDataSetByName("IED1", "dsA", &set);
-        zq_getDataSetSubByName(kTotW1, &sub);
-        zq_getDataSetSubsByParamsNum(n, n, n, n, n, n, n, n, &count);
-        zq_getDataSetSubsByParamsNum(n, "dsA", n, n, n, n, n, n, &count);
-        zq_getDataSetSubsByParamsNum("I", "d", "L", "M", "1", "D", "a", "MX", &count);
-        zq_getDataSetSubsByParams(n, "dsA", n, n, n, n, n, "MX", &sub, &count);
-        zq_getDAByName(kTotW1, &da);
-        zq_getDAsByParamsNum(n, n, n, n, n, &count);
-        zq_getDAsByParamsNum(n, "LD0", n, n, "MX", &count);
-        zq_getDAsByParams("I", "L", "M", "D", "MX", &da, &count);
-    });
-    EXPECT_THAT(
-        texts,
-        ElementsAre(
-            "select count(*) from DataSet", "select iedName, dsName,ldInst,dsDesc from DataSet",
-            "select iedName, dsName,ldInst,dsDesc  from DataSet  where iedName=? and dsName=? ",
-            "select fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc from DataSetSub "
-            "where fcdaName=?",
-            "select count(*) from DataSetSub ",
-            "select count(*) from DataSetSub  where dsName=? ",
-            "select count(*) from DataSetSub where iedName=?  and dsName=?  and ldInst=?  and "
-            "lnClass=?  and lnInst=?  and doName=?  and daName=?  and fc=? ",
-            "select  fcdaName,iedName,dsName,ldInst,lnClass,lnInst,doName,daName,fc  from "
-            "DataSetSub  where dsName=?  and fc=? ",
-            "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA  "
-            "where hashID=?",
-            "select count(*) from DA ", "select count(*) from DA  where ldName=?  and fcName=? ",
-            "select daName,iedName,ldName,lnName,doName,fcName,value,valueType,doDesc from DA  "
-            "where iedName=?  and ldName=?  and lnName=?  and doName=?  and fcName=? "));
-}
-
-// ---- The sample feeder terminal model --------------------------------------------
-
-namespace {
-
-const char* const kIed = "QVFTU1";
-
-class SampleModel : public RealStoreTest {
-protected:
-    void SetUp() override {
-        RealStoreTest::SetUp();
-        std::string path = sourcePath("samples/feeder_terminal.cid");
-        ASSERT_EQ(zq_addIEDRealDB(path.data()), 0);
-    }
-};
-
-std::vector<std::string> memberNames(const char* dsName) {
-    return membersMatching({kIed, dsName, n, n, n, n, n, n});
-}
-
-size_t indexOf(const std::vector<std::string>& names, const char* name) {
-    return std::find(names.begin(), names.end(), name) - names.begin();
-}
-
-}  // namespace
-
-TEST_F(SampleModel, DataSetValuesRoundTripShareMembersAndSkipUnclassifiedOnes) {
-    const std::vector<std::string> ain = memberNames("dsAin");
-    const int size = static_cast<int>(ain.size());
-    EXPECT_EQ(size, 9);
-    std::vector<double> values(size), got(size);
-    std::vector<int> qualities(size), gotQuality(size);
-    for (int i = 0; i < size; ++i) values[i] = 230.5 + i, qualities[i] = i * 4;
-    ASSERT_EQ(zq_saveDAValues1ByDataSet(kIed, "dsAin", values.data(), qualities.data(), size), 0);
-    int count = -1;
-    ASSERT_EQ(zq_getDAValues1ByDataSet(kIed, "dsAin", got.data(), gotQuality.data(), &count), 0);
-    EXPECT_EQ(count, size);
-    EXPECT_EQ(got, values);
-    EXPECT_EQ(gotQuality, qualities);
-    for (int i = 0; i < size; ++i) {  // element i went to member i of the member list
-        double value = 0;
-        ASSERT_EQ(zq_getDoubDAValue(ain[i].c_str(), &value), 0);
-        EXPECT_EQ(value, values[i]) << ain[i];
-    }
-
-    // Ind1 is a member of dsGgio and dsDin: both sets share its value row.
-    const char* const ind1 = "QVFTU1LD0/GGIO1$ST$Ind1$stVal";
-    const std::vector<std::string> ggio = memberNames("dsGgio"), din = memberNames("dsDin");
-    std::vector<double> ggioValues(ggio.size(), 0), dinValues(din.size(), -1);
-    ggioValues.at(indexOf(ggio, ind1)) = 1;
-    ASSERT_EQ(zq_saveDAValuesByDataSet(kIed, "dsGgio", ggioValues.data(), ggio.size()), 0);
-    ASSERT_EQ(zq_getDAValuesByDataSet(kIed, "dsDin", dinValues.data(), &count), 0);
-    ASSERT_EQ(count, static_cast<int>(din.size()));
-    EXPECT_EQ(dinValues.at(indexOf(din, ind1)), 1);
-
-    // dsAlarm's members have no value rows: they are counted, their values left as they were.
-    const size_t alarmMembers = memberNames("dsAlarm").size();
-    std::vector<double> alarm(alarmMembers, -7);
-    ASSERT_EQ(zq_getDAValuesByDataSet(kIed, "dsAlarm", alarm.data(), &count), 0);
-    EXPECT_EQ(count, static_cast<int>(alarmMembers));
-    EXPECT_EQ(alarm, std::vector<double>(alarmMembers, -7));
 }

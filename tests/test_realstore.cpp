@@ -1,12 +1,14 @@
 // Real-time store: connection lifecycle, row keys, single values and a full
 // file system. The store lock across processes is exercised in
 // test_stress.cpp, bounded data-set reads in test_bounded_lists.cpp.
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -17,11 +19,10 @@
 
 #include "qvrealapi.h"
 #include "qvtest.h"
+#include "qvtool_run.h"
 
 using namespace qvtest;
 using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 
@@ -167,7 +168,7 @@ TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
     const std::string mode = "PRAGMA journal_mode";
     zq_closeRealDB();
     // Both the schema and the tool's init create the store in the log.
-    ASSERT_EQ(std::system(QV_TOOL " init --fresh >/dev/null"), 0);
+    ASSERT_EQ(tool({"init", "--fresh"}).code, 0);
     EXPECT_EQ(query(realDbPath(), mode), (Rows{{"wal"}}));
     freshRealStore();
     EXPECT_EQ(query(realDbPath(), mode), (Rows{{"wal"}}));
@@ -208,8 +209,11 @@ TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
         values[i] = i + 1;
     }
     ASSERT_EQ(zq_openRealDB(), 0);
-    const std::string filler = std::string(QV_TEST_STORE_DIR) + "/filler";
-    ASSERT_NE(std::system(("cat /dev/zero >" + filler + " 2>/dev/null").c_str()), 0);  // stops when full
+    const std::string filler = storeFile("filler");
+    const int fill = open(filler.c_str(), O_WRONLY | O_CREAT, 0644);
+    for (const char zeros[4096] = {}; write(fill, zeros, sizeof zeros) > 0;) continue;
+    ASSERT_EQ(errno, ENOSPC);
+    close(fill);
     CaptureStderr();
     EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), -1);
     const std::string err = GetCapturedStderr();

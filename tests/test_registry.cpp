@@ -12,8 +12,6 @@
 using namespace qvtest;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 

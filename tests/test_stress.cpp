@@ -8,15 +8,16 @@
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
+#include <fstream>
 #include <functional>
+#include <memory>
 
 #include "qvaddied.h"
 #include "qvrealapi.h"
+#include "process.h"
 #include "qvtest.h"
 
 using qvtest::queryInt;
@@ -28,8 +29,9 @@ constexpr int kWriters = 3;
 constexpr int kListReaders = 2;
 constexpr int kSetReaders = 2;
 constexpr int kSequence = 200;  // values each writer writes
-constexpr int kMembers = 16;    // members of the data set under load
+constexpr int kMembers = 16;    // members of the data set under load (tests/data/stress.sql)
 constexpr int kLoads = 3;       // successful loads the loader needs
+constexpr int kDeadlineMs = 60000;
 const char* const kOtherIed = "QVFTU2";
 const char* const kSetIed = "STRESS";
 const char* const kSet = "dsStress";
@@ -43,7 +45,6 @@ bool fail(const std::string& text) {
 }
 
 std::string ref(int writer, char row) { return "STRESS/W" + std::to_string(writer) + "$" + row; }
-std::string memberRef(int member) { return "STRESS/SET$m" + std::to_string(member); }
 
 // The names of a writer's first `count` rows: the pair a, b and the counter n.
 void rowNames(DaNameRow* names, int writer, int count) {
@@ -191,65 +192,34 @@ protected:
         qvtest::freshRealStore();
         std::string sample = qvtest::sourcePath("samples/feeder_terminal.cid");
         ASSERT_EQ(zq_addIEDRealDB(&sample[0]), 0);
-        std::string rows;
-        for (int w = 0; w < kWriters; ++w)
-            for (const char row : {'a', 'b', 'n'}) rows += valueRow(ref(w, row));
-        for (int m = 0; m < kMembers; ++m) {
-            rows += valueRow(memberRef(m)) + "insert into DataSetSub(fcdaName,iedName,dsName) values('" +
-                    memberRef(m) + "','" + kSetIed + "','" + kSet + "');";
-        }
-        qvtest::execSql(realDbPath(), rows);
+        qvtest::execSqlFile(realDbPath(), qvtest::dataPath("stress.sql"));
     }
     void TearDown() override {
-        for (size_t i = 0; i < pids_.size(); ++i) killChild(i);
+        children_.clear();
         munmap(stopFlag, sizeof *stopFlag);
     }
-    static std::string valueRow(const std::string& reference) {
-        return "insert into DAValue values(" + std::to_string(qvtest::rowKey(reference)) + ",1,0,0,0);";
-    }
-
     // Forks a child that opens its own connection and runs its role at once;
     // its exit code says whether the role held.
     size_t start(const std::function<bool()>& role) {
-        const pid_t pid = fork();
-        if (pid == 0) {
+        children_.emplace_back(new qvtest::Child([role] {
             const bool ok = (zq_openRealDB() == 0 || fail("open failed")) && role();
             zq_closeRealDB();
-            _exit(ok ? 0 : 1);
-        }
-        pids_.push_back(pid);
-        return pids_.size() - 1;
-    }
-    // Polls until the condition holds; false once the test's deadline passed.
-    bool until(const std::function<bool()>& condition) {
-        for (; !condition(); usleep(1000)) {
-            if (std::chrono::steady_clock::now() > end_) return false;
-        }
-        return true;
+            return ok ? 0 : 1;
+        }));
+        return children_.size() - 1;
     }
     // Waits for every child to end well, raising the stop flag once the first
-    // `workers` ended; a child still running at the deadline fails the test.
+    // `workers` ended; a child still running at the deadline fails the test
+    // (and the others are killed).
     void finishAll(size_t workers = 0) {
-        for (size_t i = 0; i < pids_.size(); ++i) {
+        for (size_t i = 0; i < children_.size(); ++i) {
             if (i == workers) stopFlag->store(1);
-            if (pids_[i] <= 0) continue;  // killed already
-            int status = 0;
-            ASSERT_TRUE(until([&] { return waitpid(pids_[i], &status, WNOHANG) != 0; }))
-                << "child " << i << " hung: deadlock or a lock never freed";
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child " << i;
-            pids_[i] = -1;
+            ASSERT_EQ(children_[i]->wait(kDeadlineMs), 0)
+                << "child " << i << " failed or hung: deadlock or a lock never freed";
         }
     }
-    void killChild(size_t i) {
-        if (pids_[i] <= 0) return;
-        kill(pids_[i], SIGKILL);
-        waitpid(pids_[i], nullptr, 0);
-        pids_[i] = -1;
-    }
 
-    std::vector<pid_t> pids_;
-    const std::chrono::steady_clock::time_point end_ =
-        std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::vector<std::unique_ptr<qvtest::Child>> children_;
 };
 
 }  // namespace
@@ -257,14 +227,14 @@ protected:
 TEST_F(Stress, NineProcessesLoseNoUpdateReadNothingTornAndLoadsLandWholeOrNotAtAll) {
     const int wholeLoad = static_cast<int>(members("QVFTU1"));
     // The sample model under a second IED name, for a load beside the first.
-    const std::string model = std::string(QV_TEST_STORE_DIR) + "/other_ied.cid";
-    ASSERT_EQ(std::system(("sed s/QVFTU1/" + std::string(kOtherIed) + "/g " +
-                           qvtest::sourcePath("samples/feeder_terminal.cid") + " > " + model).c_str()),
-              0);
+    const std::string model = qvtest::storeFile("other_ied.cid");
+    std::string text = qvtest::fileText(qvtest::sourcePath("samples/feeder_terminal.cid"));
+    for (size_t at; (at = text.find("QVFTU1")) != std::string::npos;) text.replace(at, 6, kOtherIed);
+    std::ofstream(model) << text;
     for (int w = 0; w < kWriters; ++w) start([w] { return writer(w); });
     start(setWriter);
     start([&model] { return loader(model); });
-    const size_t workers = pids_.size();
+    const size_t workers = children_.size();
     for (int r = 0; r < kListReaders; ++r) start([=] { return listReader(wholeLoad); });
     for (int r = 0; r < kSetReaders; ++r) start(setReader);
     finishAll(workers);
@@ -289,16 +259,17 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
         pause();
         return true;
     });
-    ASSERT_TRUE(until([] { return qvtest::storeLockValue() == 0; }));
+    ASSERT_TRUE(qvtest::eventually([] { return qvtest::storeLockValue() == 0; }));
     start([&counter] { return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0; });
     const long long key = qvtest::rowKey(incremented);
     for (int c = 0; c < 4; ++c) start([key] { return incrementUnderStoreLock(key, kIncrements); });
     usleep(300000);
-    for (size_t i = holder + 1; i < pids_.size(); ++i)
-        EXPECT_EQ(waitpid(pids_[i], nullptr, WNOHANG), 0) << "child " << i << " did not wait";
+    for (size_t i = holder + 1; i < children_.size(); ++i)
+        EXPECT_TRUE(children_[i]->running()) << "child " << i << " did not wait";
     EXPECT_EQ(valueOf(counter) + valueOf(incremented), 0);
 
-    killChild(holder);
+    children_[holder]->signal(SIGKILL);
+    children_.erase(children_.begin() + holder);
     finishAll();
     EXPECT_EQ(valueOf(counter), 7);
     EXPECT_EQ(valueOf(incremented), 4 * kIncrements);

@@ -1,8 +1,10 @@
 // qvtool, run as a subprocess on the private stores: what it prints, what it
 // writes and the exit codes that scripts rely on.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -79,9 +81,7 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsAConfSampleOnceAndWhole) {
                            sample + " run\n");
     EXPECT_EQ(processes(), 4);
     // Again the sample is refused instead of doubled; one failing half way leaves nothing.
-    const std::string broken = storeFile("broken_sample.sql");
-    std::ofstream(broken) << "insert into ProcessConfig values(1,'a','');\n"
-                             "insert into Nowhere values(1);\n";
+    const std::string broken = dataPath("broken_conf_sample.sql");
     const struct { Words args; const char* why; long long processesAfter; } refused[] = {
         {{"init", "--conf-sample", sample}, "already holds processes", 4},
         {{"init", "--fresh", "--conf-sample", broken}, "no such table: Nowhere", 0}};
@@ -97,10 +97,7 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsAConfSampleOnceAndWhole) {
 TEST_F(Tool, ListingsInJsonAreTheStoredRowsUnderTheRecordsFieldNames) {
     provision();
     // Texts that JSON must escape, and one that is not UTF-8.
-    execSql(realDbPath(),
-            "insert into LTUInfor values(7,'1.0','2','3','4','ltu \"7\"','addr\t1',2,1,'caf\xc3\xa9');"
-            "insert into ltu_access_list values('2026-01-01','dev\\1',3,'d','k','v');"
-            "insert into TopoInfor values(1,'sw','LN1','LN1','a','b',1,'QVFTU1','S1');");
+    execSqlFile(realDbPath(), dataPath("tool_listings.sql"));
     const std::string member = "fcdaName iedName dsName ldInst lnClass lnInst doName daName fc";
     const std::string attr = "daName iedName ldName lnName doName fcName value valueType doDesc";
     const struct { Words args; std::string db, sql; } cases[] = {
@@ -352,15 +349,12 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     EXPECT_EQ(run.err, "qvtool: gave up waiting for the real-time store after 0.2 s\n");
 
     // Without a timeout the tool waits, says so, and goes on once the store is free.
-    const std::string out = storeFile("busy.out"), err = storeFile("busy.err");
-    unlink(err.c_str());  // a file of an earlier run is no answer
-    const pid_t waiter = startTool({"get", kTotW}, out, err);
-    for (int waited = 0; waited < 100 && fileText(err).find('\n') == std::string::npos; ++waited)
-        usleep(50000);
-    EXPECT_EQ(fileText(err), waiting);
+    Spawn waiter(QV_TOOL, {"get", kTotW});
+    EXPECT_EQ(waiter.readLine(2), waiting);
     unlocksem(semid);
-    run = finishTool(waiter, out, err);
+    run = waiter.finish();
     EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out, "value=0 quality=0\n");
 }
 
@@ -373,9 +367,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     ASSERT_EQ(tool({"route", "remove", name, name + " watch", "updatefile"}).code, 0);
     removeQueue(11);
     // The options make the tool run itself again under the name "TOOL watch".
-    const std::string watched = storeFile("watch.out");
-    const pid_t watcher =
-        startTool({"watch", "--kind", "soe,general,register", "--count", "3"}, watched, "/dev/null");
+    Spawn watcher(QV_TOOL, {"watch", "--kind", "soe,general,register", "--count", "3"});
     ToolRun run = tool({"send", "soe", "strDa=QVFTU1LD0/GGIO1$ST$Ind1$stVal", "value=1", "msec=-5"});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "sent soe as process \"" + name + "\" along 1 route\n");
@@ -391,7 +383,7 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     EXPECT_THAT(run.err, HasSubstr("no route from process \"" + name + "\""));
 
     // The watch ends by itself after three messages.
-    const ToolRun watch = finishTool(watcher, watched, "/dev/null");
+    const ToolRun watch = watcher.finish();
     EXPECT_EQ(watch.code, 0);
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     EXPECT_THAT(lines(watch.out),

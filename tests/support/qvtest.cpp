@@ -11,6 +11,7 @@
 #include <iterator>
 #include <thread>
 
+#include "qvconf.h"
 #include "qvrealapi.h"
 
 namespace qvtest {
@@ -20,8 +21,26 @@ std::string confDbPath() { return QV_CONF_DB_PATH; }
 std::string sourcePath(const std::string& relative) {
     return std::string(QV_SOURCE_DIR) + "/" + relative;
 }
+std::string dataPath(const std::string& name) { return sourcePath("tests/data/" + name); }
+std::string storeFile(const std::string& name) {
+    mkdir(QV_TEST_STORE_DIR, 0755);
+    return std::string(QV_TEST_STORE_DIR) + "/" + name;
+}
+
+std::string fileText(const std::string& path) {
+    std::ifstream in(path);
+    EXPECT_TRUE(in.good()) << "cannot read " << path;
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 namespace {
+
+void rowKeyFunction(sqlite3_context* context, int, sqlite3_value** args) {
+    const unsigned char* text = sqlite3_value_text(args[0]);
+    sqlite3_result_int64(context, text ? RSHash(reinterpret_cast<const char*>(text),
+                                                unsigned(sqlite3_value_bytes(args[0])))
+                                       : 0);
+}
 
 sqlite3* openOrFail(const std::string& dbPath) {
     mkdir(QV_TEST_STORE_DIR, 0755);
@@ -29,6 +48,7 @@ sqlite3* openOrFail(const std::string& dbPath) {
     if (sqlite3_open(dbPath.c_str(), &db) != SQLITE_OK) {
         ADD_FAILURE() << "cannot open " << dbPath << ": " << sqlite3_errmsg(db);
     }
+    sqlite3_create_function(db, "rowkey", 1, SQLITE_UTF8, nullptr, rowKeyFunction, nullptr, nullptr);
     return db;
 }
 
@@ -46,9 +66,7 @@ void execSql(const std::string& dbPath, const std::string& sql) {
 }
 
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile) {
-    std::ifstream in(sqlFile);
-    EXPECT_TRUE(in.good()) << "cannot read " << sqlFile;
-    execSql(dbPath, {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
+    execSql(dbPath, fileText(sqlFile));
 }
 
 Rows query(const std::string& dbPath, const std::string& sql) {
@@ -109,6 +127,12 @@ void freshRealStore() {
 void freshConfStore() {
     removeStore(confDbPath());
     execSqlFile(confDbPath(), sourcePath("schema/conf.sql"));
+}
+void openSampleConfStore() {
+    zq_closeConfDB();
+    freshConfStore();
+    execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
+    EXPECT_EQ(zq_openConfDB(), 0);
 }
 
 void openRealStoreInRollbackMode() {

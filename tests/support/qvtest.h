@@ -14,12 +14,18 @@
 namespace qvtest {
 
 using Rows = std::vector<std::vector<std::string>>;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
 std::string realDbPath();
 std::string confDbPath();
 std::string sourcePath(const std::string& relative);  // a file of the source tree
+std::string dataPath(const std::string& name);        // a file of tests/data
+std::string storeFile(const std::string& name);       // a file beside the test stores
+std::string fileText(const std::string& path);
 
 // Runs SQL (one or more statements) on a database file; fails the test on error.
+// The SQL may call rowkey(reference): the row key of a DA reference.
 void execSql(const std::string& dbPath, const std::string& sql);
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
 
@@ -58,6 +64,9 @@ void removeStore(const std::string& dbPath);
 // Empty stores created from the shipped schema files.
 void freshRealStore();
 void freshConfStore();
+// The library's connection on a fresh configuration store holding the sample
+// gateway's configuration.
+void openSampleConfStore();
 
 // Opens the library's connection on the real-time store with the store in
 // rollback-journal mode: the library's switch to the write-ahead log fails
