@@ -634,3 +634,69 @@ TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
         EXPECT_EQ(dumpModel(), run.rows) << run.args[1];
     }
 }
+
+// ---- Faults part-way through a load -------------------------------------------
+
+#include <optional>
+
+#include "faults.h"
+#include "process.h"
+
+namespace {
+
+// The sample's IED again, now with 100 000 attributes: a reload that replaces
+// the sample's rows and writes long enough to be caught part-way.
+std::string bigSampleIed() {
+    const std::string types =
+        "<LNodeType id=\"T\">" +
+        times(100, [](int i) { return "<DO name=\"d" + s(i) + "\" type=\"D\"/>"; }) +
+        "</LNodeType><DOType id=\"D\"><DA name=\"stVal\" bType=\"BOOLEAN\" fc=\"ST\"/></DOType>";
+    const std::string devices = times(10, [](int d) {
+        return ldevice("LD" + s(d), times(100, [](int n) { return node("GGIO", n + 1, "T"); }));
+    });
+    return sclText(devices, types, "QVFTU1");
+}
+
+// How far a load has written: the size of the write-ahead log.
+long long logBytes() {
+    struct stat wal {};
+    return stat((realDbPath() + "-wal").c_str(), &wal) == 0 ? wal.st_size : 0;
+}
+
+}  // namespace
+
+// The sample loaded and one of its values saved; then a reload of its IED is
+// killed at three points while it writes (its log grows to about 10 MB), or
+// outgrows a small file system: the sample's rows and value stay exactly as
+// they were, and a later load goes through.
+TEST(LoaderFaults, AKilledOrFullLoadLeavesTheStoreAsItWasAndALaterLoadWorks) {
+    for (const bool full : {false, true}) {
+        SCOPED_TRACE(full ? "full file system" : "killed");
+        zq_closeRealDB();  // no connection crosses the fork
+        std::optional<SmallStoreDir> dir;
+        if (full && !dir.emplace("8m").mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+        freshRealStore();
+        ASSERT_EQ(load(kSample), 0);
+        ASSERT_EQ(zq_openRealDB(), 0);
+        ASSERT_EQ(zq_saveDoubDAValue("QVFTU1MEAS/MMXU1$MX$TotW$mag$f", 17.5), 0);
+        zq_closeRealDB();
+        const Rows before = dumpModel();
+        const std::string big = writeFile("fault_big.scd", bigSampleIed());
+        for (int stop = 0; !full && stop < 3; ++stop) {
+            Child loader([&big] { return load(big); });
+            ASSERT_TRUE(eventually([stop] { return logBytes() > stop * 3000000; }));
+            EXPECT_TRUE(loader.running()) << "the load ended before it was killed";
+            loader.signal(SIGKILL);
+            EXPECT_EQ(dumpModel(), before);  // whose connections also clear the log
+        }
+        if (full) {
+            CaptureStderr();
+            EXPECT_EQ(load(big), -1);
+            EXPECT_THAT(GetCapturedStderr(), testing::HasSubstr("database or disk is full"));
+            EXPECT_EQ(dumpModel(), before);
+            ASSERT_TRUE(dir->resize("512m"));
+        }
+        EXPECT_EQ(load(big), 0);
+        EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA where iedName='QVFTU1'"), 100000);
+    }
+}

@@ -255,3 +255,96 @@ TEST_F(RealStore, ALockRemovedUnderThreadsIsMadeAnew) {
     EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
     EXPECT_EQ(storeLockValue(), 1);
 }
+
+// ---- Faults: damaged store files, and every kind of write on a full disk ----
+
+#include "faults.h"
+#include "qvconf.h"
+
+// A store file that is no database, is empty or is read-only: the open or the
+// save fails with SQLite's cause, the lock stays free, and a read-only store
+// still reads. (Read-only comes last: without root it is skipped.)
+TEST(RealStoreFaults, ADamagedStoreFileFailsWithTheCause) {
+    const struct {
+        Damage damage;
+        int opened;
+        const char* cause;
+    } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n"},
+                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: DAValue\n"},
+                 {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cause);
+        zq_closeRealDB();
+        freshRealStore();
+        addValueRow(kRef, 3.0);
+        DamagedStore damaged(realDbPath(), c.damage);
+        if (!damaged.done()) GTEST_SKIP() << "a read-only bind mount needs root";
+        double value = 0;
+        CaptureStderr();
+        EXPECT_EQ(zq_openRealDB(), c.opened);
+        EXPECT_EQ(zq_saveDoubDAValue(kRef, 1.0), -1);
+        EXPECT_EQ(zq_getDoubDAValue(kRef, &value), c.opened);
+        EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.cause));
+        EXPECT_EQ(value, c.opened == 0 ? 3.0 : 0.0);
+        EXPECT_EQ(storeLockValue(), 1);
+        zq_closeRealDB();
+    }
+}
+
+// Each kind of write, to either store (both live in the store directory), on
+// a full disk: -1 with the cause, every row of both stores as it was, the lock
+// free; once there is room the same write goes through.
+TEST(RealStoreFull, EveryKindOfWriteFailsWholeWithTheCauseAndWorksOnceThereIsRoom) {
+    static const double values[3] = {1, 2, 3};
+    static const int qualities[3] = {4, 5, 6};
+    static const LTUInfor terminals[2] = {{2, "QS1", "QH1", "SS1", "SH1", "T2", "10.0.0.2", 0, 1, ""},
+                                          {3, "QS1", "QH1", "SS1", "SH1", "T3", "10.0.0.3", 0, 1, ""}};
+    static const LTUAccess entry{"2024-05-02", "dev2", 2, "feeder 8", "k2", "V2"};
+    static const TopoInfor node{2, "switch", "QS2", "QS2", "QS1", "", 1, "FAULT", "North"};
+    static const ProcessMisc setting{"port", "2405", "moved port"};
+    const std::pair<const char*, int (*)()> writes[] = {
+        {"single", [] { return zq_saveDoubDAValue1(kRef, 7.5, 3); }},
+        {"data set", [] { return zq_saveDAValues1ByDataSet("FAULT", "dsFault", values, qualities, 3); }},
+        {"terminal", [] { return zq_addLTUInfor(terminals); }},
+        {"terminals", [] { return zq_addLTUInfors(terminals, 2); }},
+        {"terminal update", [] { return zq_setLTUInforByName("T1", terminals); }},
+        {"access entry", [] { return zq_addLTUAccess(&entry); }},
+        {"topology node", [] { return zq_addTopoInfor(&node); }},
+        {"setting", [] { return zq_setProcessMiscValue("qv104 -p 2404", "port", &setting); }},
+    };
+    const auto allRows = [] {
+        Rows rows = query(confDbPath(), "select * from ProcessMisc");
+        for (const std::string table : {"DAValue", "LTUInfor", "ltu_access_list", "TopoInfor"}) {
+            const Rows more = query(realDbPath(), "select * from " + table + " order by rowid");
+            rows.insert(rows.end(), more.begin(), more.end());
+        }
+        return rows;
+    };
+    for (const auto& [name, write] : writes) {
+        SCOPED_TRACE(name);
+        zq_closeRealDB();
+        zq_closeConfDB();
+        SmallStoreDir dir;
+        if (!dir.mounted()) GTEST_SKIP() << "mounting a small tmpfs needs root";
+        freshRealStore();
+        freshConfStore();
+        execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
+        execSqlFile(realDbPath(), sourcePath("tests/data/fault_rows.sql"));
+        for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub"))
+            addValueRow(member[0]);
+        addValueRow(kRef);
+        ASSERT_EQ(zq_openRealDB() | zq_openConfDB(), 0);
+        const Rows before = allRows();
+        dir.fill();
+        CaptureStderr();
+        EXPECT_EQ(write(), -1);
+        EXPECT_THAT(GetCapturedStderr(), HasSubstr("database or disk is full"));
+        EXPECT_EQ(storeLockValue(), 1);
+        EXPECT_EQ(allRows(), before);
+        dir.makeRoom();
+        EXPECT_EQ(write(), 0);
+        EXPECT_NE(allRows(), before);
+        zq_closeRealDB();
+        zq_closeConfDB();
+    }
+}

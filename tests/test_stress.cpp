@@ -275,3 +275,122 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     EXPECT_EQ(valueOf(incremented), 4 * kIncrements);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
 }
+
+// ---- Faults around the store lock: signals, kills, a removed set --------------
+
+#include <sys/prctl.h>
+
+#include "process.h"
+
+namespace {
+
+int lockSleepers() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETNCNT); }
+
+// Takes (-1) or gives back (+1) the store lock directly, as any process may.
+bool moveLock(short by) {
+    sembuf op{0, by, SEM_UNDO};
+    return semop(semget(QV_SEM_KEY, 1, 0666), &op, 1) == 0;
+}
+
+}  // namespace
+
+// A process waiting for the store lock gets signals through a handler without
+// SA_RESTART (stopFlag counts them): its save waits on, runs once the holder
+// lets go, and succeeds.
+TEST_F(Stress, ASaveInterruptedBySignalsWhileWaitingStillRunsUnderTheLock) {
+    const std::string counter = ref(0, 'n');
+    initRealSem();
+    ASSERT_TRUE(moveLock(-1));
+    qvtest::Child waiter([&counter] {
+        struct sigaction action {};
+        action.sa_handler = [](int) { stopFlag->fetch_add(1); };
+        sigaction(SIGUSR1, &action, nullptr);
+        return zq_openRealDB() == 0 && zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0 ? 0 : 1;
+    });
+    for (int signals = 1; signals <= 5; ++signals) {
+        ASSERT_TRUE(qvtest::eventually([] { return lockSleepers() == 1; }));
+        waiter.signal(SIGUSR1);
+        ASSERT_TRUE(qvtest::eventually([signals] { return stopFlag->load() == signals; }));
+    }
+    EXPECT_TRUE(qvtest::eventually([] { return lockSleepers() == 1; }));
+    usleep(100000);
+    EXPECT_TRUE(waiter.running());
+    EXPECT_EQ(valueOf(counter), 0);
+    ASSERT_TRUE(moveLock(+1));
+    EXPECT_EQ(waiter.wait(), 0);
+    EXPECT_EQ(valueOf(counter), 7);
+    EXPECT_EQ(qvtest::storeLockValue(), 1);
+}
+
+// Writers killed with SIGKILL at random moments while they save a long list
+// again and again (stopFlag says that one save landed): every save lands
+// whole or not at all, the lock is free at once, and the store is sound and
+// takes the next save.
+TEST_F(Stress, AListSaveKilledPartWayLandsWholeOrNotAtAllAndFreesTheLock) {
+    constexpr int kRows = 2000;
+    std::vector<DaNameRow> names(kRows);
+    std::string rows;
+    for (int i = 0; i < kRows; ++i) {
+        std::snprintf(names[i], sizeof names[i], "KILL/GGIO1$ST$Ind%d$stVal", i);
+        rows += "insert into DAValue values(" + std::to_string(qvtest::rowKey(names[i])) + ",9,0,0,0);";
+    }
+    qvtest::execSql(realDbPath(), rows);
+    const std::string listed = "select count(distinct value),min(value) from DAValue where type=9";
+    for (int writer = 1; writer <= 10; ++writer) {
+        qvtest::Child saver([&names, writer] {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // it never outlives the test
+            if (zq_openRealDB() != 0) return 1;
+            std::vector<double> values(kRows);
+            for (int save = 1;; ++save) {
+                std::fill(values.begin(), values.end(), writer * 100000 + save);
+                if (zq_saveDAValues(names.data(), values.data(), kRows) == 0) stopFlag->store(writer);
+            }
+        });
+        ASSERT_TRUE(qvtest::eventually([writer] { return stopFlag->load() == writer; }));
+        usleep(random() % 20000);
+        saver.signal(SIGKILL);
+        ASSERT_EQ(qvtest::storeLockValue(), 1);
+        EXPECT_EQ(queryInt(realDbPath(), listed), 1);
+    }
+    EXPECT_EQ(qvtest::query(realDbPath(), "pragma integrity_check"), (qvtest::Rows{{"ok"}}));
+    ASSERT_EQ(zq_openRealDB(), 0);
+    const std::vector<double> ones(kRows, 1);
+    EXPECT_EQ(zq_saveDAValues(names.data(), ones.data(), kRows), 0);
+    EXPECT_EQ(qvtest::query(realDbPath(), listed), (qvtest::Rows{{"1", "1.0"}}));
+    zq_closeRealDB();
+}
+
+// The lock's set removed while one process holds the lock and another sleeps
+// on it: nobody crashes or hangs, the sleeper's save runs, the set is there
+// again and free, and the holder's next save works.
+TEST_F(Stress, ALockSetRemovedUnderItsHolderAndASleeperIsMadeAnew) {
+    const std::string held = ref(0, 'n'), waited = ref(1, 'n');
+    initRealSem();  // free until the holder takes it
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    qvtest::Child holder([&] {
+        char c;
+        close(go[1]);  // so that the read ends with the test
+        if (zq_openRealDB() != 0) return 1;
+        const int semid = semget(QV_SEM_KEY, 1, 0666);
+        locksem(semid);
+        if (read(go[0], &c, 1) != 1) return 1;
+        unlocksem(semid);  // the set is gone: nothing to give back
+        return zq_saveDoubDAValue1(held.c_str(), 2, 2) == 0 ? 0 : 1;
+    });
+    close(go[0]);
+    ASSERT_TRUE(qvtest::eventually([] { return qvtest::storeLockValue() == 0; }));
+    qvtest::Child sleeper([&waited] {
+        return zq_openRealDB() == 0 && zq_saveDoubDAValue1(waited.c_str(), 1, 1) == 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(qvtest::eventually([] { return lockSleepers() == 1; }));
+    qvtest::removeStoreLock();
+    EXPECT_EQ(sleeper.wait(10000), 0);
+    EXPECT_EQ(valueOf(waited), 1);
+    EXPECT_EQ(qvtest::storeLockValue(), 1);
+    ASSERT_EQ(write(go[1], "g", 1), 1);
+    EXPECT_EQ(holder.wait(10000), 0);
+    EXPECT_EQ(valueOf(held), 2);
+    EXPECT_EQ(qvtest::storeLockValue(), 1);
+    close(go[1]);
+}
