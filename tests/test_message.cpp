@@ -445,5 +445,5 @@ TEST_F(MessageBus, ARecordOfKind0Or14OrANegativeKindIsNotSent) {
         EXPECT_TRUE(arrivedAsSent(reinterpret_cast<const MSGINFO&>(message), sent)) << no;
         EXPECT_FALSE(takeMessage(no, &message)) << no;
     }
-    EXPECT_EQ(sender.stop(), "");
+    EXPECT_EQ(sender.stop().err, "");
 }
