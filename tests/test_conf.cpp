@@ -10,6 +10,7 @@
 
 #include "internal/qvconf_internal.h"
 #include "process.h"
+#include "faults.h"
 #include "qvconf.h"
 #include "qvtest.h"
 
@@ -269,7 +270,6 @@ TEST_F(ConfStore, TheProcessListWaitsOutAWriter) {
 
 // ---- Faults: damaged store files -------------------------------------------
 
-#include "faults.h"
 
 // A store file that is no database, is empty or is read-only: queries and
 // the settings write fail with SQLite's cause (a read-only store still

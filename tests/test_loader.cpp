@@ -10,10 +10,13 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <thread>
 #include <tuple>
 
+#include "faults.h"
 #include "internal/qvloader.h"
+#include "process.h"
 #include "qvaddied.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -445,7 +448,10 @@ TEST_F(Loader, ModelOverEveryOldCapacityLoadsWhole) {
               (Rows{{"256"}, {"243"}}));
 }
 
-TEST_F(Loader, GeneratedModelOfAHundredThousandAttributesLoads) {
+namespace {
+
+// One IED of 10 devices x 100 nodes x 100 data objects: 100 000 attributes.
+std::string hundredThousandAttributes(const std::string& ied = "IED1") {
     const std::string types =
         "<LNodeType id=\"T\">" +
         times(100, [](int i) { return "<DO name=\"d" + s(i) + "\" type=\"D\"/>"; }) +
@@ -453,7 +459,13 @@ TEST_F(Loader, GeneratedModelOfAHundredThousandAttributesLoads) {
     const std::string devices = times(10, [](int d) {
         return ldevice("LD" + s(d), times(100, [](int n) { return node("GGIO", n + 1, "T"); }));
     });
-    ASSERT_EQ(loadScl(sclText(devices, types)), 0);
+    return sclText(devices, types, ied);
+}
+
+}  // namespace
+
+TEST_F(Loader, GeneratedModelOfAHundredThousandAttributesLoads) {
+    ASSERT_EQ(loadScl(hundredThousandAttributes()), 0);
     EXPECT_EQ(query(realDbPath(), "select count(*),count(distinct daName),max(daName) from DA"),
               (Rows{{"100000", "100000", "IED1LD9/GGIO99$ST$d99$stVal"}}));
 }
@@ -637,25 +649,7 @@ TEST_F(Loader, ToolLoadReportsThisFileAndChecksWithoutWriting) {
 
 // ---- Faults part-way through a load -------------------------------------------
 
-#include <optional>
-
-#include "faults.h"
-#include "process.h"
-
 namespace {
-
-// The sample's IED again, now with 100 000 attributes: a reload that replaces
-// the sample's rows and writes long enough to be caught part-way.
-std::string bigSampleIed() {
-    const std::string types =
-        "<LNodeType id=\"T\">" +
-        times(100, [](int i) { return "<DO name=\"d" + s(i) + "\" type=\"D\"/>"; }) +
-        "</LNodeType><DOType id=\"D\"><DA name=\"stVal\" bType=\"BOOLEAN\" fc=\"ST\"/></DOType>";
-    const std::string devices = times(10, [](int d) {
-        return ldevice("LD" + s(d), times(100, [](int n) { return node("GGIO", n + 1, "T"); }));
-    });
-    return sclText(devices, types, "QVFTU1");
-}
 
 // How far a load has written: the size of the write-ahead log.
 long long logBytes() {
@@ -681,7 +675,7 @@ TEST(LoaderFaults, AKilledOrFullLoadLeavesTheStoreAsItWasAndALaterLoadWorks) {
         ASSERT_EQ(zq_saveDoubDAValue("QVFTU1MEAS/MMXU1$MX$TotW$mag$f", 17.5), 0);
         zq_closeRealDB();
         const Rows before = dumpModel();
-        const std::string big = writeFile("fault_big.scd", bigSampleIed());
+        const std::string big = writeFile("fault_big.scd", hundredThousandAttributes("QVFTU1"));
         for (int stop = 0; !full && stop < 3; ++stop) {
             Child loader([&big] { return load(big); });
             ASSERT_TRUE(eventually([stop] { return logBytes() > stop * 3000000; }));

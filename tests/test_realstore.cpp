@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "faults.h"
+#include "qvconf.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
 #include "qvtool_run.h"
@@ -193,12 +195,8 @@ TEST(RealStoreConnection, OpenSwitchesTheStoreToTheWriteAheadLogWhenItCan) {
 // says why in one line and frees the lock; once there is room it goes through.
 TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
     zq_closeRealDB();
-    mkdir(QV_TEST_STORE_DIR, 0755);
-    if (geteuid() != 0 || mount("tmpfs", QV_TEST_STORE_DIR, "tmpfs", 0, "size=1m") != 0)
-        GTEST_SKIP() << "mounting a small tmpfs needs root";
-    struct Unmount {
-        ~Unmount() { umount2(QV_TEST_STORE_DIR, MNT_DETACH); }
-    } unmount;
+    SmallStoreDir dir;
+    if (!dir.mounted()) GTEST_SKIP() << "mounting a small tmpfs needs root";
     freshRealStore();
     constexpr int kRows = 300;
     std::vector<DaNameRow> names(kRows);
@@ -209,11 +207,7 @@ TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
         values[i] = i + 1;
     }
     ASSERT_EQ(zq_openRealDB(), 0);
-    const std::string filler = storeFile("filler");
-    const int fill = open(filler.c_str(), O_WRONLY | O_CREAT, 0644);
-    for (const char zeros[4096] = {}; write(fill, zeros, sizeof zeros) > 0;) continue;
-    ASSERT_EQ(errno, ENOSPC);
-    close(fill);
+    dir.fill();
     CaptureStderr();
     EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), -1);
     const std::string err = GetCapturedStderr();
@@ -222,7 +216,7 @@ TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
     EXPECT_EQ(storeLockValue(), 1);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), 0);
 
-    unlink(filler.c_str());
+    dir.makeRoom();
     EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), 0);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), kRows);
     zq_closeRealDB();
@@ -258,8 +252,6 @@ TEST_F(RealStore, ALockRemovedUnderThreadsIsMadeAnew) {
 
 // ---- Faults: damaged store files, and every kind of write on a full disk ----
 
-#include "faults.h"
-#include "qvconf.h"
 
 // A store file that is no database, is empty or is read-only: the open or the
 // save fails with SQLite's cause, the lock stays free, and a read-only store

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
@@ -277,10 +278,6 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
 }
 
 // ---- Faults around the store lock: signals, kills, a removed set --------------
-
-#include <sys/prctl.h>
-
-#include "process.h"
 
 namespace {
 
