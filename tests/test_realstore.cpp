@@ -137,7 +137,9 @@ TEST(RealStoreConnection, ClosedFailedReopenedAndNullArguments) {
     CaptureStderr();
     EXPECT_EQ(zq_saveIntDAValueValue1(kRef, 1, 1), -1);
     EXPECT_EQ(zq_getIntDAValue1(kRef, &i, &q), -1);
-    EXPECT_THAT(GetCapturedStderr(), HasSubstr("zq_getIntDAValue1: the real-time store is not open"));
+    EXPECT_EQ(GetCapturedStderr(),
+              "zq_saveIntDAValueValue1: the real-time store is not open (call zq_openRealDB first)\n"
+              "zq_getIntDAValue1: the real-time store is not open (call zq_openRealDB first)\n");
     EXPECT_EQ(i, 5);
     // Without the model tables the open fails, leaving nothing half-open.
     CaptureStderr();

@@ -36,11 +36,11 @@ int zq_saveDoubDAValue1(const char* daName, double val, int character) {
 }
 
 int zq_saveIntDAValueValue(const char* daName, int val) {
-    return zq_saveDoubDAValue(daName, static_cast<double>(val)) == 0 ? 0 : -1;
+    return saveValue(s_stmt_update, daName, static_cast<double>(val), nullptr, __func__);
 }
 
 int zq_saveIntDAValueValue1(const char* daName, int val, int character) {
-    return zq_saveDoubDAValue1(daName, static_cast<double>(val), character) == 0 ? 0 : -1;
+    return saveValue(s_stmt_update1, daName, static_cast<double>(val), &character, __func__);
 }
 
 int zq_getIntDAValue(const char* daName, int* pValue) {
