@@ -10,7 +10,6 @@
 
 #include "internal/qvconf_internal.h"
 #include "process.h"
-#include "faults.h"
 #include "qvconf.h"
 #include "qvtest.h"
 
@@ -266,41 +265,4 @@ TEST_F(ConfStore, TheProcessListWaitsOutAWriter) {
     EXPECT_EQ(qvtest::stdoutWhileHeld(confDbPath(), list, result), "sqlite3_step SQLITE_BUSY\n");
     EXPECT_EQ(result, 0);
     EXPECT_EQ(count, 4);
-}
-
-// ---- Faults: damaged store files -------------------------------------------
-
-
-// A store file that is no database, is empty or is read-only: queries and
-// the settings write fail with SQLite's cause (a read-only store still
-// answers queries) and the file is left as it was. (Read-only comes last:
-// without root it is skipped.)
-TEST(ConfStoreFaults, ADamagedStoreFileFailsWithTheCause) {
-    using qvtest::Damage;
-    const struct {
-        Damage damage;
-        int queried;
-        const char* cause;
-    } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n"},
-                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: ProcessConfig\n"},
-                 {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n"}};
-    const ProcessMisc update{"port", "2405", "moved port"};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.cause);
-        zq_closeConfDB();
-        qvtest::freshConfStore();
-        qvtest::execSqlFile(confDbPath(), qvtest::sourcePath("samples/conf_sample.sql"));
-        const qvtest::Rows before = qvtest::query(confDbPath(), "select * from ProcessMisc");
-        qvtest::DamagedStore damaged(confDbPath(), c.damage);
-        if (!damaged.done()) GTEST_SKIP() << "a read-only bind mount needs root";
-        CaptureStderr();
-        EXPECT_EQ(zq_openConfDB(), 0);  // SQLite reads the file at the first query
-        EXPECT_EQ(counted(zq_getAllProcessConfigsNum), c.queried == 0 ? "0/4" : "-1/0");
-        EXPECT_EQ(zq_setProcessMiscValue("qv104 -p 2404", "port", &update), -1);
-        EXPECT_THAT(GetCapturedStderr(), testing::HasSubstr(c.cause));
-        zq_closeConfDB();
-        if (c.damage == Damage::ReadOnly) {
-            EXPECT_EQ(qvtest::query(confDbPath(), "select * from ProcessMisc"), before);
-        }
-    }
 }

@@ -254,34 +254,49 @@ TEST_F(RealStore, ALockRemovedUnderThreadsIsMadeAnew) {
 
 // ---- Faults: damaged store files, and every kind of write on a full disk ----
 
-
-// A store file that is no database, is empty or is read-only: the open or the
-// save fails with SQLite's cause, the lock stays free, and a read-only store
-// still reads. (Read-only comes last: without root it is skipped.)
-TEST(RealStoreFaults, ADamagedStoreFileFailsWithTheCause) {
+// A store file of either store that is no database, is empty or is read-only:
+// the open or the first query fails with SQLite's cause, a write fails, the
+// lock stays free, and a read-only store still reads. (Read-only comes last:
+// without root it is skipped.)
+TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
     const struct {
         Damage damage;
         int opened;
-        const char* cause;
-    } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n"},
-                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: DAValue\n"},
-                 {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n"}};
+        const char *realCause, *confCause;
+    } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n",
+                  "sqlite3_prepare_v2 err file is not a database\n"},
+                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: DAValue\n",
+                  "sqlite3_prepare_v2 err no such table: ProcessConfig\n"},
+                 {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n",
+                  "sqlite3_step err attempt to write a readonly database\n"}};
+    const ProcessMisc update{"port", "2405", "moved port"};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.cause);
+        SCOPED_TRACE(c.realCause);
         zq_closeRealDB();
         freshRealStore();
         addValueRow(kRef, 3.0);
-        DamagedStore damaged(realDbPath(), c.damage);
-        if (!damaged.done()) GTEST_SKIP() << "a read-only bind mount needs root";
+        openSampleConfStore();
+        zq_closeConfDB();
+        DamagedStore damagedReal(realDbPath(), c.damage), damagedConf(confDbPath(), c.damage);
+        if (!damagedReal.done() || !damagedConf.done())
+            GTEST_SKIP() << "a read-only bind mount needs root";
         double value = 0;
+        int processes = -1;
         CaptureStderr();
         EXPECT_EQ(zq_openRealDB(), c.opened);
         EXPECT_EQ(zq_saveDoubDAValue(kRef, 1.0), -1);
         EXPECT_EQ(zq_getDoubDAValue(kRef, &value), c.opened);
-        EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.cause));
+        EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.realCause));
         EXPECT_EQ(value, c.opened == 0 ? 3.0 : 0.0);
         EXPECT_EQ(storeLockValue(), 1);
+        CaptureStderr();
+        EXPECT_EQ(zq_openConfDB(), 0);  // SQLite reads the file at the first query
+        EXPECT_EQ(zq_getAllProcessConfigsNum(&processes), c.opened);
+        EXPECT_EQ(processes, c.opened == 0 ? 4 : 0);
+        EXPECT_EQ(zq_setProcessMiscValue("qv104 -p 2404", "port", &update), -1);
+        EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.confCause));
         zq_closeRealDB();
+        zq_closeConfDB();
     }
 }
 
@@ -323,7 +338,7 @@ TEST(RealStoreFull, EveryKindOfWriteFailsWholeWithTheCauseAndWorksOnceThereIsRoo
         freshRealStore();
         freshConfStore();
         execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
-        execSqlFile(realDbPath(), sourcePath("tests/data/fault_rows.sql"));
+        execSqlFile(realDbPath(), dataPath("fault_rows.sql"));
         for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub"))
             addValueRow(member[0]);
         addValueRow(kRef);
