@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "qvaddied.h"
-
 namespace qvaddied {
 
 // What one load read from its file (or would write, for a check).
