@@ -24,9 +24,10 @@ std::string dataPath(const std::string& name);        // a file of tests/data
 std::string storeFile(const std::string& name);       // a file beside the test stores
 std::string fileText(const std::string& path);
 
-// Runs SQL (one or more statements) on a database file; fails the test on error.
-// The SQL may call rowkey(reference): the row key of a DA reference.
-void execSql(const std::string& dbPath, const std::string& sql);
+// Runs SQL (one or more statements) on a database file; fails the test on error
+// and says whether it ran. The SQL may call rowkey(reference): the row key of
+// a DA reference.
+bool execSql(const std::string& dbPath, const std::string& sql);
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
 
 // Every row of a query, each column as text ("NULL" for a NULL column).
