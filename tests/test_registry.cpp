@@ -218,29 +218,32 @@ TEST_F(Registry, LookupsByStateAndIdAnnounceABusyStore) {
     EXPECT_TRUE(sameBytes(found, t));
 }
 
-// A closed store refuses before it touches anything.
+// A closed store refuses before it touches anything: every family of the
+// real-time store, reads and writes.
 TEST(ClosedRealStore, OperationsFailAndLeaveTheOutputs) {
     zq_closeRealDB();
-    int count = 7;
+    int count = 7, quality = 7;
     TopoInfor nodes[1] = {};
     DaNameRow name = "IED1LD0/MMXU1$MX$TotW$mag$f";
     double value = -1;
-    CaptureStderr();
-    EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
-    EXPECT_EQ(zq_getLeftTopoInforsByLNName("LN_A", nodes, &count), -1);
-    EXPECT_EQ(zq_addTopoInfors(nodes, 1), -1);
-    EXPECT_EQ(zq_getAllDataSetsNum(&count), -1);
-    EXPECT_EQ(zq_saveDAValues(&name, &value, 1), -1);
-    EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &count), -1);
+    const std::pair<const char*, std::function<int()>> operations[] = {
+        {"zq_saveIntDAValueValue1", [&] { return zq_saveIntDAValueValue1(name, 1, 1); }},
+        {"zq_getIntDAValue1", [&] { return zq_getIntDAValue1(name, &count, &quality); }},
+        {"zq_getAllLTUAccessNum", [&] { return zq_getAllLTUAccessNum(&count); }},
+        {"zq_getLeftTopoInforsByLNName", [&] { return zq_getLeftTopoInforsByLNName("LN_A", nodes, &count); }},
+        {"zq_addTopoInfors", [&] { return zq_addTopoInfors(nodes, 1); }},
+        {"zq_getAllDataSetsNum", [&] { return zq_getAllDataSetsNum(&count); }},
+        {"zq_saveDAValues", [&] { return zq_saveDAValues(&name, &value, 1); }},
+        {"zq_getDAValuesByDataSet", [&] { return zq_getDAValuesByDataSet("IED1", "dsA", &value, &count); }},
+    };
     std::string expected;
-    for (const char* operation : {"zq_getAllLTUAccessNum", "zq_getLeftTopoInforsByLNName",
-                                  "zq_addTopoInfors", "zq_getAllDataSetsNum", "zq_saveDAValues",
-                                  "zq_getDAValuesByDataSet"})
-        expected += std::string(operation) +
-                    ": the real-time store is not open (call zq_openRealDB first)\n";
+    CaptureStderr();
+    for (const auto& [operation, call] : operations) {
+        EXPECT_EQ(call(), -1) << operation;
+        expected += std::string(operation) + ": the real-time store is not open (call zq_openRealDB first)\n";
+    }
     EXPECT_EQ(GetCapturedStderr(), expected);
-    EXPECT_EQ(count, 7);
-    EXPECT_EQ(value, -1);
+    EXPECT_TRUE(count == 7 && quality == 7 && value == -1);
     EXPECT_EQ(storeLockValue(), 1);
 }
 
