@@ -202,13 +202,7 @@ TEST_F(ConfStore, ASettingWrittenByAnotherProcessIsReadAndEachTextStopsAtItsFiel
 }
 
 TEST_F(ConfStore, LongTextsAreCutAndNullTextsAreEmpty) {
-    qvtest::execSql(confDbPath(),
-                    "create table P2 (no integer, processName text, processDescribe text);"
-                    "drop table ProcessConfig; alter table P2 rename to ProcessConfig;"
-                    "insert into ProcessConfig values (1, NULL, NULL),"
-                    " (2, 'qvlong', '" + std::string(300, 'd') + "');"
-                    "update ProcessMisc set value = '" + std::string(2000, 'v') +
-                    "' where key='t1'");
+    qvtest::execSqlFile(confDbPath(), qvtest::dataPath("long_process_texts.sql"));
     ProcessConfig processes[2];
     EXPECT_THAT(fetched(zq_getAllProcessConfigs, processes),
                 ElementsAre(" ", "qvlong " + std::string(127, 'd')));

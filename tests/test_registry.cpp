@@ -185,10 +185,7 @@ TEST_F(Registry, UnterminatedFieldsAreStoredUpToTheirEnds) {
 }
 
 TEST_F(Registry, ABatchStopsAtTheRefusedRecord) {
-    execSql(realDbPath(),
-            "create trigger r1 before insert on LTUInfor when new.name='bad'"
-            " begin select raise(abort, 'refused'); end; create trigger r2 before insert on"
-            " TopoInfor when new.m_rln='bad' begin select raise(abort, 'refused'); end");
+    execSqlFile(realDbPath(), dataPath("refusing_triggers.sql"));
     const LTUInfor terminals[] = {terminal(1, "t1"), terminal(2, "bad"), terminal(3, "t3")};
     const TopoInfor nodes[] = {node(1, "LN_A", "a", "x", "y"), node(2, "bad", "b", "x", "y")};
     EXPECT_EQ(zq_addLTUInfors(nullptr, -1), 0);
@@ -280,9 +277,7 @@ TEST_F(Topology, HostileNamesAreOnlyNames) {
     const std::string longText(1000, 'L');
     const LTUInfor t = terminal(1, "LTU-A", 5);
     ASSERT_EQ(zq_addLTUInfor(&t), 0);
-    execSql(realDbPath(), "insert into LTUInfor values(2,'','','','','" + longText + "','',0,9,'" +
-                              longText + "'); insert into TopoInfor values(8,'" + longText + "','" +
-                              longText + "','n','" + longText + "','r',0,'" + longText + "','s')");
+    execSqlFile(realDbPath(), dataPath("long_registry_names.sql"));  // texts of 1000 L's
     int state = -1;
     ASSERT_EQ(zq_getLTUInforStateByName(longText.c_str(), &state), 0);
     EXPECT_EQ(state, 9);
@@ -308,9 +303,7 @@ TEST_F(Topology, HostileNamesAreOnlyNames) {
 
 TEST_F(Topology, FailuresReportAndFreeTheLock) {
     // A view whose third row cannot be computed.
-    execSql(realDbPath(), "alter table TopoInfor rename to Nodes;"
-                          "create view TopoInfor as select * from Nodes where case when id>2 and"
-                          " l_link='bus1' then abs(-9223372036854775808) else 1 end");
+    execSqlFile(realDbPath(), dataPath("failing_topology_view.sql"));
     std::vector<TopoInfor> nodes(4);
     int count = 42;
     CaptureStderr();
