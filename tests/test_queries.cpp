@@ -29,18 +29,14 @@ const char* const kNoRow = "IED1LD0/MMXU1$MX$Nope$mag$f";
 
 std::string key(const char* reference) { return std::to_string(rowKey(reference)); }
 
-std::string describe(const DataSet& s) {
-    return std::string(s.iedName) + "|" + s.name + "|" + s.ldInst + "|" + s.desc;
-}
+std::string describe(const DataSet& s) { return joined("|", s.iedName, s.name, s.ldInst, s.desc); }
 
 std::string describe(const DataSetSub& s) {
-    return std::string(s.fcdaName) + "|" + s.iedName + "|" + s.dsName + "|" + s.ldInst + "|" +
-           s.lnClass + "|" + s.lnInst + "|" + s.doName + "|" + s.daName + "|" + s.fc;
+    return joined("|", s.fcdaName, s.iedName, s.dsName, s.ldInst, s.lnClass, s.lnInst, s.doName, s.daName, s.fc);
 }
 
 std::string describe(const DA& d) {
-    return std::string(d.daName) + "|" + d.iedName + "|" + d.ldName + "|" + d.lnName + "|" +
-           d.doName + "|" + d.fcName + "|" + d.value + "|" + d.valueType + "|" + d.doDesc;
+    return joined("|", d.daName, d.iedName, d.ldName, d.lnName, d.doName, d.fcName, d.value, d.valueType, d.doDesc);
 }
 
 // The rows of tests/data/model_store.sql.

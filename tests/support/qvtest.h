@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,15 @@ Record filledRecord(unsigned char byte) {
     Record record;
     std::memset(&record, byte, sizeof record);
     return record;
+}
+
+// The fields of a record as one text, `separator` between them.
+template <typename... Fields>
+std::string joined(const char* separator, const Fields&... fields) {
+    std::ostringstream text;
+    const char* between = "";
+    ((text << between << fields, between = separator), ...);
+    return text.str();
 }
 
 // Removes a store file and its journals.
