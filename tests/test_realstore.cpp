@@ -302,9 +302,6 @@ TEST(RealStoreFull, EveryKindOfWriteFailsWholeWithTheCauseAndWorksOnceThereIsRoo
         freshConfStore();
         execSqlFile(confDbPath(), sourcePath("samples/conf_sample.sql"));
         execSqlFile(realDbPath(), dataPath("fault_rows.sql"));
-        for (const auto& member : query(realDbPath(), "select fcdaName from DataSetSub"))
-            addValueRow(member[0]);
-        addValueRow(kRef);
         ASSERT_EQ(zq_openRealDB() | zq_openConfDB(), 0);
         const Rows before = allRows();
         dir.fill();
