@@ -3,7 +3,7 @@
 #ifndef QV_INTERNAL_QVCONF_INTERNAL_H
 #define QV_INTERNAL_QVCONF_INTERNAL_H
 
-#include "qvconf.h"
+struct ProcessMsgAssociation;
 
 // The routes of a sender, at most `capacity` of them, so that routes added
 // since the count cannot overrun the caller's table.

@@ -3,8 +3,6 @@
 #ifndef QV_INTERNAL_QVMESSAGE_INTERNAL_H
 #define QV_INTERNAL_QVMESSAGE_INTERNAL_H
 
-#include "qvmessage.h"
-
 // Fills processdir (len bytes) with the executable's directory, ending in
 // "/", and processname (128 bytes) with the process name: the executable's
 // file name and each argument after one blank, at most 127 bytes.
