@@ -26,6 +26,7 @@
 #ifndef QVADDIED_H
 #define QVADDIED_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus
@@ -43,8 +44,7 @@ typedef enum DA_CONF_TYPE {
     SHU_ZI_SHU_CHU_LIANG = 6      /* digital output */
 } DA_CONF_TYPE;
 
-/* cid_file is only read. */
-QV_API int zq_addIEDRealDB(char* cid_file);
+QV_API int zq_addIEDRealDB(const char* cid_file);
 
 /* The same load restricted to the IED named iedName (the file's data type
  * templates are shared by all its IEDs); -2 when the file has no IED of that

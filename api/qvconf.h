@@ -29,6 +29,7 @@
 #ifndef QVCONF_H
 #define QVCONF_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus

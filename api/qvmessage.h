@@ -10,6 +10,7 @@
 
 #include <stddef.h>
 
+#include "qverror.h"
 #include "qvexport.h"
 #include "qvconf.h"
 
@@ -261,6 +262,11 @@ typedef void (*funptr)(LPMSGINFO);
  * send returns 0 and delivers nothing: there are no routes. A name that
  * ProcessConfig lacks fails the call with -1. */
 QV_API int zq_publisherMsg(void);
+
+/* The name under which this process is known in ProcessConfig, used by zq_publisherMsg and the
+   subscribers instead of the name taken from /proc/self. NULL or "" goes back to that name.
+   0, or -1 for a name longer than the field. Call it before zq_publisherMsg. */
+QV_API int zq_setProcessName(const char* name);
 /* A subscriber raises its queue's capacity to 1000 records; when the system
  * does not allow that, it says once on standard error what it got. */
 QV_API int zq_subscriberMsg_sync(funptr callback);

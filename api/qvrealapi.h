@@ -40,6 +40,7 @@
 #ifndef QVREALAPI_H
 #define QVREALAPI_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus

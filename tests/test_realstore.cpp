@@ -141,10 +141,12 @@ TEST(RealStoreConnection, ClosedFailedReopenedAndNullArguments) {
               "zq_saveIntDAValueValue1: the real-time store is not open (call zq_openRealDB first)\n"
               "zq_getIntDAValue1: the real-time store is not open (call zq_openRealDB first)\n");
     EXPECT_EQ(i, 5);
-    // Without the model tables the open fails, leaving nothing half-open.
+    // Without a store the open fails, leaving nothing half-open nor a file made.
     CaptureStderr();
     EXPECT_EQ(zq_openRealDB(), -1);
-    EXPECT_EQ(GetCapturedStderr(), "sqlite3_prepare_v2 err no such table: DAValue\n");
+    EXPECT_EQ(GetCapturedStderr(),
+              "zq_openRealDB: " + realDbPath() + " does not exist: create it with qvtool init\n");
+    EXPECT_NE(access(realDbPath().c_str(), F_OK), 0);
     freshRealStore();
     ASSERT_EQ(zq_openRealDB(), 0);
     addValueRow(kRef, 4.0);
@@ -265,7 +267,7 @@ TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
         const char *realCause, *confCause;
     } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n",
                   "sqlite3_prepare_v2 err file is not a database\n"},
-                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: DAValue\n",
+                 {Damage::Empty, -1, "has no model tables: create it with qvtool init\n",
                   "sqlite3_prepare_v2 err no such table: ProcessConfig\n"},
                  {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n",
                   "sqlite3_step err attempt to write a readonly database\n"}};
