@@ -216,6 +216,7 @@ TEST(RealStoreFull, ABulkSaveOnAFullFileSystemFailsWholeWithTheCause) {
     EXPECT_EQ(zq_saveDAValues(names.data(), values.data(), kRows), -1);
     const std::string err = GetCapturedStderr();
     EXPECT_THAT(err, HasSubstr("database or disk is full"));
+    EXPECT_EQ(zq_lastErrorCode(), QV_ERR_FULL);
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_EQ(storeLockValue(), 1);
     EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DAValue where value<>0"), 0);
@@ -265,12 +266,13 @@ TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
         Damage damage;
         int opened;
         const char *realCause, *confCause;
+        int code;  // of the last, the configuration store's, failure
     } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n",
-                  "sqlite3_prepare_v2 err file is not a database\n"},
+                  "sqlite3_prepare_v2 err file is not a database\n", QV_ERR_CORRUPT},
                  {Damage::Empty, -1, "has no model tables: create it with qvtool init\n",
-                  "sqlite3_prepare_v2 err no such table: ProcessConfig\n"},
+                  "sqlite3_prepare_v2 err no such table: ProcessConfig\n", QV_ERR_CORRUPT},
                  {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n",
-                  "sqlite3_step err attempt to write a readonly database\n"}};
+                  "sqlite3_step err attempt to write a readonly database\n", QV_ERR_PERMISSION}};
     const ProcessMisc update{"port", "2405", "moved port"};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.realCause);
@@ -296,6 +298,7 @@ TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
         EXPECT_EQ(zq_getAllProcessConfigsNum(&processes), c.opened);
         EXPECT_EQ(processes, c.opened == 0 ? 4 : 0);
         EXPECT_EQ(zq_setProcessMiscValue("qv104 -p 2404", "port", &update), -1);
+        EXPECT_EQ(zq_lastErrorCode(), c.code);
         EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.confCause));
         zq_closeRealDB();
         zq_closeConfDB();
