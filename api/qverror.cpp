@@ -58,15 +58,23 @@ void report(int code, const char* message) {
     deliver(code, message, stderr);
 }
 
+// A failure in printf form: reported, or only set when it prints no line.
+void recordFailure(int code, bool printed, const char* format, va_list args) {
+    char message[kLineSize];
+    std::vsnprintf(message, sizeof message, format, args);
+    if (printed)
+        report(code, message);
+    else
+        setLast(code, message);
+}
+
 }  // namespace
 
 void failure(int code, const char* format, ...) {
-    char message[kLineSize];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(message, sizeof message, format, args);
+    recordFailure(code, true, format, args);
     va_end(args);
-    report(code, message);
 }
 
 void sqliteFailure(sqlite3* db, const char* format) {
@@ -85,12 +93,10 @@ void systemFailure(const char* text) {
 }
 
 void silentFailure(int code, const char* format, ...) {
-    char message[kLineSize];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(message, sizeof message, format, args);
+    recordFailure(code, false, format, args);
     va_end(args);
-    setLast(code, message);
 }
 
 void notice(int code, bool toStdout, const char* format, ...) {
