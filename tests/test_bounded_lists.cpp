@@ -1,8 +1,6 @@
 // Bounded lists: rows that another process adds between the count and the
 // fetch never overrun the caller's array. One table row per list; every row
 // runs the same check. Data-set values follow the order of the member list.
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <functional>
 #include <string>
@@ -45,8 +43,7 @@ private:
 
 struct BoundedListCase {
     const char* name;
-    std::string store;       // where the other process adds rows
-    std::string addTwoRows;  // SQL adding two rows that the list matches
+    std::string store;  // where another process adds two rows that the list matches
     std::size_t elementSize;
     std::function<int(int*)> count;
     std::function<int(GuardedArray&, int*)> list;  // without a limit
@@ -67,73 +64,51 @@ const char* const n = nullptr;  // no filter
 const std::string real = realDbPath();
 const std::string conf = confDbPath();
 
-// Members of IED1's data set dsV with the values n and the qualities 10 n.
-std::string valueMembers(std::initializer_list<int> numbers) {
-    std::string sql;
-    for (int number : numbers) {
-        const std::string reference = "IED1LD0/GGIO1$ST$Ind" + std::to_string(number) + "$stVal";
-        sql += "insert into DataSetSub(fcdaName,iedName,dsName) values('" + reference +
-               "','IED1','dsV'); insert into DAValue values(" +
-               std::to_string(rowKey(reference)) + ",1," + std::to_string(number) + "," +
-               std::to_string(10 * number) + ",0);";
-    }
-    return sql;
+// The rows that another process adds for a list (its name) after the count.
+std::string addedRows(const std::string& list) {
+    const std::string text = fileText(dataPath("bounded_lists_added.sql"));
+    const std::string title = "\n-- " + list + "\n";
+    const size_t at = text.find(title), start = at + title.size();
+    EXPECT_NE(at, std::string::npos) << list;
+    return text.substr(start, text.find("\n-- ", start) - start);
 }
 
 const BoundedListCase kLists[] = {
-    {"data sets", real,
-     "insert into DataSet values('IED2','dsC','LD0','c'),('IED2','dsD','LD0','d')",
-     RECORD_LIST(DataSet, zq_getAllDataSetsNum, zq_getAllDataSets)},
-    {"data set members", real, valueMembers({5, 7}),
+    {"data sets", real, RECORD_LIST(DataSet, zq_getAllDataSetsNum, zq_getAllDataSets)},
+    {"data set members", real,
      RECORD_LIST(DataSetSub, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParams, "IED1",
                  "dsV", n, n, n, n, n, n)},
     {"data attributes", real,
-     "insert into DA values"
-     "('IED1LD0/MMXU1$MX$A$mag$f','IED1','LD0','MMXU1','A','MX','','FLOAT32','',3),"
-     "('IED1LD0/MMXU1$MX$V$mag$f','IED1','LD0','MMXU1','V','MX','','FLOAT32','',4)",
      RECORD_LIST(DA, zq_getDAsByParamsNum, zq_getDAsByParams, "IED1", "LD0", n, n, "MX")},
-    {"access list", real, "insert into ltu_access_list values('t','D3',3,'','',''),"
-                          "('t','D4',4,'','','')",
-     RECORD_LIST(LTUAccess, zq_getAllLTUAccessNum, zq_getAllLTUAccess)},
-    {"terminals", real, "insert into LTUInfor values(3,'','','','','LTU-3','',0,0,''),"
-                        "(4,'','','','','LTU-4','',0,0,'')",
-     RECORD_LIST(LTUInfor, zq_getAllLTUInforsNum, zq_getAllLTUInfors)},
-    {"topology", real, "insert into TopoInfor values(4,'switch','LN_X','LN_X','busX','busY',0,'',''),"
-                       "(5,'switch','LN_Y','LN_Y','busX','busY',0,'','')",
-     RECORD_LIST(TopoInfor, zq_getAllTopoInforsNum, zq_getAllTopoInfors)},
-    {"left neighbours", real, "insert into TopoInfor values(6,'switch','LN_L1','LN_L1','bus1','-',0,'',''),"
-                              "(7,'switch','LN_L2','LN_L2','bus1','-',0,'','')",
+    {"access list", real, RECORD_LIST(LTUAccess, zq_getAllLTUAccessNum, zq_getAllLTUAccess)},
+    {"terminals", real, RECORD_LIST(LTUInfor, zq_getAllLTUInforsNum, zq_getAllLTUInfors)},
+    {"topology", real, RECORD_LIST(TopoInfor, zq_getAllTopoInforsNum, zq_getAllTopoInfors)},
+    {"left neighbours", real,
      RECORD_LIST(TopoInfor, zq_getLeftTopoInforsNumByLNName, zq_getLeftTopoInforsByLNName, "LN_A")},
-    {"right neighbours", real, "insert into TopoInfor values(8,'switch','LN_R1','LN_R1','-','bus2',0,'',''),"
-                               "(9,'switch','LN_R2','LN_R2','-','bus2',0,'','')",
+    {"right neighbours", real,
      RECORD_LIST(TopoInfor, zq_getRightTopoInforsNumByLNName, zq_getRightTopoInforsByLNName,
                  "LN_A")},
-    {"processes", conf, "insert into ProcessConfig values(5,'qvx','x'),(6,'qvy','y')",
+    {"processes", conf,
      RECORD_LIST(ProcessConfig, zq_getAllProcessConfigsNum, zq_getAllProcessConfigs)},
-    {"message routes", conf, "insert into ProcessMsgAssociation values(3,4,1),(3,1,2)",
+    {"message routes", conf,
      RECORD_LIST(ProcessMsgAssociation, zq_getProcessMsgAssociationsNum,
                  zq_getProcessMsgAssociations, "qvctrl")},
-    {"device points", conf, "insert into DeviceModelAssociation values('dx',1,6,1,'d',0),"
-                            "('dy',1,6,2,'d',0)",
+    {"device points", conf,
      RECORD_LIST(DeviceModelAssociation, zq_getAllDeviceModelAssociationsNum,
                  zq_getAllDeviceModelAssociations)},
-    {"device points of a type", conf, "insert into DeviceModelAssociation values"
-                                      "('dz',1,2,3,'d',0),('dw',1,2,4,'d',0)",
+    {"device points of a type", conf,
      RECORD_LIST(DeviceModelAssociation, zq_getDeviceModelAssociationsByTypeNum,
                  zq_getDeviceModelAssociationsByType, 2)},
-    {"device points of a type and index", conf, "insert into DeviceModelAssociation values"
-                                                "('dv',3,2,1,'d',0),('du',4,2,1,'d',0)",
+    {"device points of a type and index", conf,
      RECORD_LIST(DeviceModelAssociation, zq_getDeviceModelAssociationsByTypeIndexNum,
                  zq_getDeviceModelAssociationsByTypeIndex, 2, 1)},
-    {"process points", conf, "insert into ProcessDataAssociation values(1,'P1',5,1,'d',1),"
-                             "(1,'P2',5,2,'d',1)",
+    {"process points", conf,
      RECORD_LIST(ProcessDataAssociation, zq_getAllProcessDataAssociationsNum,
                  zq_getAllProcessDataAssociations, "qvacq")},
-    {"process points of a type", conf, "insert into ProcessDataAssociation values"
-                                       "(1,'P3',2,3,'d',1),(1,'P4',2,4,'d',1)",
+    {"process points of a type", conf,
      RECORD_LIST(ProcessDataAssociation, zq_getProcessDataAssociationsByTypeNum,
                  zq_getProcessDataAssociationsByType, "qvacq", 2)},
-    {"data set values", real, valueMembers({2, 6}), sizeof(double),
+    {"data set values", real, sizeof(double),
      [](int* c) { return zq_getDataSetSubsByParamsNum("IED1", "dsV", n, n, n, n, n, n, c); },
      [](GuardedArray& a, int* c) { return zq_getDAValuesByDataSet("IED1", "dsV", a.as<double>(), c); },
      [](GuardedArray& a, int capacity, int* c) {
@@ -141,15 +116,9 @@ const BoundedListCase kLists[] = {
      }},
 };
 
-// Another process, on a connection of its own, adds rows.
-void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& sql) {
-    ASSERT_EQ(runInChild([&] {
-        sqlite3* db = nullptr;
-        int rc = sqlite3_open(dbPath.c_str(), &db);
-        if (rc == SQLITE_OK) rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
-        sqlite3_close(db);
-        return rc;
-    }), SQLITE_OK) << sql;
+// Another process, on a connection of its own, adds the rows for a list.
+void addRowsFromAnotherProcess(const std::string& dbPath, const std::string& list) {
+    ASSERT_EQ(runInChild([&] { return execSql(dbPath, addedRows(list)) ? 0 : 1; }), 0) << list;
 }
 
 // Two or more rows for every list, in both stores, opened by the library.
@@ -174,7 +143,7 @@ TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
         int counted = -1, now = -1, delivered = -1;
         ASSERT_EQ(c.count(&counted), 0);
         ASSERT_GE(counted, 2);
-        addRowsFromAnotherProcess(c.store, c.addTwoRows);
+        addRowsFromAnotherProcess(c.store, c.name);
         ASSERT_EQ(c.count(&now), 0);
         ASSERT_EQ(now, counted + 2);
         GuardedArray whole(c.elementSize, now);  // the list without a limit
@@ -199,7 +168,7 @@ TEST_F(BoundedLists, RowsAddedAfterTheCountStayOutOfTheArray) {
 TEST_F(BoundedLists, DataSetValuesWithQualitiesFollowTheMemberList) {
     std::vector<double> values(3), all(5);  // on the heap, exactly sized, for the sanitizer
     std::vector<int> qualities(3);
-    addRowsFromAnotherProcess(realDbPath(), valueMembers({2, 6}));
+    addRowsFromAnotherProcess(realDbPath(), "data set values");
     int written = -1, listed = -1;
     EXPECT_EQ(zq_getDAValues1ByDataSetN("IED1", "dsV", values.data(), qualities.data(), 3, &written), 1);
     EXPECT_EQ(written, 3);

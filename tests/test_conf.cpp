@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,7 @@
 #include "qvtest.h"
 
 using qvtest::confDbPath;
+using qvtest::joined;
 using Texts = std::vector<std::string>;
 using testing::Each;
 using testing::ElementsAre;
@@ -39,22 +39,15 @@ bool untouched(const Record& record) {
     return std::memcmp(&record, &pattern, sizeof record) == 0;
 }
 
-// A record's fields as text, separated by blanks.
-template <typename... Fields>
-std::string joined(const Fields&... fields) {
-    std::ostringstream text;
-    ((text << fields << ' '), ...);
-    const std::string result = text.str();
-    return result.substr(0, result.size() - 1);
+std::string describe(const ProcessConfig& p) { return joined(" ", p.processName, p.processDescribe); }
+std::string describe(const ProcessMsgAssociation& r) {
+    return joined(" ", r.sendProcessNo, r.recvProcessNo, r.msgType);
 }
-
-std::string describe(const ProcessConfig& p) { return joined(p.processName, p.processDescribe); }
-std::string describe(const ProcessMsgAssociation& r) { return joined(r.sendProcessNo, r.recvProcessNo, r.msgType); }
 std::string describe(const DeviceModelAssociation& a) {
-    return joined(a.associateName, a.lineNo, a.dataType, a.dataIndex, a.daName, a.type);
+    return joined(" ", a.associateName, a.lineNo, a.dataType, a.dataIndex, a.daName, a.type);
 }
 std::string describe(const ProcessDataAssociation& a) {
-    return joined(a.associateName, a.dataType, a.dataIndex, a.daName, a.scaleNo);
+    return joined(" ", a.associateName, a.dataType, a.dataIndex, a.daName, a.scaleNo);
 }
 
 // The rows a query fetched into `rows`, as texts; the query must succeed.
@@ -100,7 +93,7 @@ TEST_F(ConfStore, ProcessesRoutesAndScales) {
     EXPECT_EQ(counted(zq_getScaleConfigsNum), "0/3");
     ScaleConfig scale = patterned<ScaleConfig>();
     ASSERT_EQ(zq_getScaleConfig(2, &scale), 0);
-    EXPECT_EQ(joined(scale.name, scale.maxValue, scale.minValue, scale.userMaxValue,
+    EXPECT_EQ(joined(" ", scale.name, scale.maxValue, scale.minValue, scale.userMaxValue,
                      scale.userMinValue),
               "phase voltage 65535 0 13.2 0");
 
@@ -183,7 +176,7 @@ TEST_F(ConfStore, ASettingWrittenByAnotherProcessIsReadAndEachTextStopsAtItsFiel
     ASSERT_EQ(zq_openConfDB(), 0);
     ProcessMisc misc{};
     ASSERT_EQ(zq_getProcessMiscValue("qv104 -p 2404", "port", &misc), 0);
-    EXPECT_EQ(joined(misc.key, misc.value, misc.describe), "port 2405 moved port");
+    EXPECT_EQ(joined(" ", misc.key, misc.value, misc.describe), "port 2405 moved port");
 
     // A missing key: the write changes nothing, the read leaves the record alone.
     const qvtest::Rows before = qvtest::query(confDbPath(), "select * from ProcessMisc");
@@ -202,13 +195,7 @@ TEST_F(ConfStore, ASettingWrittenByAnotherProcessIsReadAndEachTextStopsAtItsFiel
 }
 
 TEST_F(ConfStore, LongTextsAreCutAndNullTextsAreEmpty) {
-    qvtest::execSql(confDbPath(),
-                    "create table P2 (no integer, processName text, processDescribe text);"
-                    "drop table ProcessConfig; alter table P2 rename to ProcessConfig;"
-                    "insert into ProcessConfig values (1, NULL, NULL),"
-                    " (2, 'qvlong', '" + std::string(300, 'd') + "');"
-                    "update ProcessMisc set value = '" + std::string(2000, 'v') +
-                    "' where key='t1'");
+    qvtest::execSqlFile(confDbPath(), qvtest::dataPath("long_process_texts.sql"));
     ProcessConfig processes[2];
     EXPECT_THAT(fetched(zq_getAllProcessConfigs, processes),
                 ElementsAre(" ", "qvlong " + std::string(127, 'd')));

@@ -29,18 +29,14 @@ const char* const kNoRow = "IED1LD0/MMXU1$MX$Nope$mag$f";
 
 std::string key(const char* reference) { return std::to_string(rowKey(reference)); }
 
-std::string describe(const DataSet& s) {
-    return std::string(s.iedName) + "|" + s.name + "|" + s.ldInst + "|" + s.desc;
-}
+std::string describe(const DataSet& s) { return joined("|", s.iedName, s.name, s.ldInst, s.desc); }
 
 std::string describe(const DataSetSub& s) {
-    return std::string(s.fcdaName) + "|" + s.iedName + "|" + s.dsName + "|" + s.ldInst + "|" +
-           s.lnClass + "|" + s.lnInst + "|" + s.doName + "|" + s.daName + "|" + s.fc;
+    return joined("|", s.fcdaName, s.iedName, s.dsName, s.ldInst, s.lnClass, s.lnInst, s.doName, s.daName, s.fc);
 }
 
 std::string describe(const DA& d) {
-    return std::string(d.daName) + "|" + d.iedName + "|" + d.ldName + "|" + d.lnName + "|" +
-           d.doName + "|" + d.fcName + "|" + d.value + "|" + d.valueType + "|" + d.doDesc;
+    return joined("|", d.daName, d.iedName, d.ldName, d.lnName, d.doName, d.fcName, d.value, d.valueType, d.doDesc);
 }
 
 // The rows of tests/data/model_store.sql.
@@ -140,10 +136,7 @@ TEST_F(ModelStore, LookupsByNameFindOnlyTheExactRow) {
 
 TEST_F(ModelStore, LongAndNullTextsAreCutToTheirFields) {
     const std::string longText(300, 'x');
-    execSql(realDbPath(), "drop table DataSetSub; create table DataSetSub(fcdaName,iedName,dsName,"
-                          "ldInst,lnClass,lnInst,doName,daName,fc); insert into DataSetSub values('" +
-                              longText + "','" + longText + "','dsL',NULL,'ABCDEFG','123456789',"
-                              "'Do','Da','MXY')");
+    execSqlFile(realDbPath(), dataPath("long_member_texts.sql"));
     auto sub = filledRecord<DataSetSub>('z');
     int count = 0;
     ASSERT_EQ(zq_getDataSetSubsByParams(n, "dsL", n, n, n, n, n, n, &sub, &count), 0);
@@ -222,9 +215,7 @@ TEST_F(ModelStore, ValueListsSaveAndReadBack) {
 TEST_F(ModelStore, ASaveWithAFailingElementWritesNothing) {
     // The second element fails: the whole list is rolled back and the save
     // fails with one line carrying SQLite's reason.
-    execSql(realDbPath(),
-            "create trigger refuse before update on DAValue when new.value=666"
-            " begin select raise(abort, 'refused'); end");
+    execSqlFile(realDbPath(), dataPath("refusing_triggers.sql"));
     const auto names = nameRows({kTotW1, kHz1, kInd1});
     const double values[] = {1, 666, 3};
     const int qualities[] = {1, 2, 3};

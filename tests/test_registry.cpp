@@ -185,10 +185,7 @@ TEST_F(Registry, UnterminatedFieldsAreStoredUpToTheirEnds) {
 }
 
 TEST_F(Registry, ABatchStopsAtTheRefusedRecord) {
-    execSql(realDbPath(),
-            "create trigger r1 before insert on LTUInfor when new.name='bad'"
-            " begin select raise(abort, 'refused'); end; create trigger r2 before insert on"
-            " TopoInfor when new.m_rln='bad' begin select raise(abort, 'refused'); end");
+    execSqlFile(realDbPath(), dataPath("refusing_triggers.sql"));
     const LTUInfor terminals[] = {terminal(1, "t1"), terminal(2, "bad"), terminal(3, "t3")};
     const TopoInfor nodes[] = {node(1, "LN_A", "a", "x", "y"), node(2, "bad", "b", "x", "y")};
     EXPECT_EQ(zq_addLTUInfors(nullptr, -1), 0);
@@ -218,29 +215,32 @@ TEST_F(Registry, LookupsByStateAndIdAnnounceABusyStore) {
     EXPECT_TRUE(sameBytes(found, t));
 }
 
-// A closed store refuses before it touches anything.
+// A closed store refuses before it touches anything: every family of the
+// real-time store, reads and writes.
 TEST(ClosedRealStore, OperationsFailAndLeaveTheOutputs) {
     zq_closeRealDB();
-    int count = 7;
+    int count = 7, quality = 7;
     TopoInfor nodes[1] = {};
     DaNameRow name = "IED1LD0/MMXU1$MX$TotW$mag$f";
     double value = -1;
-    CaptureStderr();
-    EXPECT_EQ(zq_getAllLTUAccessNum(&count), -1);
-    EXPECT_EQ(zq_getLeftTopoInforsByLNName("LN_A", nodes, &count), -1);
-    EXPECT_EQ(zq_addTopoInfors(nodes, 1), -1);
-    EXPECT_EQ(zq_getAllDataSetsNum(&count), -1);
-    EXPECT_EQ(zq_saveDAValues(&name, &value, 1), -1);
-    EXPECT_EQ(zq_getDAValuesByDataSet("IED1", "dsA", &value, &count), -1);
+    const std::pair<const char*, std::function<int()>> operations[] = {
+        {"zq_saveIntDAValueValue1", [&] { return zq_saveIntDAValueValue1(name, 1, 1); }},
+        {"zq_getIntDAValue1", [&] { return zq_getIntDAValue1(name, &count, &quality); }},
+        {"zq_getAllLTUAccessNum", [&] { return zq_getAllLTUAccessNum(&count); }},
+        {"zq_getLeftTopoInforsByLNName", [&] { return zq_getLeftTopoInforsByLNName("LN_A", nodes, &count); }},
+        {"zq_addTopoInfors", [&] { return zq_addTopoInfors(nodes, 1); }},
+        {"zq_getAllDataSetsNum", [&] { return zq_getAllDataSetsNum(&count); }},
+        {"zq_saveDAValues", [&] { return zq_saveDAValues(&name, &value, 1); }},
+        {"zq_getDAValuesByDataSet", [&] { return zq_getDAValuesByDataSet("IED1", "dsA", &value, &count); }},
+    };
     std::string expected;
-    for (const char* operation : {"zq_getAllLTUAccessNum", "zq_getLeftTopoInforsByLNName",
-                                  "zq_addTopoInfors", "zq_getAllDataSetsNum", "zq_saveDAValues",
-                                  "zq_getDAValuesByDataSet"})
-        expected += std::string(operation) +
-                    ": the real-time store is not open (call zq_openRealDB first)\n";
+    CaptureStderr();
+    for (const auto& [operation, call] : operations) {
+        EXPECT_EQ(call(), -1) << operation;
+        expected += std::string(operation) + ": the real-time store is not open (call zq_openRealDB first)\n";
+    }
     EXPECT_EQ(GetCapturedStderr(), expected);
-    EXPECT_EQ(count, 7);
-    EXPECT_EQ(value, -1);
+    EXPECT_TRUE(count == 7 && quality == 7 && value == -1);
     EXPECT_EQ(storeLockValue(), 1);
 }
 
@@ -277,9 +277,7 @@ TEST_F(Topology, HostileNamesAreOnlyNames) {
     const std::string longText(1000, 'L');
     const LTUInfor t = terminal(1, "LTU-A", 5);
     ASSERT_EQ(zq_addLTUInfor(&t), 0);
-    execSql(realDbPath(), "insert into LTUInfor values(2,'','','','','" + longText + "','',0,9,'" +
-                              longText + "'); insert into TopoInfor values(8,'" + longText + "','" +
-                              longText + "','n','" + longText + "','r',0,'" + longText + "','s')");
+    execSqlFile(realDbPath(), dataPath("long_registry_names.sql"));  // texts of 1000 L's
     int state = -1;
     ASSERT_EQ(zq_getLTUInforStateByName(longText.c_str(), &state), 0);
     EXPECT_EQ(state, 9);
@@ -305,9 +303,7 @@ TEST_F(Topology, HostileNamesAreOnlyNames) {
 
 TEST_F(Topology, FailuresReportAndFreeTheLock) {
     // A view whose third row cannot be computed.
-    execSql(realDbPath(), "alter table TopoInfor rename to Nodes;"
-                          "create view TopoInfor as select * from Nodes where case when id>2 and"
-                          " l_link='bus1' then abs(-9223372036854775808) else 1 end");
+    execSqlFile(realDbPath(), dataPath("failing_topology_view.sql"));
     std::vector<TopoInfor> nodes(4);
     int count = 42;
     CaptureStderr();

@@ -183,6 +183,9 @@ long long valueOf(const std::string& reference) {
                                       std::to_string(qvtest::rowKey(reference)));
 }
 
+// Processes asleep on the store lock.
+int lockSleepers() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETNCNT); }
+
 class Stress : public testing::Test {
 protected:
     void SetUp() override {
@@ -250,9 +253,11 @@ TEST_F(Stress, NineProcessesLoseNoUpdateReadNothingTornAndLoadsLandWholeOrNotAtA
 
 // A save and four processes that increment a value under the store lock on
 // connections of their own wait while another process holds the lock, and go
-// on as soon as the holder is killed: the lock dies with its holder. Without
-// exclusion among the incrementers, increments get lost.
-TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
+// on as soon as the holder is killed: the lock dies with its holder. The
+// saver gets signals while it waits, through a handler without SA_RESTART
+// (stopFlag counts them): it waits on and saves once, under the lock.
+// Without exclusion among the incrementers, increments get lost.
+TEST_F(Stress, LockedWorkWaitsThroughSignalsGoesOnWhenTheHolderIsKilledAndLosesNothing) {
     const std::string counter = ref(0, 'n'), incremented = ref(1, 'n');
     const int kIncrements = 150;
     const size_t holder = start([] {
@@ -261,9 +266,20 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
         return true;
     });
     ASSERT_TRUE(qvtest::eventually([] { return qvtest::storeLockValue() == 0; }));
-    start([&counter] { return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0; });
+    const size_t saver = start([&counter] {
+        struct sigaction action {};
+        action.sa_handler = [](int) { stopFlag->fetch_add(1); };
+        sigaction(SIGUSR1, &action, nullptr);
+        return zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0;
+    });
     const long long key = qvtest::rowKey(incremented);
     for (int c = 0; c < 4; ++c) start([key] { return incrementUnderStoreLock(key, kIncrements); });
+    for (int signals = 1; signals <= 5; ++signals) {
+        ASSERT_TRUE(qvtest::eventually([] { return lockSleepers() == 5; }));
+        children_[saver]->signal(SIGUSR1);
+        ASSERT_TRUE(qvtest::eventually([signals] { return stopFlag->load() == signals; }));
+    }
+    EXPECT_TRUE(qvtest::eventually([] { return lockSleepers() == 5; }));
     usleep(300000);
     for (size_t i = holder + 1; i < children_.size(); ++i)
         EXPECT_TRUE(children_[i]->running()) << "child " << i << " did not wait";
@@ -277,47 +293,7 @@ TEST_F(Stress, LockedWorkWaitsForTheHolderGoesOnWhenItIsKilledAndLosesNothing) {
     EXPECT_EQ(qvtest::storeLockValue(), 1);
 }
 
-// ---- Faults around the store lock: signals, kills, a removed set --------------
-
-namespace {
-
-int lockSleepers() { return semctl(semget(QV_SEM_KEY, 1, 0666), 0, GETNCNT); }
-
-// Takes (-1) or gives back (+1) the store lock directly, as any process may.
-bool moveLock(short by) {
-    sembuf op{0, by, SEM_UNDO};
-    return semop(semget(QV_SEM_KEY, 1, 0666), &op, 1) == 0;
-}
-
-}  // namespace
-
-// A process waiting for the store lock gets signals through a handler without
-// SA_RESTART (stopFlag counts them): its save waits on, runs once the holder
-// lets go, and succeeds.
-TEST_F(Stress, ASaveInterruptedBySignalsWhileWaitingStillRunsUnderTheLock) {
-    const std::string counter = ref(0, 'n');
-    initRealSem();
-    ASSERT_TRUE(moveLock(-1));
-    qvtest::Child waiter([&counter] {
-        struct sigaction action {};
-        action.sa_handler = [](int) { stopFlag->fetch_add(1); };
-        sigaction(SIGUSR1, &action, nullptr);
-        return zq_openRealDB() == 0 && zq_saveDoubDAValue1(counter.c_str(), 7, 1) == 0 ? 0 : 1;
-    });
-    for (int signals = 1; signals <= 5; ++signals) {
-        ASSERT_TRUE(qvtest::eventually([] { return lockSleepers() == 1; }));
-        waiter.signal(SIGUSR1);
-        ASSERT_TRUE(qvtest::eventually([signals] { return stopFlag->load() == signals; }));
-    }
-    EXPECT_TRUE(qvtest::eventually([] { return lockSleepers() == 1; }));
-    usleep(100000);
-    EXPECT_TRUE(waiter.running());
-    EXPECT_EQ(valueOf(counter), 0);
-    ASSERT_TRUE(moveLock(+1));
-    EXPECT_EQ(waiter.wait(), 0);
-    EXPECT_EQ(valueOf(counter), 7);
-    EXPECT_EQ(qvtest::storeLockValue(), 1);
-}
+// ---- Faults around the store lock: kills, a removed set -------------------------
 
 // Writers killed with SIGKILL at random moments while they save a long list
 // again and again (stopFlag says that one save landed): every save lands

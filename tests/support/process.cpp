@@ -80,14 +80,10 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 Spawn::Spawn(const std::string& program, const std::vector<std::string>& arguments, Options options)
     : limitMs_(options.limitMs) {
     std::signal(SIGPIPE, SIG_IGN);  // a program that died fails the test, not the binary
-    const std::string* files[] = {&options.in, &options.out, &options.err};
     int childEnds[3] = {-1, -1, -1};
     for (int fd = 0; fd < 3; ++fd) {
         int ends[2] = {-1, -1};
-        if (!files[fd]->empty()) {
-            const int flags = (fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC) | O_CLOEXEC;
-            childEnds[fd] = open(files[fd]->c_str(), flags, 0644);
-        } else if (pipe2(ends, O_CLOEXEC) == 0) {
+        if (pipe2(ends, O_CLOEXEC) == 0) {
             childEnds[fd] = ends[fd == 0 ? 0 : 1];
             fds_[fd] = ends[fd == 0 ? 1 : 0];
         }

@@ -27,7 +27,6 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    pid_t pid() const { return pid_; }
     bool running();
     // The child's exit code once it ends; -1 when a signal ended it or it was
     // still running after timeoutMs (it is killed then).
@@ -52,13 +51,12 @@ int runInChild(const std::function<int()>& body, int timeoutMs = 30000);
 struct SpawnOptions {
     std::string argv0;                 // the program's path when empty
     std::vector<std::string> env;      // NAME=value, over this process's environment
-    std::string in, out, err;          // a file, or a pipe when empty
     int limitMs = 30000;
     std::function<void()> beforeExec;  // runs in the child just before exec
 };
 
 // A program run in a child process. Each standard stream is a pipe to this
-// process, or the file named for it. Every wait on the program (a read, its
+// process. Every wait on the program (a read, its
 // end) gives up after limitMs, and a program still running then is killed,
 // as it is when the object goes.
 class Spawn {
@@ -76,7 +74,6 @@ public:
     Spawn(const Spawn&) = delete;
     Spawn& operator=(const Spawn&) = delete;
 
-    pid_t pid() const { return child_->pid(); }
     bool write(const void* data, size_t size);
     // Reads from the stdout (1) or stderr (2) pipe until size bytes came, the
     // pipe ended or stayed silent for the time limit: the bytes read.

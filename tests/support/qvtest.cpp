@@ -54,15 +54,17 @@ sqlite3* openOrFail(const std::string& dbPath) {
 
 }  // namespace
 
-void execSql(const std::string& dbPath, const std::string& sql) {
+bool execSql(const std::string& dbPath, const std::string& sql) {
     sqlite3* db = openOrFail(dbPath);
     char* error = nullptr;
-    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+    const bool ran = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) == SQLITE_OK;
+    if (!ran) {
         ADD_FAILURE() << "SQL failed on " << dbPath << ": " << (error ? error : "?") << "\n"
                       << sql;
     }
     sqlite3_free(error);
     sqlite3_close(db);
+    return ran;
 }
 
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile) {

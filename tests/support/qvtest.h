@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,10 @@ std::string dataPath(const std::string& name);        // a file of tests/data
 std::string storeFile(const std::string& name);       // a file beside the test stores
 std::string fileText(const std::string& path);
 
-// Runs SQL (one or more statements) on a database file; fails the test on error.
-// The SQL may call rowkey(reference): the row key of a DA reference.
-void execSql(const std::string& dbPath, const std::string& sql);
+// Runs SQL (one or more statements) on a database file; fails the test on error
+// and says whether it ran. The SQL may call rowkey(reference): the row key of
+// a DA reference.
+bool execSql(const std::string& dbPath, const std::string& sql);
 void execSqlFile(const std::string& dbPath, const std::string& sqlFile);
 
 // Every row of a query, each column as text ("NULL" for a NULL column).
@@ -56,6 +58,15 @@ Record filledRecord(unsigned char byte) {
     Record record;
     std::memset(&record, byte, sizeof record);
     return record;
+}
+
+// The fields of a record as one text, `separator` between them.
+template <typename... Fields>
+std::string joined(const char* separator, const Fields&... fields) {
+    std::ostringstream text;
+    const char* between = "";
+    ((text << between << fields, between = separator), ...);
+    return text.str();
 }
 
 // Removes a store file and its journals.
