@@ -240,8 +240,9 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
         std::snprintf(reason, sizeof reason, "stayed full for %lld ms",
                       static_cast<long long>(kFullQueuePatience.count()));
     }
-    qvreport::failure(QV_ERR_FULL, "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
-                 receiver, reason, kind);
+    qvreport::failure(QV_ERR_FULL,
+                      "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
+                      receiver, reason, kind);
 }
 
 // The receiver's queue of a route: the one kept, or opened (created when
@@ -321,14 +322,14 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
 void reportSmallCapacity(msglen_t capacity) {
     if (capacity == 0 || capacity >= kQueueCapacity || s_capacityReported.exchange(true)) return;
     qvreport::notice(QV_ERR_FULL, false,
-                 "the queue of process %d holds %lu bytes (%lu records), not the %lu bytes of "
-                 "%lu records: raise the system limit (sysctl -w kernel.msgmnb=%lu) or give the "
-                 "process CAP_SYS_RESOURCE\n",
-                 s_processNo.load(), static_cast<unsigned long>(capacity),
-                 static_cast<unsigned long>(capacity / sizeof(MSGINFO)),
-                 static_cast<unsigned long>(kQueueCapacity),
-                 static_cast<unsigned long>(kQueueRecords),
-                 static_cast<unsigned long>(kQueueCapacity));
+                     "the queue of process %d holds %lu bytes (%lu records), not the %lu bytes "
+                     "of %lu records: raise the system limit (sysctl -w kernel.msgmnb=%lu) or "
+                     "give the process CAP_SYS_RESOURCE\n",
+                     s_processNo.load(), static_cast<unsigned long>(capacity),
+                     static_cast<unsigned long>(capacity / sizeof(MSGINFO)),
+                     static_cast<unsigned long>(kQueueCapacity),
+                     static_cast<unsigned long>(kQueueRecords),
+                     static_cast<unsigned long>(kQueueCapacity));
 }
 
 // Opens (or creates) the subscriber's own queue with room for a burst.

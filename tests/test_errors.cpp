@@ -63,7 +63,8 @@ const Case kCases[] = {
      "zq_getDoubDAValue1: a required argument is null", true},
     {"store closed", [] { zq_closeRealDB(); return zq_saveDoubDAValue1(kRef, 1, 0); }, -1,
      QV_ERR_NOT_OPEN, "zq_saveDoubDAValue1: the real-time store is not open", true},
-    {"success", [] { zq_openRealDB(); return zq_getDoubDAValue1(kRef, &v, &q); }, 0, QV_OK, "", false},
+    {"success", [] { zq_openRealDB(); return zq_getDoubDAValue1(kRef, &v, &q); }, 0, QV_OK, "",
+     false},
     {"no value row", [] { return zq_getDoubDAValue1(kMissing, &v, &q); }, -1, QV_ERR_NO_ROW,
      "zq_getDoubDAValue1: no value row for ERRLD0/MMXU1$MX$None$mag$f", false},
     {"save without row", [] { return zq_saveDoubDAValue1(kMissing, 1, 0); }, 0, QV_ERR_NO_ROW,
@@ -131,7 +132,8 @@ TEST(Errors, EachThreadSeesItsOwnLastError) {
             if (zq_lastErrorCode() != code) ++wrong;
         }
     };
-    std::thread nullArguments(repeat, nullptr, QV_ERR_ARGUMENT), missingRows(repeat, kMissing, QV_ERR_NO_ROW);
+    std::thread nullArguments(repeat, nullptr, QV_ERR_ARGUMENT);
+    std::thread missingRows(repeat, kMissing, QV_ERR_NO_ROW);
     repeat(kRef, QV_OK);
     nullArguments.join();
     missingRows.join();

@@ -69,7 +69,8 @@ bool hasNoCycle(const std::vector<Type>& table, const char* kind, const Containe
         if (visits[i] != Visit::kNotYet) continue;
         const int found = findCycleFrom(static_cast<int>(i), visits, contained);
         if (found >= 0) {
-            qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" contains itself\n", kind, table[found].id);
+            qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" contains itself\n", kind,
+                              table[found].id);
             return false;
         }
     }

@@ -241,7 +241,8 @@ int readRoot(Model& model, xmlDocPtr doc) {
     }
     if (readSclChildren(model, root) != 0) return -1;
     if (model.iedFilter != nullptr && model.giedVector.empty()) {
-        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter, model.file);
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter,
+                          model.file);
         return -1;
     }
     return 0;

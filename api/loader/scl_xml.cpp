@@ -137,7 +137,7 @@ Attribute::Attribute(xmlNodePtr element, const char* name) : element_(element), 
 bool Attribute::required() const {
     if (present_) return true;
     qvreport::failure(QV_ERR_MODEL, "SCL error: %s without attribute \"%s\"\n",
-                 reinterpret_cast<const char*>(element_->name), name_);
+                      reinterpret_cast<const char*>(element_->name), name_);
     return false;
 }
 

@@ -200,8 +200,9 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
         return abandonSave();
     if (count > members) {
-        qvreport::failure(QV_ERR_ARGUMENT, "%s: %d values given, data set %.*s has %d members\n", operation,
-                     count, kEchoedNameMax, dataSetName != nullptr ? dataSetName : "", members);
+        qvreport::failure(QV_ERR_ARGUMENT, "%s: %d values given, data set %.*s has %d members\n",
+                          operation, count, kEchoedNameMax,
+                          dataSetName != nullptr ? dataSetName : "", members);
         return -1;
     }
     return 0;
