@@ -476,9 +476,9 @@ int zq_subscriberMsg_async(funptr callback) {
     return 0;
 }
 
-int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
+int zq_sendMsg(const MSGINFO* lpMsgInfo) {
     if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return 0;
-    UNIONMSG* payload = &lpMsgInfo->msgInfo;
+    const UNIONMSG* payload = &lpMsgInfo->msgInfo;
     switch (lpMsgInfo->msgType) {
         case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);
         case SOEINFO_TYPE: return zq_sendSoeMsg(&payload->soeInfo);
@@ -493,56 +493,56 @@ int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
     }
 }
 
-int zq_sendFileMsg(const LPMSGFILE msgFile) {
+int zq_sendFileMsg(const MSGFILE* msgFile) {
     return sendKind(MSGFILE_TYPE, msgFile, __func__);
 }
 
-int zq_sendSoeMsg(const LPSOEINFO soeInfo) {
+int zq_sendSoeMsg(const SOEINFO* soeInfo) {
     return sendKind(SOEINFO_TYPE, soeInfo, __func__);
 }
 
-int zq_sendDoubSoeMsg(const LPSOEINFO soeInfo) { return zq_sendSoeMsg(soeInfo); }
+int zq_sendDoubSoeMsg(const SOEINFO* soeInfo) { return zq_sendSoeMsg(soeInfo); }
 
-int zq_sendProMsg(const LPPROTECTINFO proMsg) {
+int zq_sendProMsg(const PROTECTINFO* proMsg) {
     return sendKind(PROTECTINFO_TYPE, proMsg, __func__);
 }
 
-int zq_sendSBODOSaveMsg(const LPSBODOSAVEINFO sbodoInfo) {
+int zq_sendSBODOSaveMsg(const SBODOSAVEINFO* sbodoInfo) {
     return sendKind(SBODOSAVEINFO_TYPE, sbodoInfo, __func__);
 }
 
-int zq_sendGeneralMsg(const LPGENERALMSG generalMsg) {
+int zq_sendGeneralMsg(const GENERALMSG* generalMsg) {
     return sendKind(GENERALMSG_TYPE, generalMsg, __func__);
 }
 
-int zq_sendSBOCtrlMsg(const LPSBOCTRL sboCtrlMsg) {
+int zq_sendSBOCtrlMsg(const SBOCTRL* sboCtrlMsg) {
     return sendKind(SBOCTRL_TYPE, sboCtrlMsg, __func__);
 }
 
-int zq_sendSBOCtrlRetMsg(const LPSBOCTRLRET sboCtrlRetMsg) {
+int zq_sendSBOCtrlRetMsg(const SBOCTRLRET* sboCtrlRetMsg) {
     return sendKind(SBOCTRLRET_TYPE, sboCtrlRetMsg, __func__);
 }
 
-int zq_sendDigitalOutMsg(const LPDIGITALOUT digitalOutMsg) {
+int zq_sendDigitalOutMsg(const DIGITALOUT* digitalOutMsg) {
     return sendKind(DIGITALOUT_TYPE, digitalOutMsg, __func__);
 }
 
-int zq_sendDigitalOutRetMsg(const LPDIGITALOUTRET digitalOutRetMsg) {
+int zq_sendDigitalOutRetMsg(const DIGITALOUTRET* digitalOutRetMsg) {
     return sendKind(DIGITALOUTRET_TYPE, digitalOutRetMsg, __func__);
 }
 
-int zq_sendFaultMsg(const LPFAULTINFO faultInfo) {
+int zq_sendFaultMsg(const FAULTINFO* faultInfo) {
     return sendKind(FAULTINFO_TYPE, faultInfo, __func__);
 }
 
-int zq_sendTopoMsg(const LPTOPOINFO topoInfo) {
+int zq_sendTopoMsg(const TOPOINFO* topoInfo) {
     return sendKind(TOPOINFO_TYPE, topoInfo, __func__);
 }
 
-int zq_sendRegisterMsg(const LPREGISTERINFO registerInfo) {
+int zq_sendRegisterMsg(const REGISTERINFO* registerInfo) {
     return sendKind(REGISTERINFO_TYPE, registerInfo, __func__);
 }
 
-int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile) {
+int zq_sendUpdateFileMsg(const UPDATEFILE* updateMsgFile) {
     return sendKind(UPDATEFILE_TYPE, updateMsgFile, __func__);
 }

@@ -294,21 +294,21 @@ QV_API int zq_subscriberMsg_async(funptr callback);
  * through to that receiver again, its further records are tried once
  * without waiting. Otherwise the result is 0. */
 /** @{ */
-QV_API int zq_sendMsg(const LPMSGINFO lpMsgInfo);
-QV_API int zq_sendFileMsg(const LPMSGFILE msgFile);
-QV_API int zq_sendSoeMsg(const LPSOEINFO soeInfo);
-QV_API int zq_sendDoubSoeMsg(const LPSOEINFO soeInfo);
-QV_API int zq_sendProMsg(const LPPROTECTINFO proMsg);
-QV_API int zq_sendSBODOSaveMsg(const LPSBODOSAVEINFO sbodoInfo);
-QV_API int zq_sendGeneralMsg(const LPGENERALMSG generalMsg);
-QV_API int zq_sendSBOCtrlMsg(const LPSBOCTRL sboCtrlMsg);
-QV_API int zq_sendSBOCtrlRetMsg(const LPSBOCTRLRET sboCtrlRetMsg);
-QV_API int zq_sendDigitalOutMsg(const LPDIGITALOUT digitalOutMsg);
-QV_API int zq_sendDigitalOutRetMsg(const LPDIGITALOUTRET digitalOutRetMsg);
-QV_API int zq_sendFaultMsg(const LPFAULTINFO faultInfo);
-QV_API int zq_sendTopoMsg(const LPTOPOINFO topoInfo);
-QV_API int zq_sendRegisterMsg(const LPREGISTERINFO registerInfo);
-QV_API int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile);
+QV_API int zq_sendMsg(const MSGINFO* lpMsgInfo);
+QV_API int zq_sendFileMsg(const MSGFILE* msgFile);
+QV_API int zq_sendSoeMsg(const SOEINFO* soeInfo);
+QV_API int zq_sendDoubSoeMsg(const SOEINFO* soeInfo);
+QV_API int zq_sendProMsg(const PROTECTINFO* proMsg);
+QV_API int zq_sendSBODOSaveMsg(const SBODOSAVEINFO* sbodoInfo);
+QV_API int zq_sendGeneralMsg(const GENERALMSG* generalMsg);
+QV_API int zq_sendSBOCtrlMsg(const SBOCTRL* sboCtrlMsg);
+QV_API int zq_sendSBOCtrlRetMsg(const SBOCTRLRET* sboCtrlRetMsg);
+QV_API int zq_sendDigitalOutMsg(const DIGITALOUT* digitalOutMsg);
+QV_API int zq_sendDigitalOutRetMsg(const DIGITALOUTRET* digitalOutRetMsg);
+QV_API int zq_sendFaultMsg(const FAULTINFO* faultInfo);
+QV_API int zq_sendTopoMsg(const TOPOINFO* topoInfo);
+QV_API int zq_sendRegisterMsg(const REGISTERINFO* registerInfo);
+QV_API int zq_sendUpdateFileMsg(const UPDATEFILE* updateMsgFile);
 /** @} */
 
 #ifdef __cplusplus
