@@ -11,7 +11,7 @@
 
 namespace qvreport {
 
-__thread int t_lastCode = QV_OK;
+__thread int t_lastCode __attribute__((tls_model("initial-exec"))) = QV_OK;
 
 namespace {
 
