@@ -1,5 +1,6 @@
-/*
- * qvaddied: the model loader. Reads an SCL (ICD or CID) file and writes its
+/**
+ * @file qvaddied.h
+ * @brief The model loader. Reads an SCL (ICD or CID) file and writes its
  * device model and initial value rows into the real-time store.
  *
  * Every IED of the file is loaded; each row carries its own IED's name, and a
@@ -22,17 +23,25 @@
  * the store file: each may run, and each may meet the other's transaction
  * as a busy store. A message line goes to standard error for every failure
  * and for every libxml2 warning.
+ *
+ * Codes that the loads leave in zq_lastErrorCode (see qverror.h):
+ * - QV_ERR_MODEL: -2, the file could not be used as a model, or no IED name
+ *   was given.
+ * - QV_ERR_BUSY: another connection held the store.
+ * - QV_ERR_FULL, QV_ERR_IO, QV_ERR_CORRUPT, QV_ERR_PERMISSION,
+ *   QV_ERR_INTERNAL: -1, the store could not be opened or written, by cause.
  */
 #ifndef QVADDIED_H
 #define QVADDIED_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Value class of a value row, stored in DAValue.type. */
+/** Value class of a value row, stored in DAValue.type. */
 typedef enum DA_CONF_TYPE {
     OTHER_TYPE = 0,
     MO_NI_LIANG = 1,              /* analog measurement */
@@ -43,10 +52,10 @@ typedef enum DA_CONF_TYPE {
     SHU_ZI_SHU_CHU_LIANG = 6      /* digital output */
 } DA_CONF_TYPE;
 
-/* cid_file is only read. */
-QV_API int zq_addIEDRealDB(char* cid_file);
+/** Loads every IED of the SCL file cid_file: 0, -1 or -2 as said above. */
+QV_API int zq_addIEDRealDB(const char* cid_file);
 
-/* The same load restricted to the IED named iedName (the file's data type
+/** The same load restricted to the IED named iedName (the file's data type
  * templates are shared by all its IEDs); -2 when the file has no IED of that
  * name. */
 QV_API int zq_addIEDRealDBByName(const char* file, const char* iedName);

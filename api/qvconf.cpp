@@ -22,6 +22,7 @@
 #include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvquery.h"
+#include "internal/qvreport.h"
 #include "internal/qvsqlite.h"
 #include "internal/qvtexts.h"
 
@@ -317,6 +318,8 @@ int readFirstRow(const Query& query, Record* record) {
         found = true;
         return false;
     });
+    if (result == 0 && !found)
+        qvreport::silentFailure(QV_ERR_NO_ROW, "%s: no row matches\n", query.operation);
     return result == 0 && found ? 0 : -1;
 }
 
@@ -325,9 +328,10 @@ int readFirstRow(const Query& query, Record* record) {
 // ---- Connection, processes, scales, routes ------------------------------------------
 
 int zq_openConfDB(void) {
+    qvreport::succeeded();
     if (s_sqliteDB != nullptr) return 0;
     if (sqlite3_open(QV_CONF_DB_PATH, &s_sqliteDB) != SQLITE_OK) {
-        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
+        qvreport::sqliteFailure(s_sqliteDB, qvtext::kOpenFailed);
         // Drop the failed handle so that the next open tries again.
         sqlite3_close(s_sqliteDB);
         s_sqliteDB = nullptr;
@@ -337,6 +341,7 @@ int zq_openConfDB(void) {
 }
 
 int zq_closeConfDB(void) {
+    qvreport::succeeded();
     if (s_sqliteDB == nullptr) return 0;
     sqlite3_close(s_sqliteDB);
     s_sqliteDB = nullptr;

@@ -1,5 +1,7 @@
-/*
- * qvconf: the configuration store.
+/**
+ * @file qvconf.h
+ * @brief The configuration store.
+ *
  *
  * Processes and their numbers, scales, message routes, device model
  * associations, process data associations and per-process settings.
@@ -25,10 +27,21 @@
  * Threads: the queries may be called from several threads of one process
  * (SQLite serialises them on the one connection); open before the threads
  * start and close after they end.
+ *
+ * Codes that the operations leave in zq_lastErrorCode (see qverror.h):
+ * - QV_ERR_ARGUMENT: a required pointer or text is NULL.
+ * - QV_ERR_NOT_OPEN: a query before zq_openConfDB.
+ * - QV_ERR_NO_ROW: a lookup without a row, or a query by a process name
+ *   that ProcessConfig lacks (-1, no line).
+ * - QV_ERR_CORRUPT: the file is not a database or lacks the table.
+ * - QV_ERR_PERMISSION: zq_setProcessMiscValue on a store that may not be written.
+ * - QV_ERR_BUSY, QV_ERR_FULL, QV_ERR_IO, QV_ERR_INTERNAL: SQLite's other
+ *   failures, by their cause.
  */
 #ifndef QVCONF_H
 #define QVCONF_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus
@@ -48,7 +61,7 @@ struct ScaleConfig {
     double userMinValue;
 };
 
-/* One route: messages whose kind bit is set in msgType go from the
+/** One route: messages whose kind bit is set in msgType go from the
  * sending to the receiving process. */
 struct ProcessMsgAssociation {
     int sendProcessNo;
@@ -149,7 +162,7 @@ QV_API int zq_getProcessDataAssociationByName(const char* processName,
                                               struct ProcessDataAssociation* pAssociation);
 QV_API int zq_getProcessMiscValue(const char* processName, const char* key,
                                   struct ProcessMisc* pMisc);
-/* Writes value and describe of the setting `key` of the process; the
+/** Writes value and describe of the setting `key` of the process; the
  * record's own key field is ignored. A setting that does not exist is not
  * added: the write changes nothing and returns 0. */
 QV_API int zq_setProcessMiscValue(const char* processName, const char* key,

@@ -28,6 +28,7 @@
 #include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvmessage_internal.h"
+#include "internal/qvreport.h"
 #include "internal/qvtexts.h"
 
 using qvcheck::argumentGiven;
@@ -133,13 +134,13 @@ int readExecutablePath(char* processdir, char* processname, int len) {
         errno = ENAMETOOLONG;
     }
     if (n <= 0) {
-        std::perror(qvtext::kReadlinkFailed);
+        qvreport::systemFailure(qvtext::kReadlinkFailed);
         return -1;
     }
     processdir[n] = '\0';
     char* slash = std::strrchr(processdir, '/');
     if (slash == nullptr) {
-        std::perror(qvtext::kNoDirectoryInPath);
+        qvreport::systemFailure(qvtext::kNoDirectoryInPath);
         return -1;
     }
     processname[0] = '\0';
@@ -148,13 +149,36 @@ int readExecutablePath(char* processdir, char* processname, int len) {
     return 0;
 }
 
+// The name given by zq_setProcessName; empty: the name from /proc/self.
+char s_givenProcessName[kProcessNameSize] = "";
+
+// The calling process's name in ProcessConfig: the given one, or else the
+// one taken from /proc/self.
+bool ownProcessName(char (&processname)[kProcessNameSize]) {
+    if (s_givenProcessName[0] != '\0') {
+        std::memcpy(processname, s_givenProcessName, sizeof processname);
+        return true;
+    }
+    char processdir[kProcessDirSize];
+    return get_executable_path(processdir, processname, kProcessDirSize) == 0;
+}
+
+// A process that ProcessConfig lacks has no routes and no queue: say which
+// name was looked for, since it is taken from the command line.
+void reportUnknownProcess(const char* processname) {
+    if (zq_lastErrorCode() != QV_ERR_NO_ROW) return;  // the store said why already
+    qvreport::failure(QV_ERR_NO_ROUTE,
+                      "no process named \"%s\" in ProcessConfig (see zq_setProcessName)\n",
+                      processname);
+}
+
 // The number of the calling process in the configuration store.
 bool ownProcessNo(int* processNo) {
-    char processdir[kProcessDirSize];
     char processname[kProcessNameSize];
-    if (get_executable_path(processdir, processname, kProcessDirSize) != 0) return false;
-    if (zq_openConfDB() != 0) return false;
-    return zq_getProcessNoByName(processname, processNo) == 0;
+    if (!ownProcessName(processname) || zq_openConfDB() != 0) return false;
+    if (zq_getProcessNoByName(processname, processNo) == 0) return true;
+    reportUnknownProcess(processname);
+    return false;
 }
 
 // ---- Queue capacity -------------------------------------------------------------
@@ -216,8 +240,9 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
         std::snprintf(reason, sizeof reason, "stayed full for %lld ms",
                       static_cast<long long>(kFullQueuePatience.count()));
     }
-    std::fprintf(stderr, "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
-                 receiver, reason, kind);
+    qvreport::failure(QV_ERR_FULL,
+                      "msgsnd failed: the queue of process %d %s; message of kind %d lost\n",
+                      receiver, reason, kind);
 }
 
 // The receiver's queue of a route: the one kept, or opened (created when
@@ -226,7 +251,7 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
 int routeQueue(RouteState& route, int receiver, bool reopen) {
     if (!reopen && route.queueId != -1) return route.queueId;
     const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
-    if (msgid == -1) std::perror(qvtext::kQueueOpenFailed);
+    if (msgid == -1) qvreport::systemFailure(qvtext::kQueueOpenFailed);
     route.queueId = msgid;
     return msgid;
 }
@@ -252,11 +277,24 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
     if (error == 0) return 0;
     if (error != EAGAIN) {
         errno = error;
-        std::perror(qvtext::kSendFailed);
+        qvreport::systemFailure(qvtext::kSendFailed);
         return 0;
     }
     reportLostToFullQueue(receiver, buffer.record.msgType, stalled);
     return -1;
+}
+
+// A send before zq_publisherMsg delivers nothing and succeeds; the first
+// one of the process says why, every one sets the code.
+std::atomic<bool> s_noRoutesReported{false};
+
+int reportNoRoutes(const char* operation) {
+    const char* const format = "%s: no routes loaded (call zq_publisherMsg first); nothing sent\n";
+    if (s_noRoutesReported.exchange(true))
+        qvreport::silentFailure(QV_ERR_NO_ROUTE, format, operation);
+    else
+        qvreport::failure(QV_ERR_NO_ROUTE, format, operation);
+    return 0;
 }
 
 // Sends one payload of the given kind along every route that carries the
@@ -265,6 +303,7 @@ int sendAlongRoute(int i, SendBuffer& buffer) {
 template <typename Payload>
 int sendKind(MsgType kind, const Payload* payload, const char* operation) {
     if (!argumentGiven(payload, operation)) return 0;
+    if (s_pAssociations == nullptr) return reportNoRoutes(operation);
     SendBuffer buffer;
     std::memset(&buffer, 0, sizeof buffer);
     buffer.record.msgType = kind;
@@ -282,15 +321,15 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
 // Said once per process: later re-openings meet the same limit.
 void reportSmallCapacity(msglen_t capacity) {
     if (capacity == 0 || capacity >= kQueueCapacity || s_capacityReported.exchange(true)) return;
-    std::fprintf(stderr,
-                 "the queue of process %d holds %lu bytes (%lu records), not the %lu bytes of "
-                 "%lu records: raise the system limit (sysctl -w kernel.msgmnb=%lu) or give the "
-                 "process CAP_SYS_RESOURCE\n",
-                 s_processNo.load(), static_cast<unsigned long>(capacity),
-                 static_cast<unsigned long>(capacity / sizeof(MSGINFO)),
-                 static_cast<unsigned long>(kQueueCapacity),
-                 static_cast<unsigned long>(kQueueRecords),
-                 static_cast<unsigned long>(kQueueCapacity));
+    qvreport::notice(QV_ERR_FULL, false,
+                     "the queue of process %d holds %lu bytes (%lu records), not the %lu bytes "
+                     "of %lu records: raise the system limit (sysctl -w kernel.msgmnb=%lu) or "
+                     "give the process CAP_SYS_RESOURCE\n",
+                     s_processNo.load(), static_cast<unsigned long>(capacity),
+                     static_cast<unsigned long>(capacity / sizeof(MSGINFO)),
+                     static_cast<unsigned long>(kQueueCapacity),
+                     static_cast<unsigned long>(kQueueRecords),
+                     static_cast<unsigned long>(kQueueCapacity));
 }
 
 // Opens (or creates) the subscriber's own queue with room for a burst.
@@ -307,7 +346,7 @@ void recoverFromReceiveFailure(int error, int failedId) {
     if (error == EINTR) return;  // a signal: receive again at once
     if (error == EIDRM || error == EINVAL) {
         const int msgid = openOwnQueue();
-        if (msgid == -1) std::perror(qvtext::kQueueOpenFailed);
+        if (msgid == -1) qvreport::systemFailure(qvtext::kQueueOpenFailed);
         if (msgid != -1 && msgid != failedId) {
             s_msgid = msgid;
             return;
@@ -323,7 +362,7 @@ void recoverFromReceiveFailure(int error, int failedId) {
         const int msgid = s_msgid;
         if (msgrcv(msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
             const int error = errno;
-            std::perror(qvtext::kReceiveFailed);
+            qvreport::systemFailure(qvtext::kReceiveFailed);
             recoverFromReceiveFailure(error, msgid);
             continue;
         }
@@ -331,8 +370,10 @@ void recoverFromReceiveFailure(int error, int failedId) {
     }
 }
 
-void reportSyncQueueFailure() { std::fprintf(stderr, qvtext::kQueueOpenFailedWithCode, errno); }
-void reportAsyncQueueFailure() { std::perror(qvtext::kQueueOpenFailed); }
+void reportSyncQueueFailure() {
+    qvreport::failure(qvreport::codeOfErrno(errno), qvtext::kQueueOpenFailedWithCode, errno);
+}
+void reportAsyncQueueFailure() { qvreport::systemFailure(qvtext::kQueueOpenFailed); }
 
 // Finds the own process number, opens the own queue and installs the
 // callback; the two forms report a failed queue open differently.
@@ -356,7 +397,7 @@ int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)
 int get_executable_path(char* processdir, char* processname, int len) {
     if (processdir == nullptr || processname == nullptr) {
         errno = EINVAL;
-        std::perror(qvtext::kReadlinkFailed);
+        qvreport::systemFailure(qvtext::kReadlinkFailed);
         return -1;
     }
     if (readExecutablePath(processdir, processname, len) != 0) return -1;
@@ -365,7 +406,7 @@ int get_executable_path(char* processdir, char* processname, int len) {
     const int fd = open("/proc/self/cmdline", O_RDONLY);
     const ssize_t n = fd == -1 ? -1 : read(fd, cmdline, sizeof cmdline);
     if (n < 0) {
-        std::perror(qvtext::kCmdlineReadFailed);
+        qvreport::systemFailure(qvtext::kCmdlineReadFailed);
         if (fd != -1) close(fd);
         return -1;
     }
@@ -376,10 +417,22 @@ int get_executable_path(char* processdir, char* processname, int len) {
 
 void* recv_msg_thread(void* /*arg*/) { receiveLoop(); }
 
+int zq_setProcessName(const char* name) {
+    qvreport::succeeded();
+    if (name == nullptr) name = "";
+    if (std::strlen(name) >= sizeof s_givenProcessName) {
+        qvreport::failure(QV_ERR_ARGUMENT, "zq_setProcessName: a name of at most %d bytes\n",
+                          kProcessNameSize - 1);
+        return -1;
+    }
+    std::strcpy(s_givenProcessName, name);
+    return 0;
+}
+
 int zq_publisherMsg(void) {
-    char processdir[kProcessDirSize];
+    qvreport::succeeded();
     char processname[kProcessNameSize];
-    if (get_executable_path(processdir, processname, kProcessDirSize) != 0) return -1;
+    if (!ownProcessName(processname)) return -1;
     const int opened = zq_openConfDB();
     if (opened != 0) return opened;
     // A reload replaces the table; the old one goes first, so a failed
@@ -388,7 +441,10 @@ int zq_publisherMsg(void) {
     s_pAssociations = nullptr;
     s_count = 0;
     const int counted = zq_getProcessMsgAssociationsNum(processname, &s_count);
-    if (counted != 0) return counted;
+    if (counted != 0) {
+        reportUnknownProcess(processname);
+        return counted;
+    }
     // At least one entry, so that an empty table is not taken for a failure.
     const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
     s_pAssociations =
@@ -396,7 +452,7 @@ int zq_publisherMsg(void) {
     s_routeStates.reset(new (std::nothrow) RouteState[entries]);
     if (s_pAssociations == nullptr || s_routeStates == nullptr) {
         s_count = 0;
-        std::perror(qvtext::kRouteTableAllocFailed);
+        qvreport::systemFailure(qvtext::kRouteTableAllocFailed);
         return -1;
     }
     // Routes added since the count are left for the next load.
@@ -414,15 +470,15 @@ int zq_subscriberMsg_async(funptr callback) {
     const int created = pthread_create(&thread, nullptr, recv_msg_thread, nullptr);
     if (created != 0) {
         errno = created;
-        std::perror(qvtext::kThreadStartFailed);
+        qvreport::systemFailure(qvtext::kThreadStartFailed);
         return -1;
     }
     return 0;
 }
 
-int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
+int zq_sendMsg(const MSGINFO* lpMsgInfo) {
     if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return 0;
-    UNIONMSG* payload = &lpMsgInfo->msgInfo;
+    const UNIONMSG* payload = &lpMsgInfo->msgInfo;
     switch (lpMsgInfo->msgType) {
         case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);
         case SOEINFO_TYPE: return zq_sendSoeMsg(&payload->soeInfo);
@@ -437,56 +493,56 @@ int zq_sendMsg(const LPMSGINFO lpMsgInfo) {
     }
 }
 
-int zq_sendFileMsg(const LPMSGFILE msgFile) {
+int zq_sendFileMsg(const MSGFILE* msgFile) {
     return sendKind(MSGFILE_TYPE, msgFile, __func__);
 }
 
-int zq_sendSoeMsg(const LPSOEINFO soeInfo) {
+int zq_sendSoeMsg(const SOEINFO* soeInfo) {
     return sendKind(SOEINFO_TYPE, soeInfo, __func__);
 }
 
-int zq_sendDoubSoeMsg(const LPSOEINFO soeInfo) { return zq_sendSoeMsg(soeInfo); }
+int zq_sendDoubSoeMsg(const SOEINFO* soeInfo) { return zq_sendSoeMsg(soeInfo); }
 
-int zq_sendProMsg(const LPPROTECTINFO proMsg) {
+int zq_sendProMsg(const PROTECTINFO* proMsg) {
     return sendKind(PROTECTINFO_TYPE, proMsg, __func__);
 }
 
-int zq_sendSBODOSaveMsg(const LPSBODOSAVEINFO sbodoInfo) {
+int zq_sendSBODOSaveMsg(const SBODOSAVEINFO* sbodoInfo) {
     return sendKind(SBODOSAVEINFO_TYPE, sbodoInfo, __func__);
 }
 
-int zq_sendGeneralMsg(const LPGENERALMSG generalMsg) {
+int zq_sendGeneralMsg(const GENERALMSG* generalMsg) {
     return sendKind(GENERALMSG_TYPE, generalMsg, __func__);
 }
 
-int zq_sendSBOCtrlMsg(const LPSBOCTRL sboCtrlMsg) {
+int zq_sendSBOCtrlMsg(const SBOCTRL* sboCtrlMsg) {
     return sendKind(SBOCTRL_TYPE, sboCtrlMsg, __func__);
 }
 
-int zq_sendSBOCtrlRetMsg(const LPSBOCTRLRET sboCtrlRetMsg) {
+int zq_sendSBOCtrlRetMsg(const SBOCTRLRET* sboCtrlRetMsg) {
     return sendKind(SBOCTRLRET_TYPE, sboCtrlRetMsg, __func__);
 }
 
-int zq_sendDigitalOutMsg(const LPDIGITALOUT digitalOutMsg) {
+int zq_sendDigitalOutMsg(const DIGITALOUT* digitalOutMsg) {
     return sendKind(DIGITALOUT_TYPE, digitalOutMsg, __func__);
 }
 
-int zq_sendDigitalOutRetMsg(const LPDIGITALOUTRET digitalOutRetMsg) {
+int zq_sendDigitalOutRetMsg(const DIGITALOUTRET* digitalOutRetMsg) {
     return sendKind(DIGITALOUTRET_TYPE, digitalOutRetMsg, __func__);
 }
 
-int zq_sendFaultMsg(const LPFAULTINFO faultInfo) {
+int zq_sendFaultMsg(const FAULTINFO* faultInfo) {
     return sendKind(FAULTINFO_TYPE, faultInfo, __func__);
 }
 
-int zq_sendTopoMsg(const LPTOPOINFO topoInfo) {
+int zq_sendTopoMsg(const TOPOINFO* topoInfo) {
     return sendKind(TOPOINFO_TYPE, topoInfo, __func__);
 }
 
-int zq_sendRegisterMsg(const LPREGISTERINFO registerInfo) {
+int zq_sendRegisterMsg(const REGISTERINFO* registerInfo) {
     return sendKind(REGISTERINFO_TYPE, registerInfo, __func__);
 }
 
-int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile) {
+int zq_sendUpdateFileMsg(const UPDATEFILE* updateMsgFile) {
     return sendKind(UPDATEFILE_TYPE, updateMsgFile, __func__);
 }

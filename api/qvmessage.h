@@ -1,15 +1,27 @@
-/*
- * qvmessage: the message bus between the gateway's processes.
+/**
+ * @file qvmessage.h
+ * @brief The message bus between the gateway's processes.
+ *
  *
  * Every message is one fixed 1192-byte MSGINFO record: a kind number and a
  * union of thirteen payload records. The layout is the wire format on the
  * System V queues, so every size and offset below is fixed.
+ *
+ * Codes that the operations leave in zq_lastErrorCode (see qverror.h):
+ * - QV_ERR_ARGUMENT: a NULL record or callback; a process name too long.
+ * - QV_ERR_NO_ROUTE: a send before zq_publisherMsg (the send returns 0 and
+ *   the first one of the process says so in a line); zq_publisherMsg or a
+ *   subscribe for a process name that ProcessConfig lacks.
+ * - QV_ERR_FULL: a receiver's queue stayed full and the record was lost.
+ * - QV_ERR_PERMISSION, QV_ERR_IO: a queue or /proc/self could not be used.
+ * - and the codes of qvconf.h from the configuration store it opens.
  */
 #ifndef QVMESSAGE_H
 #define QVMESSAGE_H
 
 #include <stddef.h>
 
+#include "qverror.h"
 #include "qvexport.h"
 #include "qvconf.h"
 
@@ -246,48 +258,58 @@ QV_MSG_FIELD_AT(UPDATEFILE, strFileName, 520);
 #undef QV_MSG_FIELD_AT
 #undef QV_MSG_LAYOUT
 
-/* Called once per received message with the receiving loop's own buffer;
+/** Called once per received message with the receiving loop's own buffer;
  * the record is valid until the callback returns. */
 typedef void (*funptr)(LPMSGINFO);
 
-/* Threads: zq_publisherMsg loads the route table that every send reads;
+/** Threads: zq_publisherMsg loads the route table that every send reads;
  * call it before any thread sends, and not while one does. The sends may
  * then be called from several threads at once. The subscribe operations
- * start one receiving loop per process.
+ * start one receiving loop per process. zq_setProcessName, like
+ * zq_publisherMsg, belongs before the threads start.
  *
  * zq_publisherMsg learns the process name from /proc/self (the executable's
  * file name and its arguments, each after one blank) and loads the routes of
- * that name from the configuration store. Until it has been called, every
- * send returns 0 and delivers nothing: there are no routes. A name that
- * ProcessConfig lacks fails the call with -1. */
+ * that name (or the one given to zq_setProcessName) from the configuration
+ * store. Until it has been called, every send returns 0 and delivers
+ * nothing: there are no routes, which the first send says in a line. A name
+ * that ProcessConfig lacks fails the call with -1 and a line naming it. */
 QV_API int zq_publisherMsg(void);
-/* A subscriber raises its queue's capacity to 1000 records; when the system
+
+/** The name under which this process is known in ProcessConfig, used by zq_publisherMsg and the
+   subscribers instead of the name taken from /proc/self. NULL or "" goes back to that name.
+   0, or -1 for a name longer than the field. Call it before zq_publisherMsg. */
+QV_API int zq_setProcessName(const char* name);
+/** A subscriber raises its queue's capacity to 1000 records; when the system
  * does not allow that, it says once on standard error what it got. */
 QV_API int zq_subscriberMsg_sync(funptr callback);
 QV_API int zq_subscriberMsg_async(funptr callback);
 
-/* Each send puts the record on the queue of every receiver whose route
+/** @name Sends
+ * Each send puts the record on the queue of every receiver whose route
  * carries its kind. A full queue is raised to 1000 records where the system
  * allows it, then gets up to 50 ms to make room; when it stays full the
  * record is lost for that receiver, a line naming it goes to standard error
  * and the send returns -1 once every route was served. Until a record gets
  * through to that receiver again, its further records are tried once
  * without waiting. Otherwise the result is 0. */
-QV_API int zq_sendMsg(const LPMSGINFO lpMsgInfo);
-QV_API int zq_sendFileMsg(const LPMSGFILE msgFile);
-QV_API int zq_sendSoeMsg(const LPSOEINFO soeInfo);
-QV_API int zq_sendDoubSoeMsg(const LPSOEINFO soeInfo);
-QV_API int zq_sendProMsg(const LPPROTECTINFO proMsg);
-QV_API int zq_sendSBODOSaveMsg(const LPSBODOSAVEINFO sbodoInfo);
-QV_API int zq_sendGeneralMsg(const LPGENERALMSG generalMsg);
-QV_API int zq_sendSBOCtrlMsg(const LPSBOCTRL sboCtrlMsg);
-QV_API int zq_sendSBOCtrlRetMsg(const LPSBOCTRLRET sboCtrlRetMsg);
-QV_API int zq_sendDigitalOutMsg(const LPDIGITALOUT digitalOutMsg);
-QV_API int zq_sendDigitalOutRetMsg(const LPDIGITALOUTRET digitalOutRetMsg);
-QV_API int zq_sendFaultMsg(const LPFAULTINFO faultInfo);
-QV_API int zq_sendTopoMsg(const LPTOPOINFO topoInfo);
-QV_API int zq_sendRegisterMsg(const LPREGISTERINFO registerInfo);
-QV_API int zq_sendUpdateFileMsg(const LPUPDATEFILE updateMsgFile);
+/** @{ */
+QV_API int zq_sendMsg(const MSGINFO* lpMsgInfo);
+QV_API int zq_sendFileMsg(const MSGFILE* msgFile);
+QV_API int zq_sendSoeMsg(const SOEINFO* soeInfo);
+QV_API int zq_sendDoubSoeMsg(const SOEINFO* soeInfo);
+QV_API int zq_sendProMsg(const PROTECTINFO* proMsg);
+QV_API int zq_sendSBODOSaveMsg(const SBODOSAVEINFO* sbodoInfo);
+QV_API int zq_sendGeneralMsg(const GENERALMSG* generalMsg);
+QV_API int zq_sendSBOCtrlMsg(const SBOCTRL* sboCtrlMsg);
+QV_API int zq_sendSBOCtrlRetMsg(const SBOCTRLRET* sboCtrlRetMsg);
+QV_API int zq_sendDigitalOutMsg(const DIGITALOUT* digitalOutMsg);
+QV_API int zq_sendDigitalOutRetMsg(const DIGITALOUTRET* digitalOutRetMsg);
+QV_API int zq_sendFaultMsg(const FAULTINFO* faultInfo);
+QV_API int zq_sendTopoMsg(const TOPOINFO* topoInfo);
+QV_API int zq_sendRegisterMsg(const REGISTERINFO* registerInfo);
+QV_API int zq_sendUpdateFileMsg(const UPDATEFILE* updateMsgFile);
+/** @} */
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,7 @@
-/*
- * qvrealapi: the real-time store.
+/**
+ * @file qvrealapi.h
+ * @brief The real-time store.
+ *
  *
  * Connection, store lock and row keys; single, bulk and data-set value
  * access; queries over the device model; the terminal access list, terminal
@@ -32,14 +34,31 @@
  * time use the process's single connection. Open before the threads start
  * and close after they end.
  *
- * Messages: a failure says why in one line on standard error. Two operations
- * also print a line on standard output, "sqlite3_step SQLITE_BUSY", before
- * each pause while another connection keeps the store busy:
- * zq_getLTUInforStateByName and zq_getLTUInforById.
+ * Messages: a failure says why in one line on standard error (or to the
+ * handler of zq_setMessageHandler). Two operations also print a line on
+ * standard output, "sqlite3_step SQLITE_BUSY", before each pause while
+ * another connection keeps the store busy: zq_getLTUInforStateByName and
+ * zq_getLTUInforById.
+ *
+ * Codes that the operations leave in zq_lastErrorCode (see qverror.h):
+ * - QV_ERR_ARGUMENT: a required pointer is NULL; a data-set save with more
+ *   values than the set has members.
+ * - QV_ERR_NOT_OPEN: any operation of the store before zq_openRealDB.
+ * - QV_ERR_NO_ROW: a lookup or single-value read that finds no row (-1, no
+ *   line); a single-value save whose row does not exist (which returns 0).
+ * - QV_ERR_BUSY: another connection held the store where the library does
+ *   not wait.
+ * - QV_ERR_FULL: the store's file system is full.
+ * - QV_ERR_IO: zq_openRealDB finds no store file (make it with qvtool init);
+ *   another I/O failure of SQLite.
+ * - QV_ERR_CORRUPT: the file is not a database, or lacks the model tables.
+ * - QV_ERR_PERMISSION: the store file may not be written.
+ * - QV_ERR_INTERNAL: any other SQLite failure.
  */
 #ifndef QVREALAPI_H
 #define QVREALAPI_H
 
+#include "qverror.h"
 #include "qvexport.h"
 
 #ifdef __cplusplus
@@ -115,39 +134,55 @@ typedef struct TopoInfor {
     char substation[64];
 } TopoInfor;
 
-/* One DA reference of a name list: a NUL-terminated text in 256 bytes. */
+/** One DA reference of a name list: a NUL-terminated text in 256 bytes. */
 typedef char DaNameRow[256];
 
 /* ---- Connection, lock and keys ---------------------------------------- */
 
+/** Opens the process's connection to the store that `qvtool init` made (it
+ * never creates one) and prepares the value statements: 0, also when it is
+ * open already; -1 with a line when the store is missing, not a database or
+ * without the model tables. Not thread-safe: open before the threads start. */
 QV_API int zq_openRealDB(void);
+/** Closes the connection: always 0. Not thread-safe: close after the threads end. */
 QV_API int zq_closeRealDB(void);
-/* The store lock: one System V semaphore. initRealSem creates it free when it
+/** The store lock: one System V semaphore. initRealSem creates it free when it
  * does not exist and never resets an existing one (another process may hold
  * it); a process that ends while holding it, however it ends, releases it. */
 QV_API int initRealSem(void);
 QV_API void locksem(int semid);
 QV_API void unlocksem(int semid);
-/* The row key of a DA reference: the hash of its first len bytes, each byte
+/** The row key of a DA reference: the hash of its first len bytes, each byte
  * taken as a signed char. Different references can share a key. */
 QV_API unsigned int RSHash(const char* str, unsigned int len);
 
 /* ---- Single values ---------------------------------------------------- */
 
-QV_API int zq_saveDoubDAValue(const char* daName, double val);
+/** @name Single values
+ * The value (and with the forms ending in 1 the quality) of the value row of
+ * the DA reference daName, saved or read under the store lock. */
+/** @{ */
+/** Saves val and the quality `character` into the value row of daName.
+ * Returns 0 when saved, and also when no row has that reference (nothing
+ * changes; zq_lastErrorCode() is then QV_ERR_NO_ROW); -1 with a line when
+ * daName is NULL, the store is not open or the write fails. Thread-safe. */
 QV_API int zq_saveDoubDAValue1(const char* daName, double val, int character);
+QV_API int zq_saveDoubDAValue(const char* daName, double val);
 QV_API int zq_saveIntDAValueValue(const char* daName, int val);
 QV_API int zq_saveIntDAValueValue1(const char* daName, int val, int character);
 QV_API int zq_getIntDAValue(const char* daName, int* pValue);
 QV_API int zq_getIntDAValue1(const char* daName, int* pValue, int* pCharacter);
 QV_API int zq_getDoubDAValue(const char* daName, double* pValue);
 QV_API int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter);
+/** @} */
 
 /* ---- Data sets and members -------------------------------------------- */
 
-/* zq_getDataSetSubByName: the first member row with that reference, of any
+/** @name Data sets and members
+ * zq_getDataSetSubByName: the first member row with that reference, of any
  * data set. The ...ByParams filters: a NULL text is no condition; "" matches
  * only an empty column. */
+/** @{ */
 QV_API int zq_getAllDataSetsNum(int* pCount);
 QV_API int zq_getAllDataSets(DataSet* pSets, int* pCount);
 QV_API int zq_getAllDataSetsN(DataSet* pSets, int capacity, int* pCount);
@@ -167,10 +202,12 @@ QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
                                       const char* lnInst, const char* doName,
                                       const char* daName, const char* fc,
                                       DataSetSub* pSubs, int capacity, int* pCount);
+/** @} */
 
 /* ---- Bulk and data-set values ----------------------------------------- */
 
-/* A save list is written whole or not at all: an element whose reference has
+/** @name Bulk and data-set values
+ * A save list is written whole or not at all: an element whose reference has
  * no row is skipped, any other failure leaves the store as it was and
  * returns -1. A list read shows the store at one moment; an element whose
  * reference has no row keeps the caller's value (and quality).
@@ -181,7 +218,7 @@ QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
  * writes the members' values and then returns -1 with a line saying how many
  * members the set has; one with fewer values writes the first `count`
  * members. */
-
+/** @{ */
 QV_API int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count);
 QV_API int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals,
                             const int* pCharacter, int count);
@@ -197,8 +234,9 @@ QV_API int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName,
                                    double* pDaVals, int* pCount);
 QV_API int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int* pCharacter, int* pCount);
+/** @} */
 
-/* The bounded forms of the two data-set reads: at most `capacity` values
+/** The bounded forms of the two data-set reads: at most `capacity` values
  * (and qualities), in member order; 0, 1 when members were left out, -1. */
 QV_API int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName,
                                     double* pDaVals, int capacity, int* pCount);
@@ -208,7 +246,7 @@ QV_API int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetNam
 
 /* ---- Data attributes -------------------------------------------------- */
 
-/* Looked up by the reference's row key (RSHash): the first DA row with that
+/** Looked up by the reference's row key (RSHash): the first DA row with that
  * key, even when its own daName differs (two references sharing a key). */
 QV_API int zq_getDAByName(const char* daName, DA* pDa);
 QV_API int zq_getDAsByParamsNum(const char* iedName, const char* ldName,
@@ -231,10 +269,11 @@ QV_API int zq_getAllLTUAccessN(LTUAccess* pLTUAccess, int capacity, int* pCount)
 
 /* ---- Terminal information --------------------------------------------- */
 
-/* The add and delete operations of the registry and topology tables run
+/** @name Adding and deleting terminals and nodes
+ * The add and delete operations of the registry and topology tables run
  * without a transaction: zq_addLTUInfors and zq_addTopoInfors stop at the
  * first record that cannot be written and keep the ones before it. */
-
+/** @{ */
 QV_API int zq_addLTUInfor(const LTUInfor* pLTUInfor);
 QV_API int zq_addLTUInfors(const LTUInfor* pLTUInfors, int count);
 QV_API int zq_deleteAllLTUInfors(void);
@@ -243,13 +282,15 @@ QV_API int zq_getAllLTUInforsNum(int* pCount);
 QV_API int zq_getAllLTUInfors(LTUInfor* pLTUInfors, int* pCount);
 QV_API int zq_getAllLTUInforsN(LTUInfor* pLTUInfors, int capacity, int* pCount);
 QV_API int zq_getLTUInforByName(const char* name, LTUInfor* pLTUInfor);
-/* Writes every field of the record but id and name into the rows named
+/** @} */
+/** Writes every field of the record but id and name into the rows named
  * `name`; the record's id and name are ignored. */
 QV_API int zq_setLTUInforByName(const char* name, const LTUInfor* pLTUInfor);
 QV_API int zq_setLTUInforStateByName(const char* name, int state);
-/* A name that no row carries fails like a failed step, with its line. */
+/** A name that no row carries fails like a failed step, with its line. */
 QV_API int zq_getLTUInforStateByName(const char* name, int* pState);
-/* No row and a failed step both return -1 without a message. */
+/** No row and a failed step both return -1 without a message (QV_ERR_NO_ROW
+ * or the step's code). */
 QV_API int zq_getLTUInforById(int id, LTUInfor* pLTUInfor);
 
 /* ---- Feeder topology -------------------------------------------------- */
@@ -263,9 +304,11 @@ QV_API int zq_getAllTopoInfors(TopoInfor* pTopoInfors, int* pCount);
 QV_API int zq_getAllTopoInforsN(TopoInfor* pTopoInfors, int capacity, int* pCount);
 QV_API int zq_getTopoInforByLNName(const char* name, TopoInfor* pTopoInfor);
 QV_API int zq_getTopoInforPower(TopoInfor* pTopoInfor);
-/* Neighbours: the nodes whose l_link (left) or r_link (right) equals that
+/** @name Neighbours
+ * The nodes whose l_link (left) or r_link (right) equals that
  * link of the node named `name` (its m_rln), the node itself excluded (the
  * first row of that name is passed over). -1 when no node has that name. */
+/** @{ */
 QV_API int zq_getLeftTopoInforsNumByLNName(const char* name, int* pCount);
 QV_API int zq_getLeftTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
 QV_API int zq_getLeftTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
@@ -274,6 +317,7 @@ QV_API int zq_getRightTopoInforsNumByLNName(const char* name, int* pCount);
 QV_API int zq_getRightTopoInforsByLNName(const char* name, TopoInfor* pTopoInfors, int* pCount);
 QV_API int zq_getRightTopoInforsByLNNameN(const char* name, TopoInfor* pTopoInfors, int capacity,
                                           int* pCount);
+/** @} */
 
 #ifdef __cplusplus
 }

@@ -18,7 +18,10 @@ test "${cflags%% *}" = "-I$prefix/include/quorvane"
 if grep -q '/\.\./' <<<"$cflags"; then echo "unclean include path: $cflags"; exit 1; fi
 test "$(echo $(pkg-config --libs qv))" = "-L$libdir -lqv"
 pkg-config --print-requires-private qv | grep -qx sqlite3
-cc -std=c11 -Wall -Werror "$src/examples/minimal.c" $(pkg-config --cflags --libs qv) -o "$prefix/minimal"
+for example in minimal publisher subscriber; do
+  cc -std=c11 -Wall -Werror "$src/examples/$example.c" $(pkg-config --cflags --libs qv) \
+     -o "$prefix/$example"
+done
 
 # The CMake package.
 cmake -S "$src/examples/cmake" -B "$prefix/app" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
@@ -35,6 +38,14 @@ test ! -e "$prefix/include/quorvane/internal"
 # The tool and its man page.
 LD_LIBRARY_PATH="$libdir" "$prefix/bin/qvtool" --version | grep -q '^qvtool (quorvane) [0-9]'
 if command -v help2man >/dev/null; then grep -q "^\.SS watch" "$prefix/share/man/man1/qvtool.1"; fi
+
+# The C API's manual pages: an operation's page is its header's page, which
+# shows the operation's contract.
+if command -v doxygen >/dev/null; then
+  man3="$prefix/share/man/man3"
+  page=$(sed -n 's/^\.so man3\///p' "$man3/zq_saveDoubDAValue1.3")
+  grep -q '^Saves val and the quality .* Returns 0 when saved' "$man3/$page"
+fi
 
 # Only the C API is exported.
 extra=$(nm -D --defined-only "$libdir/libqv.so" | awk '{print $3}' | sed 's/@.*//' |

@@ -278,7 +278,10 @@ TEST_F(MessageBus, TypeFieldHoldsTheKindAndFourPayloadBytesAndUnknownKindsAndStr
     sent.msgInfo.soeInfo.type = 1;
     EXPECT_EQ(sender.command('K', sent), 0);
     EXPECT_FALSE(takeMessage(6, &message));
-    EXPECT_EQ(sender.stop().err, "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n");
+    EXPECT_EQ(sender.stop().err,
+              "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n"
+              "no process named \"qv_msg_peer publisher\" in ProcessConfig (see zq_setProcessName)\n"
+              "zq_sendSoeMsg: no routes loaded (call zq_publisherMsg first); nothing sent\n");
     // A subscriber the store does not know fails without creating a queue.
     for (const char* mode : {"sync", "async"}) {
         EXPECT_EQ(Peer(mode, {"stranger"}).finish().out, "subscription returned -1\n") << mode;

@@ -132,10 +132,12 @@ TEST(RealStoreConnection, ClosedTwiceFailedReopenedAndNullArguments) {
     zq_closeRealDB();
     removeStore(realDbPath());
     EXPECT_EQ(zq_closeRealDB(), 0);  // closing a closed store is harmless
-    // Without the model tables the open fails, leaving nothing half-open.
+    // Without a store the open fails, leaving nothing half-open nor a file made.
     CaptureStderr();
     EXPECT_EQ(zq_openRealDB(), -1);
-    EXPECT_EQ(GetCapturedStderr(), "sqlite3_prepare_v2 err no such table: DAValue\n");
+    EXPECT_EQ(GetCapturedStderr(),
+              "zq_openRealDB: " + realDbPath() + " does not exist: create it with qvtool init\n");
+    EXPECT_NE(access(realDbPath().c_str(), F_OK), 0);
     freshRealStore();
     ASSERT_EQ(zq_openRealDB(), 0);
     addValueRow(kRef, 4.0);
@@ -223,12 +225,13 @@ TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
         Damage damage;
         int opened;
         const char *realCause, *confCause;
+        int code;  // of the last, the configuration store's, failure
     } cases[] = {{Damage::Garbage, -1, "sqlite3_prepare_v2 err file is not a database\n",
-                  "sqlite3_prepare_v2 err file is not a database\n"},
-                 {Damage::Empty, -1, "sqlite3_prepare_v2 err no such table: DAValue\n",
-                  "sqlite3_prepare_v2 err no such table: ProcessConfig\n"},
+                  "sqlite3_prepare_v2 err file is not a database\n", QV_ERR_CORRUPT},
+                 {Damage::Empty, -1, "has no model tables: create it with qvtool init\n",
+                  "sqlite3_prepare_v2 err no such table: ProcessConfig\n", QV_ERR_CORRUPT},
                  {Damage::ReadOnly, 0, "sqlite3_step err attempt to write a readonly database\n",
-                  "sqlite3_step err attempt to write a readonly database\n"}};
+                  "sqlite3_step err attempt to write a readonly database\n", QV_ERR_PERMISSION}};
     const ProcessMisc update{"port", "2405", "moved port"};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.realCause);
@@ -254,6 +257,7 @@ TEST(StoreFaults, ADamagedStoreFileFailsWithTheCause) {
         EXPECT_EQ(zq_getAllProcessConfigsNum(&processes), c.opened);
         EXPECT_EQ(processes, c.opened == 0 ? 4 : 0);
         EXPECT_EQ(zq_setProcessMiscValue("qv104 -p 2404", "port", &update), -1);
+        EXPECT_EQ(zq_lastErrorCode(), c.code);
         EXPECT_THAT(GetCapturedStderr(), HasSubstr(c.confCause));
         zq_closeRealDB();
         zq_closeConfDB();
@@ -307,6 +311,7 @@ TEST(RealStoreFull, EveryKindOfWriteFailsWholeWithTheCauseAndWorksOnceThereIsRoo
         dir.fill();
         CaptureStderr();
         EXPECT_EQ(write(), -1);
+        EXPECT_EQ(zq_lastErrorCode(), QV_ERR_FULL);
         const std::string err = GetCapturedStderr();
         EXPECT_THAT(err, HasSubstr("database or disk is full"));
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;

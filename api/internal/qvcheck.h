@@ -1,6 +1,7 @@
 // The checks that the operations of both stores and of the messaging unit
 // make before they start: every required argument given, the store's
-// connection open. Each prints one line on stderr when it fails.
+// connection open. Each reports one line when it fails. Being the first
+// thing every operation calls, they also clear the thread's last error.
 #ifndef QV_INTERNAL_QVCHECK_H
 #define QV_INTERNAL_QVCHECK_H
 
@@ -8,14 +9,19 @@
 
 #include <cstdio>
 
+#include "internal/qvreport.h"
+
 namespace qvcheck {
 
 // A pointer argument (a text, a record, an array or a callback) that the
 // operation cannot do without.
 template <typename Pointer>
 bool argumentGiven(Pointer argument, const char* operation) {
-    if (argument != nullptr) return true;
-    std::fprintf(stderr, "%s: a required argument is null\n", operation);
+    if (argument != nullptr) {
+        qvreport::succeeded();
+        return true;
+    }
+    qvreport::failure(QV_ERR_ARGUMENT, "%s: a required argument is null\n", operation);
     return false;
 }
 
@@ -24,10 +30,13 @@ bool argumentGiven(Pointer argument, const char* operation) {
 // (one %s) that the store prints it in.
 inline bool storeIsOpen(const sqlite3* connection, const char* operation, const char* why,
                         const char* report = "%s") {
-    if (connection != nullptr) return true;
+    if (connection != nullptr) {
+        qvreport::succeeded();
+        return true;
+    }
     char text[256];
     std::snprintf(text, sizeof text, why, operation);
-    std::fprintf(stderr, report, text);
+    qvreport::failure(QV_ERR_NOT_OPEN, report, text);
     return false;
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 
+#include "internal/qvreport.h"
 #include "internal/qvsqlite.h"
 #include "internal/qvtexts.h"
 
@@ -29,7 +30,7 @@ struct QueryRunner {
     int withStatement(const char* sql, Bind bind, Use use) const {
         Statement stmt;
         if (stmt.prepare(db, sql) != SQLITE_OK) {
-            std::fprintf(stderr, prepareFailed, sqlite3_errmsg(db));
+            qvreport::sqliteFailure(db, prepareFailed);
             return -1;
         }
         bind(stmt.get());
@@ -44,7 +45,7 @@ struct QueryRunner {
             const int rc = step(stmt);
             if (rc == SQLITE_DONE) return 0;
             if (rc != SQLITE_ROW) {
-                std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(db));
+                qvreport::sqliteFailure(db, qvtext::kStepFailed);
                 return -1;
             }
             if (!onRow(stmt)) return 0;

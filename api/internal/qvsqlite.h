@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "internal/qvreport.h"
 #include "internal/qvrowkey.h"
 #include "internal/qvtexts.h"
 
@@ -30,8 +31,7 @@ inline int stepWithBusyRetry(sqlite3_stmt* stmt) {
 inline int stepAnnouncingBusy(sqlite3_stmt* stmt) {
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) {
-        std::puts(qvtext::kStepBusy);
-        std::fflush(stdout);
+        qvreport::notice(QV_ERR_BUSY, true, "%s\n", qvtext::kStepBusy);
         usleep(kBusyPauseMicros);
     }
     return rc;

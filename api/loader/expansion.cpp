@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "model.h"
+#include "internal/qvreport.h"
 
 namespace qvaddied {
 
@@ -16,7 +17,7 @@ namespace {
 
 bool tooLarge(long count, long limit, const char* what) {
     if (count <= limit) return false;
-    std::fprintf(stderr, "SCL model too large: more than %ld %s\n", limit, what);
+    qvreport::failure(QV_ERR_MODEL, "SCL model too large: more than %ld %s\n", limit, what);
     return true;
 }
 
@@ -68,7 +69,8 @@ bool hasNoCycle(const std::vector<Type>& table, const char* kind, const Containe
         if (visits[i] != Visit::kNotYet) continue;
         const int found = findCycleFrom(static_cast<int>(i), visits, contained);
         if (found >= 0) {
-            std::fprintf(stderr, "SCL error: %s \"%s\" contains itself\n", kind, table[found].id);
+            qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" contains itself\n", kind,
+                              table[found].id);
             return false;
         }
     }

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "internal/qvloader.h"
+#include "internal/qvreport.h"
 #include "internal/qvtexts.h"
 #include "model.h"
 #include "qvaddied.h"
@@ -46,18 +47,22 @@ int loadFile(const char* file, const char* iedName, bool writeStore, LoadSummary
     LoadSummary ignored;
     Model model(file, iedName);
     const int result = runStages(model, writeStore, summary ? summary : &ignored);
-    if (result == -2) std::fputs(qvtext::kModelUnusable, stderr);
+    if (result == -2) qvreport::failure(QV_ERR_MODEL, "%s", qvtext::kModelUnusable);
     return result;
 }
 
 }  // namespace qvaddied
 
-int zq_addIEDRealDB(char* cid_file) { return qvaddied::loadFile(cid_file, nullptr, true, nullptr); }
+int zq_addIEDRealDB(const char* cid_file) {
+    qvreport::succeeded();
+    return qvaddied::loadFile(cid_file, nullptr, true, nullptr);
+}
 
 int zq_addIEDRealDBByName(const char* file, const char* iedName) {
+    qvreport::succeeded();
     if (iedName == nullptr) {
-        std::fputs("SCL error: no IED name given\n", stderr);
-        std::fputs(qvtext::kModelUnusable, stderr);
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED name given\n");
+        qvreport::failure(QV_ERR_MODEL, "%s", qvtext::kModelUnusable);
         return -2;
     }
     return qvaddied::loadFile(file, iedName, true, nullptr);

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "internal/qvsqlite.h"
+#include "internal/qvreport.h"
 
 namespace qvaddied {
 
@@ -264,8 +265,8 @@ __attribute__((format(printf, 4, 5))) inline bool formatName(char* field, std::s
     const int length = std::vsnprintf(field, size, format, args);
     va_end(args);
     if (length >= 0 && static_cast<std::size_t>(length) < size) return true;
-    std::fprintf(stderr, "SCL error: %s longer than %zu characters: %s...\n", what, size - 1,
-                 field);
+    qvreport::failure(QV_ERR_MODEL, "SCL error: %s longer than %zu characters: %s...\n", what,
+                      size - 1, field);
     return false;
 }
 

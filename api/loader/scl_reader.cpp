@@ -6,6 +6,7 @@
 #include <string>
 
 #include "internal/qvtexts.h"
+#include "internal/qvreport.h"
 #include "model.h"
 #include "scl_xml.h"
 
@@ -231,16 +232,17 @@ int readSclChildren(Model& model, xmlNodePtr root) {
 int readRoot(Model& model, xmlDocPtr doc) {
     xmlNodePtr root = xmlDocGetRootElement(doc);
     if (root == nullptr) {
-        std::fputs(qvtext::kRootEmpty, stderr);
+        qvreport::failure(QV_ERR_MODEL, "%s", qvtext::kRootEmpty);
         return -1;
     }
     if (xmlStrcmp(root->name, BAD_CAST "SCL") != 0) {
-        std::fputs(qvtext::kRootNotScl, stderr);
+        qvreport::failure(QV_ERR_MODEL, "%s", qvtext::kRootNotScl);
         return -1;
     }
     if (readSclChildren(model, root) != 0) return -1;
     if (model.iedFilter != nullptr && model.giedVector.empty()) {
-        std::fprintf(stderr, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter, model.file);
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter,
+                          model.file);
         return -1;
     }
     return 0;
@@ -250,13 +252,13 @@ int readRoot(Model& model, xmlDocPtr doc) {
 
 int readICD(Model& model) {
     if (model.file == nullptr) {
-        std::fputs("SCL error: no file name given\n", stderr);
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no file name given\n");
         return -1;
     }
     long size = 0;
     xmlDocPtr doc = isReadableFile(model.file, &size) ? parseFile(model.file) : nullptr;
     if (doc == nullptr) {
-        std::fprintf(stderr, qvtext::kXmlParseFailed, model.file);
+        qvreport::failure(QV_ERR_MODEL, qvtext::kXmlParseFailed, model.file);
         return -1;
     }
     // How many data attributes the model of this file may have.

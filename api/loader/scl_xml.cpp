@@ -15,6 +15,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "internal/qvreport.h"
+
 namespace qvaddied {
 
 namespace {
@@ -65,9 +67,13 @@ void reportXmlError(void* parsedFile, xmlErrorPtr error) {
     while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
         message.pop_back();
     const char* file = error->file != nullptr ? error->file : static_cast<const char*>(parsedFile);
-    std::fprintf(stderr, "SCL %s: %s:%d: %s\n",
-                 error->level == XML_ERR_WARNING ? "warning" : "parse error", file, error->line,
-                 message.c_str());
+    // A warning is no failure: the load goes on and may succeed.
+    if (error->level == XML_ERR_WARNING)
+        qvreport::notice(QV_ERR_MODEL, false, "SCL warning: %s:%d: %s\n", file, error->line,
+                         message.c_str());
+    else
+        qvreport::failure(QV_ERR_MODEL, "SCL parse error: %s:%d: %s\n", file, error->line,
+                          message.c_str());
 }
 
 // libxml2 sets up its own globals on first use, and that set-up must not
@@ -91,7 +97,7 @@ bool isReadableFile(const char* file, long* size) {
             return true;
         }
     }
-    std::fprintf(stderr, "Cannot read %s: %s\n", file, std::strerror(reason));
+    qvreport::failure(QV_ERR_MODEL, "Cannot read %s: %s\n", file, std::strerror(reason));
     return false;
 }
 
@@ -130,8 +136,8 @@ Attribute::Attribute(xmlNodePtr element, const char* name) : element_(element), 
 
 bool Attribute::required() const {
     if (present_) return true;
-    std::fprintf(stderr, "SCL error: %s without attribute \"%s\"\n",
-                 reinterpret_cast<const char*>(element_->name), name_);
+    qvreport::failure(QV_ERR_MODEL, "SCL error: %s without attribute \"%s\"\n",
+                      reinterpret_cast<const char*>(element_->name), name_);
     return false;
 }
 

@@ -9,6 +9,7 @@
 
 #include "internal/qvbuildconfig.h"
 #include "internal/qvtexts.h"
+#include "internal/qvreport.h"
 #include "model.h"
 
 namespace qvaddied {
@@ -28,16 +29,16 @@ struct StoredReference {
 };
 
 void printPrepareError(sqlite3* db) {
-    std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(db));
+    qvreport::sqliteFailure(db, qvtext::kPrepareFailed);
 }
 
 void printStepError(sqlite3* db) {
-    std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(db));
+    qvreport::sqliteFailure(db, qvtext::kStepFailed);
 }
 
 bool execControl(sqlite3* db, const char* sql) {
     if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
-    std::fprintf(stderr, qvtext::kExecFailed, sqlite3_errmsg(db));
+    qvreport::sqliteFailure(db, qvtext::kExecFailed);
     return false;
 }
 
@@ -201,7 +202,7 @@ int writeModel(Model& model, long* attributes) {
 
 int addRealTimeDB(Model& model, long* attributes) {
     if (sqlite3_open(QV_REALTIME_DB_PATH, &model.g_sqliteDB) != SQLITE_OK) {
-        std::fprintf(stderr, qvtext::kLoaderOpenFailed, sqlite3_errmsg(model.g_sqliteDB));
+        qvreport::sqliteFailure(model.g_sqliteDB, qvtext::kLoaderOpenFailed);
         sqlite3_close(model.g_sqliteDB);
         model.g_sqliteDB = nullptr;
         return -1;

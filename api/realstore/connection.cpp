@@ -3,8 +3,10 @@
 // member queries and transaction control) and the checks every operation
 // makes before it touches it.
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -80,15 +82,28 @@ void switchToWal() {
         sqlite3_exec(s_sqliteDB, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
 }
 
+// A store that is missing or lacks the model tables was never made by
+// `qvtool init`; the open says so instead of making an empty file.
+bool storeMissing(int openResult) {
+    return openResult == SQLITE_CANTOPEN && access(QV_REALTIME_DB_PATH, F_OK) != 0;
+}
+
+bool tablesMissing() {
+    return std::strncmp(sqlite3_errmsg(s_sqliteDB), "no such table", 13) == 0;
+}
+
+int failOpen(int code, const char* why) {
+    qvreport::failure(code, "zq_openRealDB: %s %s: create it with qvtool init\n",
+                      QV_REALTIME_DB_PATH, why);
+    releaseConnection();
+    return -1;
+}
+
 }  // namespace
 
-void printPrepareError() {
-    std::fprintf(stderr, qvtext::kPrepareFailed, sqlite3_errmsg(s_sqliteDB));
-}
+void printPrepareError() { qvreport::sqliteFailure(s_sqliteDB, qvtext::kPrepareFailed); }
 
-void printStepError() {
-    std::fprintf(stderr, qvtext::kStepFailed, sqlite3_errmsg(s_sqliteDB));
-}
+void printStepError() { qvreport::sqliteFailure(s_sqliteDB, qvtext::kStepFailed); }
 
 int keptStatement(sqlite3_stmt*& slot, const char* sql) {
     if (slot != nullptr) return SQLITE_OK;
@@ -123,26 +138,33 @@ int zq_openRealDB(void) {
     if (s_sqliteDB != nullptr) return 0;
     // No connection mutex while the store lock keeps every thread but one
     // away from the connection: SQLite's own locking per call is then waste.
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                      (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
-    if (sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr) != SQLITE_OK) {
-        std::fprintf(stderr, qvtext::kOpenFailed, sqlite3_errmsg(s_sqliteDB));
+    // No SQLITE_OPEN_CREATE: only `qvtool init` makes the store.
+    const int flags =
+        SQLITE_OPEN_READWRITE | (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
+    const int opened = sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr);
+    if (storeMissing(opened)) return failOpen(QV_ERR_IO, "does not exist");
+    if (opened != SQLITE_OK) {
+        qvreport::sqliteFailure(s_sqliteDB, qvtext::kOpenFailed);
         releaseConnection();
         return -1;
     }
-    switchToWal();
+    // The prepares come first: they find a store without our tables before
+    // the journal mode is switched, which would write to it.
     const char* const sqls[] = {kSelectSql, kSelect1Sql, kUpdateSql, kUpdate1Sql};
     for (int i = 0; i < 4; ++i) {
         if (qvsql::prepareWithBusyRetry(s_sqliteDB, sqls[i], sharedStatements[i]) != SQLITE_OK) {
+            if (tablesMissing()) return failOpen(QV_ERR_CORRUPT, "has no model tables");
             printPrepareError();
             releaseConnection();
             return -1;
         }
     }
+    switchToWal();
     return 0;
 }
 
 int zq_closeRealDB(void) {
+    qvreport::succeeded();
     if (s_sqliteDB == nullptr) return 0;
     releaseConnection();
     return 0;

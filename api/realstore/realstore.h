@@ -93,7 +93,7 @@ struct ValueOut {
 };
 
 // Saves a key's value (and quality when given): 0, or -2 after a failed
-// step. A key without a row changes nothing and succeeds. Without the store
+// step. A key without a row changes nothing and gives 1. Without the store
 // lock the shared statement `byKey` saves by key.
 int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* byKey,
             bool lockHeld);
@@ -207,6 +207,7 @@ int lookupRow(const std::string& sql, Bind bind, void (*readRow)(sqlite3_stmt*, 
         found = true;
         return false;
     });
+    if (result == 0 && !found) qvreport::silentFailure(QV_ERR_NO_ROW, "no row matches\n");
     return result == 0 && found ? 0 : -1;
 }
 

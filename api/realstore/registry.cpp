@@ -144,7 +144,12 @@ int zq_getLTUInforById(int id, LTUInfor* pLTUInfor) {
         "select id,QVsoftware_version,QVhardware_version,SGsoftware_version,SGhardware_version,name,addr,failedcount,state,desc from LTUInfor where id=? ",
         [id](sqlite3_stmt* stmt) { bindValues(stmt, id); },
         [pLTUInfor](sqlite3_stmt* stmt) {
-            if (qvsql::stepAnnouncingBusy(stmt) != SQLITE_ROW) return -1;
+            const int rc = qvsql::stepAnnouncingBusy(stmt);
+            if (rc != SQLITE_ROW) {
+                qvreport::silentFailure(qvreport::codeOfSqlite(rc, nullptr),
+                                        "zq_getLTUInforById: no row read\n");
+                return -1;
+            }
             readRecord(stmt, *pLTUInfor);
             return 0;
         });

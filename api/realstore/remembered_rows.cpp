@@ -80,18 +80,22 @@ int saveRememberedRow(sqlite3_int64 key, double value, const int* quality) {
     return -1;
 }
 
-// Saves by key and remembers the row it changed: 0 (also when no row has
-// the key), -2 failed.
+// Saves by key and remembers the row it changed: 0, 1 when no row has the
+// key, -2 failed.
 int saveAndRememberRow(sqlite3_int64 key, double value, const int* quality) {
     sqlite3_stmt* const stmt = s_updateWithRow[quality != nullptr];
     const int index = bindValueAndQuality(stmt, value, quality);
     sqlite3_bind_int64(stmt, index, key);
     int rc;
-    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW)
+    bool changed = false;
+    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW) {
         rememberRow(key, sqlite3_column_int64(stmt, 0));
+        changed = true;
+    }
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
-    return rc == SQLITE_DONE ? 0 : -2;
+    if (rc != SQLITE_DONE) return -2;
+    return changed ? 0 : 1;
 }
 
 // ---- Reads --------------------------------------------------------------------
@@ -161,7 +165,8 @@ int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* b
     const int rc = stepWithBusyRetry(byKey);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(byKey);
-    return rc == SQLITE_DONE ? 0 : -2;
+    if (rc != SQLITE_DONE) return -2;
+    return sqlite3_changes(s_sqliteDB) > 0 ? 0 : 1;
 }
 
 int readKey(sqlite3_int64 key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld) {

@@ -57,6 +57,7 @@ void takeOverInitialisation(int semid) {
 // Only the process that creates the set frees it; an existing lock is never
 // reset, since another process may hold it.
 int initRealSem(void) {
+    qvreport::succeeded();
     const key_t key = static_cast<key_t>(QV_SEM_KEY);
     int semid = semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
     if (semid >= 0) {
@@ -120,13 +121,23 @@ int takeStoreLock() {
     }
 }
 
-}  // namespace
-
-void locksem(int semid) { takeLock(semid); }
-
-void unlocksem(int semid) {
+void releaseLock(int semid) {
     sembuf op{0, 1, SEM_UNDO};
     semop(semid, &op, 1);
+}
+
+}  // namespace
+
+void locksem(int semid) {
+    qvreport::succeeded();
+    takeLock(semid);
+}
+
+// The library's own operations release through releaseLock, which leaves
+// the last error that the operation set alone.
+void unlocksem(int semid) {
+    qvreport::succeeded();
+    releaseLock(semid);
 }
 
 namespace qvreal {
@@ -134,7 +145,7 @@ namespace qvreal {
 StoreLock::StoreLock() : semid_(takeStoreLock()) {}
 
 StoreLock::~StoreLock() {
-    if (semid_ != -1) unlocksem(semid_);
+    if (semid_ != -1) releaseLock(semid_);
 }
 
 }  // namespace qvreal

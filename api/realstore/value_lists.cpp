@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "internal/qvsqlite.h"
+#include "internal/qvreport.h"
 #include "internal/qvtexts.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
@@ -59,14 +60,15 @@ enum class TransactionStep { Begin, Commit };
 
 void printTransactionFailure(TransactionStep step, bool withQuality, int rc, const char* text) {
     if (text == nullptr) text = "";
+    const int code = qvreport::codeOfSqlite(rc, text);
     if (step == TransactionStep::Begin && withQuality)
-        std::fprintf(stderr, qvtext::kSaveList1BeginFailed, rc, text);
+        qvreport::failure(code, qvtext::kSaveList1BeginFailed, rc, text);
     else if (step == TransactionStep::Begin)
-        std::fprintf(stderr, qvtext::kSaveListBeginFailed, rc, text);
+        qvreport::failure(code, qvtext::kSaveListBeginFailed, rc, text);
     else if (withQuality)
-        std::fprintf(stderr, qvtext::kSaveList1CommitFailed, text);
+        qvreport::failure(code, qvtext::kSaveList1CommitFailed, text);
     else
-        std::fprintf(stderr, qvtext::kSaveListCommitFailed, rc, text);
+        qvreport::failure(code, qvtext::kSaveListCommitFailed, rc, text);
 }
 
 // Runs the begin or the commit of a save list. The begin takes the write
@@ -110,7 +112,7 @@ int abandonSave() {
 // changes nothing and succeeds.
 bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
                  const int* quality, bool lockHeld) {
-    return saveKey(rowKey(reference), value, quality, stmt, lockHeld) == 0;
+    return saveKey(rowKey(reference), value, quality, stmt, lockHeld) >= 0;
 }
 
 // Reads one element (with the quality when asked for): true when read or
@@ -170,7 +172,7 @@ int forEachMember(const char* iedName, const char* dataSetName, OnMember onMembe
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
     }
-    if (result != 0) std::fputs(qvtext::kDataSetMembersFailed, stderr);
+    if (result != 0) qvreport::failure(qvreport::t_lastCode, "%s", qvtext::kDataSetMembersFailed);
     return result;
 }
 
@@ -198,8 +200,9 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
         return abandonSave();
     if (count > members) {
-        std::fprintf(stderr, "%s: %d values given, data set %.*s has %d members\n", operation,
-                     count, kEchoedNameMax, dataSetName != nullptr ? dataSetName : "", members);
+        qvreport::failure(QV_ERR_ARGUMENT, "%s: %d values given, data set %.*s has %d members\n",
+                          operation, count, kEchoedNameMax,
+                          dataSetName != nullptr ? dataSetName : "", members);
         return -1;
     }
     return 0;

@@ -8,21 +8,33 @@
 
 using namespace qvreal;
 
-unsigned int RSHash(const char* str, unsigned int len) { return qvkey::rsHash(str, len); }
+unsigned int RSHash(const char* str, unsigned int len) {
+    qvreport::succeeded();
+    return qvkey::rsHash(str, len);
+}
 
 namespace {
+
+// Saves and reads say nothing when the reference has no value row.
+void reportNoRow(const char* operation, const char* daName) {
+    qvreport::silentFailure(QV_ERR_NO_ROW, "%s: no value row for %.256s\n", operation, daName);
+}
 
 int saveValue(sqlite3_stmt* stmt, const char* daName, double val, const int* character,
               const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
-    return saveKey(rowKey(daName), val, character, stmt, lock.held()) == 0 ? 0 : -1;
+    const int saved = saveKey(rowKey(daName), val, character, stmt, lock.held());
+    if (saved == 1) reportNoRow(operation, daName);
+    return saved >= 0 ? 0 : -1;
 }
 
 int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
-    return readKey(rowKey(daName), out, stmt, lock.held()) == 0 ? 0 : -1;
+    const int read = readKey(rowKey(daName), out, stmt, lock.held());
+    if (read == -1) reportNoRow(operation, daName);
+    return read == 0 ? 0 : -1;
 }
 
 }  // namespace
