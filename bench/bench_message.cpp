@@ -165,7 +165,7 @@ Payload samplePayload() {
 // receiver's acknowledgement whenever one is due, so every record counted
 // was delivered.
 template <typename Payload>
-void sendDelivered(benchmark::State& state, const Receiver& receiver, int (*send)(Payload*),
+void sendDelivered(benchmark::State& state, const Receiver& receiver, int (*send)(const Payload*),
                    Payload* payload, int perIteration) {
     int unacknowledged = 0;
     for (auto _ : state) {
@@ -181,7 +181,7 @@ void sendDelivered(benchmark::State& state, const Receiver& receiver, int (*send
     state.SetItemsProcessed(state.iterations() * perIteration);
 }
 
-template <typename Payload, int (*Send)(Payload*)>
+template <typename Payload, int (*Send)(const Payload*)>
 void LibraryMessages(benchmark::State& state, int perIteration, int ackEvery) {
     const BurstQueueLimit limit;
     removeQueue(kSelfNo);
@@ -211,7 +211,7 @@ struct alignas(long) BareRecord {
 int g_bareQueue = -1;
 
 // Waits in the kernel when the queue is full, so that no record is lost.
-int bareSend(BareRecord* buffer) { return msgsnd(g_bareQueue, buffer, sizeof(MSGINFO), 0); }
+int bareSend(const BareRecord* buffer) { return msgsnd(g_bareQueue, buffer, sizeof(MSGINFO), 0); }
 
 // The same 1192-byte queue message, without routes, zeroing or copying.
 void BareMessages(benchmark::State& state, int perIteration, int ackEvery) {
