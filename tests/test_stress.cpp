@@ -260,12 +260,16 @@ TEST_F(Stress, NineProcessesLoseNoUpdateReadNothingTornAndLoadsLandWholeOrNotAtA
 TEST_F(Stress, LockedWorkWaitsThroughSignalsGoesOnWhenTheHolderIsKilledAndLosesNothing) {
     const std::string counter = ref(0, 'n'), incremented = ref(1, 'n');
     const int kIncrements = 150;
+    // The holder says when it holds the lock: a set just made holds 0 too,
+    // until its maker frees it.
     const size_t holder = start([] {
         locksem(semget(QV_SEM_KEY, 1, 0666));
+        stopFlag->store(-1);
         pause();
         return true;
     });
-    ASSERT_TRUE(qvtest::eventually([] { return qvtest::storeLockValue() == 0; }));
+    ASSERT_TRUE(qvtest::eventually([] { return stopFlag->load() == -1; }));
+    stopFlag->store(0);
     const size_t saver = start([&counter] {
         struct sigaction action {};
         action.sa_handler = [](int) { stopFlag->fetch_add(1); };
