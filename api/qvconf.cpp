@@ -9,8 +9,12 @@
 #include "qvconf.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +35,33 @@ using qvsql::copyColumnText;
 namespace {
 
 sqlite3* s_sqliteDB = nullptr;
+
+// ---- A busy store, waited for within a bound ------------------------------------
+
+// Repeats call() while the store is busy, every kBusyPauseMicros, for at
+// most QV_CONF_BUSY_WAIT_MS; `announce` puts a line on stdout before each
+// pause. The last result stays SQLITE_BUSY when the wait ran out.
+template <typename Call>
+int whileBusy(const Call& call, bool announce = false) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(QV_CONF_BUSY_WAIT_MS);
+    int rc;
+    while ((rc = call()) == SQLITE_BUSY && std::chrono::steady_clock::now() < deadline) {
+        if (announce) qvreport::notice(QV_ERR_BUSY, true, "%s\n", qvtext::kStepBusy);
+        usleep(qvsql::kBusyPauseMicros);
+    }
+    return rc;
+}
+
+int stepWithinBound(sqlite3_stmt* stmt) {
+    return whileBusy([stmt] { return sqlite3_step(stmt); });
+}
+int stepWithinBoundAnnouncing(sqlite3_stmt* stmt) {
+    return whileBusy([stmt] { return sqlite3_step(stmt); }, true);
+}
+int prepareWithinBound(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
+    return whileBusy([=] { return sqlite3_prepare_v2(db, sql, -1, stmt, nullptr); });
+}
 
 
 // ---- SQL texts ------------------------------------------------------------------
@@ -176,7 +207,7 @@ int execute(Query query, const RowHandler& onRow) {
     if (!prepareParams(query)) return -1;
     const qvsql::QueryRunner runner{
         s_sqliteDB, query.prepareError,
-        query.announceBusy ? qvsql::stepAnnouncingBusy : qvsql::stepWithBusyRetry};
+        query.announceBusy ? stepWithinBoundAnnouncing : stepWithinBound, prepareWithinBound};
     return runner.queryRows(
         query.sql, [&query](sqlite3_stmt* stmt) { bindParams(stmt, query.params); }, onRow);
 }
@@ -327,16 +358,28 @@ int readFirstRow(const Query& query, Record* record) {
 
 // ---- Connection, processes, scales, routes ------------------------------------------
 
+// The store is provisioned elsewhere: a missing file is not created.
 int zq_openConfDB(void) {
     qvreport::succeeded();
     if (s_sqliteDB != nullptr) return 0;
-    if (sqlite3_open(QV_CONF_DB_PATH, &s_sqliteDB) != SQLITE_OK) {
+    struct stat info;
+    if (stat(QV_CONF_DB_PATH, &info) != 0 && errno == ENOENT) {
+        qvreport::failure(QV_ERR_NOT_OPEN, "no configuration store at %s\n", QV_CONF_DB_PATH);
+        return -1;
+    }
+    if (sqlite3_open_v2(QV_CONF_DB_PATH, &s_sqliteDB, SQLITE_OPEN_READWRITE, nullptr) !=
+        SQLITE_OK) {
         qvreport::sqliteFailure(s_sqliteDB, qvtext::kOpenFailed);
         // Drop the failed handle so that the next open tries again.
         sqlite3_close(s_sqliteDB);
         s_sqliteDB = nullptr;
         return -1;
     }
+    // Readers never wait for a writer in the write-ahead log. An older store
+    // is switched when it can be at once (no other connection on it, a
+    // writable file); otherwise it keeps its journal, and readers wait for
+    // writers within the bound.
+    sqlite3_exec(s_sqliteDB, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     return 0;
 }
 

@@ -20,9 +20,19 @@
  * A lookup of one record fills it from the first matching row in table order
  * and returns -1 without a message, leaving it untouched, when no row
  * matches; so does every query by process name for a name that
- * ProcessConfig lacks. A busy store is waited for at every step; the lists
- * of processes announce each pause with a line on standard output,
- * "sqlite3_step SQLITE_BUSY".
+ * ProcessConfig lacks.
+ *
+ * zq_openConfDB opens an existing store only: a missing file is -1 with the
+ * line "no configuration store at PATH" (QV_ERR_NOT_OPEN), and nothing is
+ * created. It puts the store in write-ahead-log mode (the shipped schema and
+ * qvtool init create it so), where readers never wait for a writer; an older
+ * store that cannot be switched at once (another connection on it, a
+ * read-only file) keeps its journal. A busy store is waited for at the
+ * prepare and at every step, every 2 ms for at most QV_CONF_BUSY_WAIT_MS;
+ * the lists of processes announce each pause with a line on standard
+ * output, "sqlite3_step SQLITE_BUSY". A store still busy then fails the
+ * query with -1, its prepare or step line ("... database is locked") and
+ * QV_ERR_BUSY: never taken for a missing row.
  *
  * Threads: the queries may be called from several threads of one process
  * (SQLite serialises them on the one connection); open before the threads
@@ -30,19 +40,26 @@
  *
  * Codes that the operations leave in zq_lastErrorCode (see qverror.h):
  * - QV_ERR_ARGUMENT: a required pointer or text is NULL.
- * - QV_ERR_NOT_OPEN: a query before zq_openConfDB.
+ * - QV_ERR_NOT_OPEN: a query before zq_openConfDB; zq_openConfDB on a
+ *   missing file.
  * - QV_ERR_NO_ROW: a lookup without a row, or a query by a process name
  *   that ProcessConfig lacks (-1, no line).
  * - QV_ERR_CORRUPT: the file is not a database or lacks the table.
  * - QV_ERR_PERMISSION: zq_setProcessMiscValue on a store that may not be written.
- * - QV_ERR_BUSY, QV_ERR_FULL, QV_ERR_IO, QV_ERR_INTERNAL: SQLite's other
- *   failures, by their cause.
+ * - QV_ERR_BUSY: the store stayed busy past QV_CONF_BUSY_WAIT_MS.
+ * - QV_ERR_FULL, QV_ERR_IO, QV_ERR_INTERNAL: SQLite's other failures, by
+ *   their cause.
  */
 #ifndef QVCONF_H
 #define QVCONF_H
 
 #include "qverror.h"
 #include "qvexport.h"
+
+/** How long a query waits for a busy store, in milliseconds. */
+#ifndef QV_CONF_BUSY_WAIT_MS
+#define QV_CONF_BUSY_WAIT_MS 5000
+#endif
 
 #ifdef __cplusplus
 extern "C" {

@@ -245,42 +245,82 @@ void reportLostToFullQueue(int receiver, int kind, bool stalled) {
                       receiver, reason, kind);
 }
 
+// A record lost for one receiver for a reason other than a full queue: one
+// line, with the call that failed and the system's reason; always -1.
+int reportLost(const char* call, int error, int receiver, int kind) {
+    qvreport::failure(qvreport::codeOfErrno(error),
+                      "%s failed: the queue of process %d: %s; message of kind %d lost\n", call,
+                      receiver, std::strerror(error), kind);
+    return -1;
+}
+
 // The receiver's queue of a route: the one kept, or opened (created when
 // absent) when there is none yet or `reopen` says the kept one is gone; -1
-// after a failed open, which is reported.
+// (errno set) after a failed open.
 int routeQueue(RouteState& route, int receiver, bool reopen) {
     if (!reopen && route.queueId != -1) return route.queueId;
     const int msgid = msgget(queueKeyOf(receiver), kQueueFlags);
-    if (msgid == -1) qvreport::systemFailure(qvtext::kQueueOpenFailed);
     route.queueId = msgid;
     return msgid;
 }
 
-// Sends the record along route i: 0, or -1 when the receiver's queue stayed
-// full and the record is lost for it. Other failures are reported and cost
-// the record without changing the result.
+// Sends the record along route i: 0, or -1, with one line saying why, when
+// the record is lost for that receiver.
 int sendAlongRoute(int i, SendBuffer& buffer) {
     const int receiver = s_pAssociations[i].recvProcessNo;
+    const int kind = buffer.record.msgType;
     RouteState& route = s_routeStates[i];
     const bool stalled = route.stalled;
     const bool kept = route.queueId != -1;
     int msgid = routeQueue(route, receiver, false);
-    if (msgid == -1) return 0;
+    if (msgid == -1) return reportLost("msgget", errno, receiver, kind);
     int error = putOnQueue(msgid, buffer, stalled) == 0 ? 0 : errno;
     // A kept queue that was removed since: open the receiver's queue anew.
     if (kept && (error == EINVAL || error == EIDRM)) {
         msgid = routeQueue(route, receiver, true);
-        if (msgid == -1) return 0;
+        if (msgid == -1) return reportLost("msgget", errno, receiver, kind);
         error = putOnQueue(msgid, buffer, stalled) == 0 ? 0 : errno;
     }
     route.stalled = error == EAGAIN;
     if (error == 0) return 0;
-    if (error != EAGAIN) {
-        errno = error;
-        qvreport::systemFailure(qvtext::kSendFailed);
-        return 0;
-    }
-    reportLostToFullQueue(receiver, buffer.record.msgType, stalled);
+    if (error != EAGAIN) return reportLost("msgsnd", error, receiver, kind);
+    reportLostToFullQueue(receiver, kind, stalled);
+    return -1;
+}
+
+// The payload field whose first four bytes become the high half of the
+// queue's type field, by kind; the three int fields are marked.
+struct TypeFieldSource {
+    const char* field;
+    bool isInt;
+};
+constexpr TypeFieldSource kTypeFieldSource[] = {
+    {"", false},
+    {"MSGFILE.iedName", false},     {"SOEINFO.type", true},
+    {"PROTECTINFO.strDa", false},   {"SBODOSAVEINFO.minutes", true},
+    {"GENERALMSG.type", true},      {"SBOCTRL.strDa", false},
+    {"SBOCTRLRET.strDa", false},    {"DIGITALOUT.strDa", false},
+    {"DIGITALOUTRET.strDa", false}, {"FAULTINFO.strDa", false},
+    {"TOPOINFO.strDa", false},      {"REGISTERINFO.devcieid", false},
+    {"UPDATEFILE.iedName", false}};
+
+// The kernel takes only a positive type: a record whose type field comes out
+// negative can go to no queue. Says which field makes it so; -1.
+int reportNegativeType(const SendBuffer& buffer, const char* operation) {
+    const int kind = buffer.record.msgType;
+    const TypeFieldSource& source = kTypeFieldSource[kind];
+    int leading = 0;
+    std::memcpy(&leading, &buffer.record.msgInfo, sizeof leading);
+    char why[64];
+    if (source.isInt)
+        std::snprintf(why, sizeof why, "is %d", leading);
+    else
+        std::snprintf(why, sizeof why, "has a fourth byte of %d (128 or more)",
+                      static_cast<unsigned char>(reinterpret_cast<const char*>(&leading)[3]));
+    qvreport::failure(QV_ERR_ARGUMENT,
+                      "%s: %s %s, which makes the queue type negative; message of kind %d not "
+                      "sent\n",
+                      operation, source.field, why, kind);
     return -1;
 }
 
@@ -302,16 +342,20 @@ int reportNoRoutes(const char* operation) {
 // other routes are served all the same).
 template <typename Payload>
 int sendKind(MsgType kind, const Payload* payload, const char* operation) {
-    if (!argumentGiven(payload, operation)) return 0;
+    if (!argumentGiven(payload, operation)) return -1;
     if (s_pAssociations == nullptr) return reportNoRoutes(operation);
     SendBuffer buffer;
     std::memset(&buffer, 0, sizeof buffer);
     buffer.record.msgType = kind;
     std::memcpy(&buffer.record.msgInfo, payload, sizeof(Payload));
     const int kindBit = 1 << (kind - 1);
+    long typeField = 0;
+    std::memcpy(&typeField, &buffer, sizeof typeField);
     int result = 0;
     for (int i = 0; i < s_count; ++i) {
-        if ((s_pAssociations[i].msgType & kindBit) && sendAlongRoute(i, buffer) != 0) result = -1;
+        if (!(s_pAssociations[i].msgType & kindBit)) continue;
+        if (typeField <= 0) return reportNegativeType(buffer, operation);
+        if (sendAlongRoute(i, buffer) != 0) result = -1;
     }
     return result;
 }
@@ -355,12 +399,28 @@ void recoverFromReceiveFailure(int error, int failedId) {
     usleep(kReceiveRetryPauseMicros);
 }
 
+// Takes the next record off the queue, waiting for one. A record longer
+// than the buffer is taken too, cut to the buffer's size, and said so; it
+// must not stay at the head of the queue, where it would block every record
+// behind it.
+ssize_t receive(int msgid, ReceiveBuffer& buffer) {
+    const ssize_t received = msgrcv(msgid, &buffer, kReceiveTextSize, 0, 0);
+    if (received != -1 || errno != E2BIG) return received;
+    const ssize_t cut = msgrcv(msgid, &buffer, kReceiveTextSize, 0, MSG_NOERROR | IPC_NOWAIT);
+    if (cut == -1 && errno == ENOMSG) return receive(msgid, buffer);  // another loop took it
+    if (cut != -1)
+        qvreport::notice(QV_ERR_ARGUMENT, false,
+                         "msgrcv: a message longer than %zu bytes was cut to %zu bytes\n",
+                         kReceiveTextSize, kReceiveTextSize);
+    return cut;
+}
+
 [[noreturn]] void receiveLoop() {
     ReceiveBuffer buffer;
     for (;;) {
         std::memset(buffer.bytes, 0, sizeof(MSGINFO));
         const int msgid = s_msgid;
-        if (msgrcv(msgid, &buffer, kReceiveTextSize, 0, 0) == -1) {
+        if (receive(msgid, buffer) == -1) {
             const int error = errno;
             qvreport::systemFailure(qvtext::kReceiveFailed);
             recoverFromReceiveFailure(error, msgid);
@@ -477,7 +537,7 @@ int zq_subscriberMsg_async(funptr callback) {
 }
 
 int zq_sendMsg(const MSGINFO* lpMsgInfo) {
-    if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return 0;
+    if (!argumentGiven(lpMsgInfo, "zq_sendMsg")) return -1;
     const UNIONMSG* payload = &lpMsgInfo->msgInfo;
     switch (lpMsgInfo->msgType) {
         case MSGFILE_TYPE: return zq_sendFileMsg(&payload->msgFile);

@@ -8,12 +8,14 @@
  * System V queues, so every size and offset below is fixed.
  *
  * Codes that the operations leave in zq_lastErrorCode (see qverror.h):
- * - QV_ERR_ARGUMENT: a NULL record or callback; a process name too long.
+ * - QV_ERR_ARGUMENT: a NULL record or callback; a process name too long; a
+ *   record whose queue type comes out negative (the send returns -1).
  * - QV_ERR_NO_ROUTE: a send before zq_publisherMsg (the send returns 0 and
  *   the first one of the process says so in a line); zq_publisherMsg or a
  *   subscribe for a process name that ProcessConfig lacks.
  * - QV_ERR_FULL: a receiver's queue stayed full and the record was lost.
- * - QV_ERR_PERMISSION, QV_ERR_IO: a queue or /proc/self could not be used.
+ * - QV_ERR_PERMISSION, QV_ERR_IO: a queue or /proc/self could not be used
+ *   (a send returns -1: the record was lost for that receiver).
  * - and the codes of qvconf.h from the configuration store it opens.
  */
 #ifndef QVMESSAGE_H
@@ -281,7 +283,10 @@ QV_API int zq_publisherMsg(void);
    0, or -1 for a name longer than the field. Call it before zq_publisherMsg. */
 QV_API int zq_setProcessName(const char* name);
 /** A subscriber raises its queue's capacity to 1000 records; when the system
- * does not allow that, it says once on standard error what it got. */
+ * does not allow that, it says once on standard error what it got. A message
+ * longer than the 8192-byte receive text (where the system's msgmax allows
+ * one) is taken all the same, cut to 8192 bytes (MSG_NOERROR), with a line
+ * saying so; the callback gets its first 1192 bytes. */
 QV_API int zq_subscriberMsg_sync(funptr callback);
 QV_API int zq_subscriberMsg_async(funptr callback);
 
@@ -292,7 +297,15 @@ QV_API int zq_subscriberMsg_async(funptr callback);
  * record is lost for that receiver, a line naming it goes to standard error
  * and the send returns -1 once every route was served. Until a record gets
  * through to that receiver again, its further records are tried once
- * without waiting. Otherwise the result is 0. */
+ * without waiting. Any other reason that a record cannot be queued for a
+ * receiver (its queue cannot be opened or the kernel refuses the record)
+ * also costs that receiver the record with one line, and the send returns
+ * -1. A record whose first four payload bytes make the queue's type field
+ * negative (a negative SOEINFO.type, SBODOSAVEINFO.minutes or
+ * GENERALMSG.type, or a fourth byte of 128 or more in the leading text, as
+ * in MSGFILE.iedName "变电站1") goes to no queue: the send returns -1 with a
+ * line naming that field. A NULL record returns -1. Otherwise the result is
+ * 0. */
 /** @{ */
 QV_API int zq_sendMsg(const MSGINFO* lpMsgInfo);
 QV_API int zq_sendFileMsg(const MSGFILE* msgFile);

@@ -215,7 +215,7 @@ QV_API int zq_getDataSetSubsByParamsN(const char* iedName, const char* dsName,
  * The data-set operations address the members of zq_getDataSetSubsByParams
  * with the IED and data set names, in its order; iedName or dataSetName NULL
  * leaves that condition out. A data-set save with more values than members
- * writes the members' values and then returns -1 with a line saying how many
+ * writes nothing and returns -1 (QV_ERR_ARGUMENT) with a line saying how many
  * members the set has; one with fewer values writes the first `count`
  * members. */
 /** @{ */

@@ -1,6 +1,10 @@
 -- Configuration store: processes, scales, message routes, point mappings and
 -- per-process settings. The gateway's provisioning fills it.
 
+-- In the write-ahead log, readers never wait for provisioning or for the
+-- settings writer.
+PRAGMA journal_mode=WAL;
+
 CREATE TABLE IF NOT EXISTS ProcessConfig (
   no              INTEGER NOT NULL,
   processName     TEXT NOT NULL DEFAULT '',

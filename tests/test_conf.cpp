@@ -1,8 +1,10 @@
 // Configuration store: connection, the query shapes over the sample gateway's
 // configuration, and the settings write seen across processes.
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -233,18 +235,54 @@ TEST_F(ConfStore, NullArgumentsAndAClosedStoreAreRefused) {
 TEST_F(ConfStore, AFailedOpenIsTriedAgain) {
     zq_closeConfDB();
     qvtest::removeStore(confDbPath());
+    CaptureStderr();  // a missing store is not created
+    EXPECT_EQ(zq_openConfDB(), -1);
+    EXPECT_EQ(zq_lastErrorCode(), QV_ERR_NOT_OPEN);
+    EXPECT_EQ(GetCapturedStderr(), "no configuration store at " + confDbPath() + "\n");
+    EXPECT_NE(access(confDbPath().c_str(), F_OK), 0);
     ASSERT_EQ(mkdir(confDbPath().c_str(), 0755), 0);  // a directory cannot be opened
     CaptureStderr();
     EXPECT_EQ(zq_openConfDB(), -1);
     EXPECT_EQ(GetCapturedStderr(), "Can't open database: unable to open database file\n");
     ASSERT_EQ(rmdir(confDbPath().c_str()), 0);
     qvtest::freshConfStore();
+    qvtest::execSql(confDbPath(), "PRAGMA journal_mode=DELETE");  // an older store: switched
     ASSERT_EQ(zq_openConfDB(), 0);
     EXPECT_EQ(counted(zq_getScaleConfigsNum), "0/0");
+    EXPECT_EQ(qvtest::query(confDbPath(), "PRAGMA journal_mode"), qvtest::Rows{{"wal"}});
 }
 
-// The process list waits out a writer, printing a line before each pause.
+// A provisioning write held open: readers, one that has queried and one
+// freshly opened, answer at once; the settings writer waits out the bound
+// and then says that the store is busy.
+TEST_F(ConfStore, ReadersAnswerAtOnceDuringAHeldProvisioningWrite) {
+    int no = 0;
+    ASSERT_EQ(zq_getProcessNoByName("qvacq", &no), 0);
+    sqlite3* provisioning = nullptr;
+    ASSERT_EQ(sqlite3_open(confDbPath().c_str(), &provisioning), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(provisioning, "begin immediate; insert into ProcessConfig values(9,'x','')",
+                           nullptr, nullptr, nullptr), SQLITE_OK);
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(zq_getProcessNoByName("qvacq", &no), 0);
+    zq_closeConfDB();
+    ASSERT_EQ(zq_openConfDB(), 0);
+    EXPECT_EQ(counted(zq_getAllProcessConfigsNum), "0/4");
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(QV_CONF_BUSY_WAIT_MS / 2));
+    const ProcessMisc misc{};
+    CaptureStderr();
+    EXPECT_EQ(zq_setProcessMiscValue("qvacq", "period", &misc), -1);
+    EXPECT_EQ(zq_lastErrorCode(), QV_ERR_BUSY);
+    EXPECT_EQ(GetCapturedStderr(), "sqlite3_step err database is locked\n");
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(QV_CONF_BUSY_WAIT_MS));
+    sqlite3_exec(provisioning, "commit", nullptr, nullptr, nullptr);
+    sqlite3_close(provisioning);
+}
+
+// A store kept in its rollback journal (another reader was on it at the open):
+// the process list waits out a writer, printing a line before each pause.
 TEST_F(ConfStore, TheProcessListWaitsOutAWriter) {
+    qvtest::openInRollbackMode(confDbPath(), zq_closeConfDB, zq_openConfDB);
     EXPECT_EQ(counted(zq_getAllProcessConfigsNum), "0/4");  // schema read before the lock
     ProcessConfig processes[4];
     int count = 0, result = -1;

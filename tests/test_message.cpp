@@ -168,10 +168,13 @@ protected:
     // system does not allow it.
     bool useQueueLimit(msglen_t bytes) {
         savedIpc_ = open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC);
-        if (savedIpc_ == -1 || unshare(CLONE_NEWIPC) != 0) return false;
-        FILE* limit = std::fopen("/proc/sys/kernel/msgmnb", "w");
+        return savedIpc_ != -1 && unshare(CLONE_NEWIPC) == 0 && setLimit("msgmnb", bytes);
+    }
+    // Sets a queue limit of the test's IPC namespace (msgmnb, msgmax).
+    static bool setLimit(const char* name, unsigned long value) {
+        FILE* limit = std::fopen((std::string("/proc/sys/kernel/") + name).c_str(), "w");
         if (limit == nullptr) return false;
-        std::fprintf(limit, "%lu\n", static_cast<unsigned long>(bytes));
+        std::fprintf(limit, "%lu\n", value);
         return std::fclose(limit) == 0;
     }
     static void configure(int no, const std::string& name) {
@@ -267,10 +270,16 @@ TEST_F(MessageBus, TypeFieldHoldsTheKindAndFourPayloadBytesAndUnknownKindsAndStr
     ASSERT_TRUE(takeMessage(6, &message));  // the first on the queue
     EXPECT_EQ(message.type, 4294967298L);
     EXPECT_EQ(std::memcmp(&message, &sent, sizeof sent), 0);
-    // A negative type field: the kernel refuses every send of the record.
-    sent.msgInfo.soeInfo.type = -1;
-    EXPECT_EQ(sender.command('K', sent), 0);
-    EXPECT_EQ(sender.command('M', sent), 0);
+    // A negative type field: no queue takes the record; -1 and the field named.
+    MSGINFO negative[3] = {sent, sent, {}};
+    negative[0].msgInfo.soeInfo.type = -1;
+    negative[1].msgInfo.soeInfo.type = INT_MIN;
+    negative[2].msgType = MSGFILE_TYPE;
+    std::strcpy(negative[2].msgInfo.msgFile.iedName, "变电站1");
+    for (const MSGINFO& record : negative) {
+        EXPECT_EQ(sender.command('K', record), -1);
+        EXPECT_EQ(sender.command('M', record), -1);
+    }
     EXPECT_FALSE(takeMessage(6, &message));
     // A process no longer configured loads no routes and sends nothing.
     qvtest::execSql(qvtest::confDbPath(), "delete from ProcessConfig where no=1");
@@ -278,8 +287,16 @@ TEST_F(MessageBus, TypeFieldHoldsTheKindAndFourPayloadBytesAndUnknownKindsAndStr
     sent.msgInfo.soeInfo.type = 1;
     EXPECT_EQ(sender.command('K', sent), 0);
     EXPECT_FALSE(takeMessage(6, &message));
+    const std::string negativeSoe = "SOEINFO.type is -1, which makes the queue type negative; "
+                                    "message of kind 2 not sent\n",
+                      lowestSoe = "SOEINFO.type is -2147483648, which makes the queue type "
+                                  "negative; message of kind 2 not sent\n",
+                      file = "zq_sendFileMsg: MSGFILE.iedName has a fourth byte of 231 (128 or "
+                             "more), which makes the queue type negative; message of kind 1 not "
+                             "sent\n";
     EXPECT_EQ(sender.stop().err,
-              "msgsnd failed\n: Invalid argument\nmsgsnd failed\n: Invalid argument\n"
+              "zq_sendSoeMsg: " + negativeSoe + "zq_sendSoeMsg: " + negativeSoe +
+              "zq_sendSoeMsg: " + lowestSoe + "zq_sendSoeMsg: " + lowestSoe + file + file +
               "no process named \"qv_msg_peer publisher\" in ProcessConfig (see zq_setProcessName)\n"
               "zq_sendSoeMsg: no routes loaded (call zq_publisherMsg first); nothing sent\n");
     // A subscriber the store does not know fails without creating a queue.
@@ -302,6 +319,30 @@ TEST_F(MessageBus, BurstOf1000ReachesSyncAndAsyncSubscribersWholeAndInOrder) {
     for (Peer* subscriber : {&syncSubscriber, &asyncSubscriber})
         expectWholeBurst(*subscriber, burst, kBurst);
     EXPECT_EQ(sender.stop().err, "");
+}
+
+// Where the system allows longer messages, one of 9000 bytes reaches the
+// callback cut to the receive buffer, said in one line; the next one follows.
+TEST_F(MessageBus, ARecordLongerThanTheReceiveBufferIsCutAndDoesNotBlockTheQueue) {
+    configure(2, "qv_msg_peer 2");
+    USE_QUEUE_LIMIT(kBurstBytes);
+    ASSERT_TRUE(setLimit("msgmax", 16384));
+    struct {
+        long type;
+        char text[9000];
+    } big;
+    big.type = GENERALMSG_TYPE;
+    std::memset(big.text, 'b', sizeof big.text);
+    ASSERT_EQ(msgsnd(queueId(2, IPC_CREAT | 0666), &big, sizeof big.text, IPC_NOWAIT), 0);
+    ASSERT_TRUE(sendFence(2));
+    Peer subscriber("sync", {"2"});
+    MSGINFO received, fence;
+    ASSERT_TRUE(subscriber.nextRecord(&received) && subscriber.nextRecord(&fence));
+    EXPECT_EQ(received.msgType, GENERALMSG_TYPE);
+    EXPECT_EQ(std::string(received.msgInfo.generalMsg.buf, 4), "bbbb");
+    EXPECT_EQ(fence.msgType, kFenceKind);
+    EXPECT_EQ(subscriber.stop().err,
+              "msgrcv: a message longer than 8192 bytes was cut to 8192 bytes\n");
 }
 
 // The subscriber is stopped (SIGSTOP) once subscribed: its queue keeps the

@@ -239,15 +239,18 @@ TEST_F(ModelStore, DataSetValueCountsThatDoNotMatchTheMembers) {
     EXPECT_EQ(GetCapturedStderr(), "");
     EXPECT_EQ(count, 0);
     EXPECT_EQ(got[0], -1);
-    // Fewer values write the first members; more write every member and fail.
+    // Fewer values write the first members; more write nothing and fail.
     const double values[] = {7, 8, 9, 10, 11};
     const int qualities[] = {1, 1, 1, 1, 1};
     ASSERT_EQ(zq_saveDAValuesByDataSet("IED1", "dsA", values, 2), 0);
     CaptureStderr();
     EXPECT_EQ(zq_saveDAValues1ByDataSet("IED1", "dsB", values, qualities, 5), -1);
     EXPECT_EQ(GetCapturedStderr(),
-              "zq_saveDAValues1ByDataSet: 5 values given, data set dsB has 2 members\n");
-    EXPECT_EQ(stored({kTotW1, kHz1, kInd1, kInd2, kHealth}), "7.0|0 8.0|0 0.0|0 7.0|1 8.0|1");
+              "zq_saveDAValues1ByDataSet: 5 values given, data set dsB has 2 members; "
+              "nothing saved\n");
+    EXPECT_EQ(stored({kTotW1, kHz1, kInd1, kInd2, kHealth}), "7.0|0 8.0|0 0.0|0 0.0|0 0.0|0");
+    ASSERT_EQ(zq_saveDAValues1ByDataSet("IED1", "dsB", values, qualities, 2), 0);
+    EXPECT_EQ(stored({kInd2, kHealth}), "7.0|1 8.0|1");
     // Read in member order: a member without a value row is counted and its
     // elements are left as they were.
     execSql(realDbPath(), "delete from DAValue where hashID=" + key(kInd2));

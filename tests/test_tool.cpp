@@ -2,6 +2,7 @@
 // writes and the exit codes that scripts rely on.
 #include <fcntl.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <unistd.h>
@@ -80,6 +81,7 @@ TEST_F(Tool, InitCreatesBothStoresAndRunsAConfSampleOnceAndWhole) {
                            confDbPath() + ": created\nconfiguration store " + confDbPath() + ": " +
                            sample + " run\n");
     EXPECT_EQ(processes(), 4);
+    EXPECT_EQ(query(confDbPath(), "PRAGMA journal_mode"), Rows{{"wal"}});
     // Again the sample is refused instead of doubled; one failing half way leaves nothing.
     const std::string broken = dataPath("broken_conf_sample.sql");
     const struct { Words args; const char* why; long long processesAfter; } refused[] = {
@@ -356,6 +358,28 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out, "value=0 quality=0\n");
+}
+
+// A configuration store in its rollback journal, held by a writer past the
+// library's wait: the lookups say the store could not be read, not that a
+// process or a setting is missing.
+TEST_F(Tool, AStoreThatStaysBusyIsNeverTakenForAMissingRow) {
+    provision();
+    execSql(confDbPath(), "PRAGMA journal_mode=DELETE");
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(sqlite3_open(confDbPath().c_str(), &writer), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(writer, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
+    for (const Words& lookup : std::vector<Words>{{"setting", "get", "qvacq", "period"},
+                                                  {"process", "remove", "qvacq"}}) {
+        const ToolRun run = tool(lookup);
+        EXPECT_EQ(run.code, 1) << lookup[0];
+        EXPECT_THAT(run.err, HasSubstr("cannot read the configuration store " + confDbPath() +
+                                       ": sqlite3_prepare_v2 err database is locked"));
+        EXPECT_THAT(run.err, testing::Not(HasSubstr("no ")));
+        EXPECT_EQ(run.out, "");
+    }
+    sqlite3_exec(writer, "commit", nullptr, nullptr, nullptr);
+    sqlite3_close(writer);
 }
 
 TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {

@@ -29,9 +29,18 @@ int runAction(const char* command, const Args& args, const std::vector<Action>& 
                       actions[0].name, actions[1].name);
 }
 
+// After a lookup that failed: true when it found no row; otherwise the store
+// could not be read (busy past the library's wait, for example), which is
+// said as such and never taken for a missing row.
+bool missingRow() {
+    if (zq_lastErrorCode() == QV_ERR_NO_ROW) return true;
+    complain("cannot read the configuration store %s: %s", QV_CONF_DB_PATH, zq_lastErrorText());
+    return false;
+}
+
 bool knownProcess(const std::string& name, int* number) {
     if (zq_getProcessNoByName(name.c_str(), number) == 0) return true;
-    complain("no process named \"%s\" in the configuration store", name.c_str());
+    if (missingRow()) complain("no process named \"%s\" in the configuration store", name.c_str());
     return false;
 }
 
@@ -151,6 +160,7 @@ int processAdd(const Args& args) {
         std::printf("process \"%s\" is number %d already\n", name.c_str(), number);
         return kOk;
     }
+    if (!missingRow()) return kFailed;
     const int added = changeConf({{"insert into ProcessConfig(no, processName, processDescribe) "
                                    "values(?1, ?2, ?3) on conflict do nothing",
                                    [&](sqlite3_stmt* stmt) {
@@ -174,6 +184,7 @@ int processRemove(const Args& args) {
     int number = 0;
     if (!openConfStore()) return kFailed;
     if (zq_getProcessNoByName(words[1].c_str(), &number) != 0) {
+        if (!missingRow()) return kFailed;
         std::printf("no process \"%s\"; nothing to remove\n", words[1].c_str());
         return kOk;
     }
@@ -261,7 +272,7 @@ bool readSetting(const std::string& process, const std::string& key, ProcessMisc
     int number = 0;
     if (!knownProcess(process, &number)) return false;
     if (zq_getProcessMiscValue(process.c_str(), key.c_str(), setting) == 0) return true;
-    complain("process \"%s\" has no setting %s", process.c_str(), key.c_str());
+    if (missingRow()) complain("process \"%s\" has no setting %s", process.c_str(), key.c_str());
     return false;
 }
 

@@ -1,5 +1,5 @@
 // The one query runner of both stores: prepare a statement for one call (one
-// attempt, no busy retry), bind it, step it with busy retry, hand the rows on
+// attempt unless the store says how a busy prepare is retried), bind it, step it with busy retry, hand the rows on
 // and finalise it. Each store wraps it with what it adds: the real-time store
 // its store lock, the configuration store its process-number resolution.
 #ifndef QV_INTERNAL_QVQUERY_H
@@ -22,6 +22,8 @@ struct QueryRunner {
     sqlite3* db;
     const char* prepareFailed = qvtext::kPrepareFailed;
     int (*step)(sqlite3_stmt*) = stepWithBusyRetry;
+    // Prepares with busy retry; null: one attempt.
+    int (*prepare)(sqlite3*, const char*, sqlite3_stmt**) = nullptr;
 
     // Prepares sql, binds it and hands the statement to `use`, whose result
     // is the query's; the statement is finalised when `use` returns. -1 when
@@ -29,7 +31,9 @@ struct QueryRunner {
     template <typename Bind, typename Use>
     int withStatement(const char* sql, Bind bind, Use use) const {
         Statement stmt;
-        if (stmt.prepare(db, sql) != SQLITE_OK) {
+        const int prepared =
+            prepare != nullptr ? prepare(db, sql, stmt.out()) : stmt.prepare(db, sql);
+        if (prepared != SQLITE_OK) {
             qvreport::sqliteFailure(db, prepareFailed);
             return -1;
         }

@@ -50,7 +50,6 @@ inline constexpr char kQueueOpenFailed[] = "msgget failed\n";
 inline constexpr char kQueueOpenFailedWithCode[] = "msgget failed with error: %d\n";
 inline constexpr char kThreadStartFailed[] = "Create pthread error!\n";
 inline constexpr char kReceiveFailed[] = "msgrcv err\n";
-inline constexpr char kSendFailed[] = "msgsnd failed\n";
 
 }  // namespace qvtext
 

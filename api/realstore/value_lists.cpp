@@ -181,7 +181,7 @@ constexpr int kEchoedNameMax = 64;
 
 // Saves the first `count` members' values in one write transaction with the
 // member query; values beyond the members have nowhere to go, so they make
-// the save fail after the members are written.
+// the save fail and roll back: nothing is written.
 int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
                       const int* qualities, int count, const char* operation) {
     const bool withQuality = qualities != nullptr;
@@ -197,15 +197,15 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
         ++members;
         return saved;
     });
-    if (listed != 0 || !saved || !runTransactionStep(TransactionStep::Commit, withQuality))
-        return abandonSave();
+    if (listed != 0 || !saved) return abandonSave();
     if (count > members) {
-        qvreport::failure(QV_ERR_ARGUMENT, "%s: %d values given, data set %.*s has %d members\n",
+        qvreport::failure(QV_ERR_ARGUMENT,
+                          "%s: %d values given, data set %.*s has %d members; nothing saved\n",
                           operation, count, kEchoedNameMax,
                           dataSetName != nullptr ? dataSetName : "", members);
-        return -1;
+        return abandonSave();
     }
-    return 0;
+    return runTransactionStep(TransactionStep::Commit, withQuality) ? 0 : abandonSave();
 }
 
 // Reads the values of at most `capacity` members, in member order, in one

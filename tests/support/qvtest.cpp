@@ -137,16 +137,20 @@ void openSampleConfStore() {
     EXPECT_EQ(zq_openConfDB(), 0);
 }
 
-void openRealStoreInRollbackMode() {
-    zq_closeRealDB();
-    execSql(realDbPath(), "PRAGMA journal_mode=DELETE");
-    sqlite3* reader = openOrFail(realDbPath());
+void openInRollbackMode(const std::string& dbPath, int (*close)(), int (*open)()) {
+    close();
+    execSql(dbPath, "PRAGMA journal_mode=DELETE");
+    sqlite3* reader = openOrFail(dbPath);
     EXPECT_EQ(sqlite3_exec(reader, "begin; select count(*) from sqlite_master", nullptr, nullptr,
                            nullptr),
               SQLITE_OK);
-    EXPECT_EQ(zq_openRealDB(), 0);
+    EXPECT_EQ(open(), 0);
     sqlite3_exec(reader, "commit", nullptr, nullptr, nullptr);
     sqlite3_close(reader);
+}
+
+void openRealStoreInRollbackMode() {
+    openInRollbackMode(realDbPath(), zq_closeRealDB, zq_openRealDB);
 }
 
 void RealStoreTest::SetUp() {

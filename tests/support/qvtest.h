@@ -83,6 +83,8 @@ void openSampleConfStore();
 // rollback-journal mode: the library's switch to the write-ahead log fails
 // while another connection is reading, and the store keeps its mode.
 void openRealStoreInRollbackMode();
+// The same for any store, closed and opened by the library's two operations.
+void openInRollbackMode(const std::string& dbPath, int (*close)(), int (*open)());
 
 // A fresh real-time store, opened by the library for the test's length.
 class RealStoreTest : public ::testing::Test {
