@@ -34,7 +34,7 @@ struct IED {
 
 struct LN {
     char name[20];  // lnClass followed by inst
-    char type[50];  // lnType: id of an LNodeType
+    std::string type;  // lnType: id of an LNodeType, whole
 };
 
 struct LD {
@@ -75,40 +75,42 @@ struct DaValue {
 
 struct DO {
     char name[33];  // a data object name, or a '$'-joined path for a sub-data object
-    char type[50];  // id of a DOType
+    std::string type;  // id of a DOType, whole
 };
 
+// Type ids and references to them are kept whole: ids that differ only
+// beyond any field width still name different types.
 struct LNodeType {
-    char id[50];
+    std::string id;
     std::vector<DO> doVector;
 };
 
 struct DA {
     char name[256];  // an attribute name, or a '$'-joined path for a nested structure
     char bType[20];
-    char type[50];  // id of a DAType ("Struct") or an EnumType ("Enum")
+    std::string type;  // id of a DAType ("Struct") or an EnumType ("Enum")
     char fc[5];
 };
 
 struct SDO {
     char name[50];
-    char type[50];
+    std::string type;
 };
 
 struct DOType {
-    char id[50];
+    std::string id;
     std::vector<DA> daVector;
     std::vector<SDO> sdoVector;
 };
 
 struct BDA {
     char name[128];
-    char type[50];
+    std::string type;
     char bType[20];
 };
 
 struct DAType {
-    char id[50];
+    std::string id;
     std::vector<BDA> bdaVector;
 };
 
@@ -118,7 +120,7 @@ struct EnumVal {
 };
 
 struct EnumType {
-    char id[50];
+    std::string id;
     std::vector<EnumVal> enumVector;
 };
 
@@ -134,7 +136,7 @@ struct DATable {
     char fcName[3];
     char value[128];  // instance value, enumerations as their ord
     char valueType[15];
-    char type[50];
+    std::string type;  // the attribute's type id, whole (not stored)
     char doDesc[128];
     char daName_nofc[256];  // LD/LN$DO path$attribute path
     int ied;

@@ -170,14 +170,14 @@ int readLnInfo(Model& model, xmlNodePtr cur, const Place& at) {
 
 // One "LN0" or "LN" of the logical device at index `ldIndex`.
 int readLogicalNode(Model& model, xmlNodePtr node, std::size_t ldIndex) {
-    Attribute inst(node, "inst"), lnClass(node, "lnClass"), lnType(node, "lnType");
+    Attribute inst(node, "inst"), lnClass(node, "lnClass"), lnType(node, "lnType", kIdTextLimit);
     // LN0 has no instance number; every other logical node has one.
     if ((!isElement(node, "LN0") && !inst.required()) || !lnClass.required() || !lnType.required())
         return -1;
     LN ln{};
     if (!formatName(ln.name, sizeof ln.name, "LN name", "%s%s", lnClass.text(), inst.text()))
         return -1;
-    copyText(ln.type, lnType.text());
+    ln.type = lnType.text();
     LD& ld = model.ldVector[ldIndex];
     ld.lnVector.push_back(ln);
     const std::string ldName = ld.name;  // the table grows below

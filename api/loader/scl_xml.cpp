@@ -21,40 +21,38 @@ namespace qvaddied {
 
 namespace {
 
-// Texts read from the file are cut here: every field is shorter, and a text
-// built from entities referenced many times stays cheap to read.
-constexpr std::size_t kTextLimit = 1024;
 constexpr int kEntityDepthLimit = 16;
 
-void appendText(std::string& out, const xmlChar* text) {
+void appendText(std::string& out, const xmlChar* text, std::size_t limit) {
     if (text == nullptr) return;
     const char* chars = reinterpret_cast<const char*>(text);
-    out.append(chars, cutLength(chars, std::strlen(chars), kTextLimit - out.size()));
+    out.append(chars, cutLength(chars, std::strlen(chars), limit - out.size()));
 }
 
 // The text and entity-reference nodes of a list, entities replaced, cut at
-// kTextLimit. Only internal entities are followed: an external one (a file
+// `limit`. Only internal entities are followed: an external one (a file
 // or a URL) is never read.
-void appendNodeListText(xmlDocPtr doc, xmlNodePtr node, std::string& out, int depth) {
-    for (; node != nullptr && out.size() < kTextLimit; node = node->next) {
+void appendNodeListText(xmlDocPtr doc, xmlNodePtr node, std::string& out, int depth,
+                        std::size_t limit) {
+    for (; node != nullptr && out.size() < limit; node = node->next) {
         if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
-            appendText(out, node->content);
+            appendText(out, node->content, limit);
         } else if (node->type == XML_ENTITY_REF_NODE && depth < kEntityDepthLimit) {
             xmlEntityPtr entity = xmlGetDocEntity(doc, node->name);
             if (entity == nullptr || (entity->etype != XML_INTERNAL_GENERAL_ENTITY &&
                                       entity->etype != XML_INTERNAL_PREDEFINED_ENTITY))
                 continue;
             if (entity->children != nullptr)
-                appendNodeListText(doc, entity->children, out, depth + 1);
+                appendNodeListText(doc, entity->children, out, depth + 1, limit);
             else
-                appendText(out, entity->content);
+                appendText(out, entity->content, limit);
         }
     }
 }
 
-std::string nodeListText(xmlDocPtr doc, xmlNodePtr list) {
+std::string nodeListText(xmlDocPtr doc, xmlNodePtr list, std::size_t limit = kTextLimit) {
     std::string text;
-    appendNodeListText(doc, list, text, 0);
+    appendNodeListText(doc, list, text, 0, limit);
     return text;
 }
 
@@ -124,11 +122,12 @@ std::string elementText(xmlNodePtr element) {
     return nodeListText(element->doc, element->children);
 }
 
-Attribute::Attribute(xmlNodePtr element, const char* name) : element_(element), name_(name) {
+Attribute::Attribute(xmlNodePtr element, const char* name, std::size_t limit)
+    : element_(element), name_(name) {
     for (xmlAttrPtr attr = element->properties; attr != nullptr; attr = attr->next) {
         if (xmlStrcmp(attr->name, BAD_CAST name) == 0) {
             present_ = true;
-            text_ = nodeListText(element->doc, attr->children);
+            text_ = nodeListText(element->doc, attr->children, limit);
             break;
         }
     }
