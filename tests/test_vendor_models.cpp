@@ -18,7 +18,75 @@ std::string daNames() {
     return names;
 }
 
+const std::string kSets = dataPath("vendor_sets.scd");
+
+int loadEx(const std::string& file, int lnPrefix, const char* rules, unsigned size = sizeof(QvLoadOptions)) {
+    struct {
+        QvLoadOptions options;
+        char later[16];  // what a later version may append
+    } larger{{size, nullptr, lnPrefix, rules}, {}};
+    return zq_addIEDRealDBEx(file.c_str(), &larger.options);
+}
+
+// Value classes in member order, and DA rows and distinct references.
+std::string loaded() {
+    return query(realDbPath(), "select group_concat(cast(type as int)) from DAValue")[0][0] + " " +
+           query(realDbPath(), "select count(*) || '/' || count(distinct daName) from DA")[0][0];
+}
+
 }  // namespace
+
+TEST_F(VendorModels, ValueRulesAndPrefixesDecideRowsAndNames) {
+    const struct {
+        int lnPrefix;
+        const char* rules;
+        std::string rows;
+    } cases[] = {
+        {0, nullptr, "1 15/10"},  // A and B merge
+        {1, nullptr, "1 15/15"},
+        {0, "*=byfc", "1,2,3,2,4 15/10"},
+        {1, "*=byfc", "1,1,2,3,2,4 15/15"},
+        {1, "Meas*=ain,P?sSet=din", "1,1,1,3,2 15/15"},
+        {1, "dsAin=none,*=control", "4,4,4,4,4,4 15/15"},
+        {1, "*Set=energy,MeasSet=ain", "1,5,5,5,5,5,5 15/15"},  // the first match wins
+        {1, "measset=ain,Meas=ain,?easSe=ain,*Se=ain", "1 15/15"},  // whole and case-sensitive
+    };
+    for (const auto& c : cases) {
+        freshRealStore();
+        EXPECT_EQ(loadEx(kSets, c.lnPrefix, c.rules), 0) << c.rules;
+        EXPECT_EQ(loaded(), c.rows) << c.lnPrefix << " " << (c.rules ? c.rules : "null");
+    }
+}
+
+TEST_F(VendorModels, BadRulesAndSizesLeaveTheStoreUntouched) {
+    ASSERT_EQ(zq_addIEDRealDBEx(kSets.c_str(), nullptr), 0);
+    const std::string before = loaded();
+    const auto ruleLine = [](const std::string& rule) {
+        return "load options: value class rule \"" + rule +
+               "\" is not PATTERN=CLASS with CLASS one of ain, din, control, energy, none, byfc\n";
+    };
+    const std::string sizeLine = ", this version needs at least " + std::to_string(sizeof(QvLoadOptions)) + "\n";
+    const struct {
+        const char* rules;
+        unsigned size;
+        std::string message;
+    } cases[] = {
+        {"ain", sizeof(QvLoadOptions), ruleLine("ain")},
+        {"*=ain,=din", sizeof(QvLoadOptions), ruleLine("=din")},
+        {"*=analog", sizeof(QvLoadOptions), ruleLine("*=analog")},
+        {"*=byfc,", sizeof(QvLoadOptions), ruleLine("")},
+        {"*=byfc", 0, "load options: size 0" + sizeLine},
+        {"*=byfc", sizeof(QvLoadOptions) - 1, "load options: size " + std::to_string(sizeof(QvLoadOptions) - 1) + sizeLine},
+    };
+    for (const auto& c : cases) {
+        CaptureStderr();
+        EXPECT_EQ(loadEx(kSets, 1, c.rules, c.size), -2) << c.rules;
+        EXPECT_EQ(GetCapturedStderr(), c.message);
+        EXPECT_EQ(zq_lastErrorCode(), QV_ERR_MODEL);
+        EXPECT_EQ(loaded(), before);
+    }
+    EXPECT_EQ(loadEx(kSets, 1, "*=byfc", sizeof(QvLoadOptions) + 16), 0);  // a later caller's size
+}
 
 TEST_F(VendorModels, TypeIdsAreComparedWhole) {
     ASSERT_EQ(zq_addIEDRealDB(dataPath("long_type_ids.scd").c_str()), 0);

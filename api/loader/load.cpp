@@ -1,6 +1,6 @@
 // One load of an SCL file: a model of its own, the stages run on it in
 // order (read, expand, classify, write or only count), and the exported
-// entry points zq_addIEDRealDB and zq_addIEDRealDBByName.
+// entry points zq_addIEDRealDB, zq_addIEDRealDBByName and zq_addIEDRealDBEx.
 #include <cstdio>
 
 #include "internal/qvloader.h"
@@ -43,9 +43,15 @@ int runStages(Model& model, bool writeStore, LoadSummary* summary) {
 
 }  // namespace
 
-int loadFile(const char* file, const char* iedName, bool writeStore, LoadSummary* summary) {
+int loadFile(const char* file, const LoadOptions& options, bool writeStore, LoadSummary* summary) {
     LoadSummary ignored;
+    const char* iedName = options.iedName != nullptr && options.iedName[0] != '\0' ? options.iedName
+                                                                                   : nullptr;
     Model model(file, iedName);
+    model.lnPrefix = options.lnPrefix;
+    // Options are checked before the file is read: a bad one is no file error.
+    if (options.valueClasses != nullptr && !parseValueRules(options.valueClasses, &model.valueRules))
+        return -2;
     const int result = runStages(model, writeStore, summary ? summary : &ignored);
     if (result == -2) qvreport::failure(QV_ERR_MODEL, "%s", qvtext::kModelUnusable);
     return result;
@@ -66,4 +72,21 @@ int zq_addIEDRealDBByName(const char* file, const char* iedName) {
         return -2;
     }
     return qvaddied::loadFile(file, iedName, true, nullptr);
+}
+
+int zq_addIEDRealDBEx(const char* file, const QvLoadOptions* options) {
+    qvreport::succeeded();
+    if (options == nullptr) return qvaddied::loadFile(file, nullptr, true, nullptr);
+    // A caller of a later version may pass a larger struct: its own fields
+    // are ignored. A smaller one lacks fields this version reads.
+    if (options->size < sizeof(QvLoadOptions)) {
+        qvreport::failure(QV_ERR_MODEL, "load options: size %u, this version needs at least %zu\n",
+                          options->size, sizeof(QvLoadOptions));
+        return -2;
+    }
+    qvaddied::LoadOptions internal;
+    internal.iedName = options->iedName;
+    internal.lnPrefix = options->lnPrefix != 0;
+    internal.valueClasses = options->valueClasses;
+    return qvaddied::loadFile(file, internal, true, nullptr);
 }

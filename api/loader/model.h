@@ -32,8 +32,11 @@ struct IED {
     char name[32];
 };
 
+// Without prefixes an LN name has the 19 characters it always had.
+constexpr std::size_t kClassInstNameSize = 20;
+
 struct LN {
-    char name[20];  // lnClass followed by inst
+    char name[64];  // [prefix] lnClass inst
     std::string type;  // lnType: id of an LNodeType, whole
 };
 
@@ -203,6 +206,15 @@ struct Expansion {
 
 // ---- The model of one load --------------------------------------------------
 
+// One rule of the value classes: data sets whose name matches `pattern`
+// get value rows of `valueClass` (a DA_CONF_TYPE) or by functional constraint.
+struct ValueRule {
+    enum Kind { kClass, kNone, kByFc };
+    std::string pattern;
+    Kind kind;
+    int valueClass;  // for kClass
+};
+
 struct Model {
     Model(const char* fileName, const char* onlyIed) : file(fileName), iedFilter(onlyIed) {}
     Model(const Model&) = delete;
@@ -210,6 +222,8 @@ struct Model {
 
     const char* file;       // the SCL file, also named in messages
     const char* iedFilter;  // read only the IED of this name; null: every IED
+    bool lnPrefix = false;  // logical nodes named prefix+lnClass+inst
+    std::vector<ValueRule> valueRules;  // tried before the five agreed names
     long attributeAllowance = kMinAttributeAllowance;  // set from the file's size
 
     std::vector<IED> giedVector;
@@ -236,6 +250,10 @@ int readICD(Model& model);           // the file: instance section and type temp
 int initDATable(Model& model);       // resolves the types; checks for cycles
 int initDaValue(Model& model);       // indexes the instance values by reference
 int read_daConfTypes(Model& model);  // classifies the members of the five data sets
+
+// Reads comma-separated PATTERN=CLASS rules into `rules`; false after a
+// message naming the first rule that does not parse.
+bool parseValueRules(const char* text, std::vector<ValueRule>* rules);
 
 // Calls `row` for every data attribute row in table order, with its instance
 // value applied; stops at the first call that does not return 0 and returns

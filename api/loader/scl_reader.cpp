@@ -113,10 +113,11 @@ int readDaVal(Model& model, xmlNodePtr curNode, const Place& at, const char* doD
     return readInstanceChildren(model, curNode, at, path, doDesc);
 }
 
-// One "FCDA" of the data set `dsName`.
+// One "FCDA" of the data set `dsName`; its prefix is part of the member
+// reference only when the load keeps prefixes.
 int readFcda(Model& model, xmlNodePtr fcda, const char* dsName, int ied) {
-    Attribute ldInst(fcda, "ldInst"), lnClass(fcda, "lnClass"), lnInst(fcda, "lnInst"),
-        doName(fcda, "doName"), daName(fcda, "daName"), fc(fcda, "fc");
+    Attribute ldInst(fcda, "ldInst"), prefix(fcda, "prefix"), lnClass(fcda, "lnClass"),
+        lnInst(fcda, "lnInst"), doName(fcda, "doName"), daName(fcda, "daName"), fc(fcda, "fc");
     if (!ldInst.required() || !lnClass.required() || !doName.required() || !fc.required())
         return -1;
     DataSetSub& sub = appendRecord(model.gdsSubVector);
@@ -128,13 +129,15 @@ int readFcda(Model& model, xmlNodePtr fcda, const char* dsName, int ied) {
     copyText(sub.doName, doName.text());
     copyText(sub.daName, daName.text());
     copyText(sub.fc, fc.text());
+    const char* lnPrefix = model.lnPrefix ? prefix.text() : "";
     char reference[kPathSize];
     const bool formed =
         sub.daName[0] != '\0'
-            ? formatName(reference, sizeof reference, "member reference", "%s/%s%s$%s$%s$%s",
-                         sub.ldInst, sub.lnClass, sub.lnInst, sub.fc, sub.doName, sub.daName)
-            : formatName(reference, sizeof reference, "member reference", "%s/%s%s$%s$%s",
-                         sub.ldInst, sub.lnClass, sub.lnInst, sub.fc, sub.doName);
+            ? formatName(reference, sizeof reference, "member reference", "%s/%s%s%s$%s$%s$%s",
+                         sub.ldInst, lnPrefix, sub.lnClass, sub.lnInst, sub.fc, sub.doName,
+                         sub.daName)
+            : formatName(reference, sizeof reference, "member reference", "%s/%s%s%s$%s$%s",
+                         sub.ldInst, lnPrefix, sub.lnClass, sub.lnInst, sub.fc, sub.doName);
     if (!formed) return -1;
     str_replace(sub.fcdaName, sizeof sub.fcdaName, reference, ".", "$");
     return 0;
@@ -170,13 +173,17 @@ int readLnInfo(Model& model, xmlNodePtr cur, const Place& at) {
 
 // One "LN0" or "LN" of the logical device at index `ldIndex`.
 int readLogicalNode(Model& model, xmlNodePtr node, std::size_t ldIndex) {
-    Attribute inst(node, "inst"), lnClass(node, "lnClass"), lnType(node, "lnType", kIdTextLimit);
+    Attribute prefix(node, "prefix"), inst(node, "inst"), lnClass(node, "lnClass"),
+        lnType(node, "lnType", kIdTextLimit);
     // LN0 has no instance number; every other logical node has one.
     if ((!isElement(node, "LN0") && !inst.required()) || !lnClass.required() || !lnType.required())
         return -1;
     LN ln{};
-    if (!formatName(ln.name, sizeof ln.name, "LN name", "%s%s", lnClass.text(), inst.text()))
-        return -1;
+    const bool named = model.lnPrefix ? formatName(ln.name, sizeof ln.name, "LN name", "%s%s%s",
+                                                   prefix.text(), lnClass.text(), inst.text())
+                                      : formatName(ln.name, kClassInstNameSize, "LN name", "%s%s",
+                                                   lnClass.text(), inst.text());
+    if (!named) return -1;
     ln.type = lnType.text();
     LD& ld = model.ldVector[ldIndex];
     ld.lnVector.push_back(ln);
