@@ -20,11 +20,12 @@ std::string daNames() {
 
 const std::string kSets = dataPath("vendor_sets.scd");
 
-int loadEx(const std::string& file, int lnPrefix, const char* rules, unsigned size = sizeof(QvLoadOptions)) {
+int loadEx(const std::string& file, int lnPrefix, const char* rules, unsigned size = sizeof(QvLoadOptions),
+           const char* ied = nullptr) {
     struct {
         QvLoadOptions options;
         char later[16];  // what a later version may append
-    } larger{{size, nullptr, lnPrefix, rules}, {}};
+    } larger{{size, ied, lnPrefix, rules}, {}};
     return zq_addIEDRealDBEx(file.c_str(), &larger.options);
 }
 
@@ -91,4 +92,30 @@ TEST_F(VendorModels, BadRulesAndSizesLeaveTheStoreUntouched) {
 TEST_F(VendorModels, TypeIdsAreComparedWhole) {
     ASSERT_EQ(zq_addIEDRealDB(dataPath("long_type_ids.scd").c_str()), 0);
     EXPECT_EQ(daNames(), "IED1LD0/GGIO1$ST$Ind1$stVal IED1LD0/GGIO1$MX$Ind2$mag ");
+}
+
+TEST_F(VendorModels, LoadsSayWhatTheyDid) {
+    const std::string warned = dataPath("namespace_warning.scd");
+    const std::string longPath = storeFile(std::string(250, 'x'));
+    const std::string legacy = "cid 解析出错.\n";
+    const struct {
+        std::string file;
+        int lnPrefix;
+        const char* ied;
+        int result;
+        std::string message;
+    } cases[] = {
+        {kSets, 0, nullptr, 0,
+         "SCL notice: 2 logical nodes merge into 1 names (LD0/GGIO1 <- AGGIO1, BGGIO1); load with prefixes "
+         "kept (lnPrefix 1, qvtool load --ln-prefix) to keep them apart\n"},
+        {kSets, 1, nullptr, 0, "IED V1: its rows in the store are replaced\n"},
+        {kSets, 1, "Z", -2, "SCL error: no IED named \"Z\" in " + kSets + "; it has: V1\n" + legacy},
+        {warned, 0, nullptr, 0, "SCL warning: " + warned + ":4: Namespace prefix w on Private is not defined\n"},
+        {longPath, 0, nullptr, -2, "Cannot read " + longPath.substr(0, 200) + "...: No such file or directory\n" + legacy},
+    };
+    for (const auto& c : cases) {
+        CaptureStderr();
+        EXPECT_EQ(loadEx(c.file, c.lnPrefix, nullptr, sizeof(QvLoadOptions), c.ied), c.result);
+        EXPECT_EQ(GetCapturedStderr(), c.message);
+    }
 }

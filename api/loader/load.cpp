@@ -1,7 +1,9 @@
 // One load of an SCL file: a model of its own, the stages run on it in
 // order (read, expand, classify, write or only count), and the exported
 // entry points zq_addIEDRealDB, zq_addIEDRealDBByName and zq_addIEDRealDBEx.
+#include <algorithm>
 #include <cstdio>
+#include <unordered_map>
 
 #include "internal/qvloader.h"
 #include "internal/qvreport.h"
@@ -12,6 +14,8 @@
 namespace qvaddied {
 
 namespace {
+
+constexpr long kMergesShown = 3;
 
 void summarize(const Model& model, LoadSummary* summary) {
     summary->ieds.clear();
@@ -32,8 +36,43 @@ int countAttributes(Model& model, long* attributes) {
     return counted == 0 ? 0 : -2;
 }
 
+// Without prefixes, nodes of one LD whose names differ only by prefix
+// share one name: one line says how many and which.
+void reportMergedNames(const Model& model) {
+    if (model.lnPrefix) return;
+    std::vector<std::pair<std::string, std::vector<std::string>>> names;  // first-seen order
+    std::unordered_map<std::string, std::size_t> index;
+    for (const LD& ld : model.ldVector) {
+        for (const LN& ln : ld.lnVector) {
+            const std::string name = std::string(ld.name) + "/" + ln.name;
+            const auto at = index.emplace(referenceKey(ld.ied, name.c_str()), names.size());
+            if (at.second) names.push_back({name, {}});
+            auto& prefixed = names[at.first->second].second;
+            const std::string full = ln.prefix + ln.name;
+            if (std::find(prefixed.begin(), prefixed.end(), full) == prefixed.end())
+                prefixed.push_back(full);
+        }
+    }
+    long merged = 0, into = 0;
+    std::string shown;
+    for (const auto& name : names) {
+        if (name.second.size() < 2) continue;
+        merged += static_cast<long>(name.second.size());
+        if (++into > kMergesShown) continue;
+        shown += (shown.empty() ? "" : "; ") + name.first + " <-";
+        for (const std::string& full : name.second) shown += " " + full + ",";
+        shown.pop_back();
+    }
+    if (merged == 0) return;
+    qvreport::notice(QV_OK, false,
+                     "SCL notice: %ld logical nodes merge into %ld names (%s%s); load with "
+                     "prefixes kept (lnPrefix 1, qvtool load --ln-prefix) to keep them apart\n",
+                     merged, into, shown.c_str(), into > kMergesShown ? "; ..." : "");
+}
+
 int runStages(Model& model, bool writeStore, LoadSummary* summary) {
     if (readICD(model) != 0 || initDATable(model) != 0) return -2;
+    reportMergedNames(model);
     initDaValue(model);
     read_daConfTypes(model);
     summarize(model, summary);

@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <unordered_map>
@@ -37,6 +38,7 @@ constexpr std::size_t kClassInstNameSize = 20;
 
 struct LN {
     char name[64];  // [prefix] lnClass inst
+    std::string prefix;  // as written, to report names that merge without it
     std::string type;  // lnType: id of an LNodeType, whole
 };
 
@@ -224,6 +226,7 @@ struct Model {
     const char* iedFilter;  // read only the IED of this name; null: every IED
     bool lnPrefix = false;  // logical nodes named prefix+lnClass+inst
     std::vector<ValueRule> valueRules;  // tried before the five agreed names
+    std::vector<std::string> fileIeds;  // every IED name of the file, read or not
     long attributeAllowance = kMinAttributeAllowance;  // set from the file's size
 
     std::vector<IED> giedVector;
@@ -288,6 +291,14 @@ __attribute__((format(printf, 4, 5))) inline bool formatName(char* field, std::s
     qvreport::failure(QV_ERR_MODEL, "SCL error: %s longer than %zu characters: %s...\n", what,
                       size - 1, field);
     return false;
+}
+
+// A caller's text (a path, a name) as messages echo it: cut, marked so.
+inline std::string shownText(const char* text) {
+    constexpr std::size_t kShown = 200;
+    const std::size_t length = std::strlen(text);
+    const std::size_t kept = cutLength(text, length, kShown);
+    return kept == length ? std::string(text) : std::string(text, kept) + "...";
 }
 
 // A reference within its IED as a key: the same text in two IEDs differs.

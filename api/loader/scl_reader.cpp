@@ -184,6 +184,7 @@ int readLogicalNode(Model& model, xmlNodePtr node, std::size_t ldIndex) {
                                       : formatName(ln.name, kClassInstNameSize, "LN name", "%s%s",
                                                    lnClass.text(), inst.text());
     if (!named) return -1;
+    ln.prefix = prefix.text();
     ln.type = lnType.text();
     LD& ld = model.ldVector[ldIndex];
     ld.lnVector.push_back(ln);
@@ -223,6 +224,7 @@ int readSclChildren(Model& model, xmlNodePtr root) {
         if (isElement(child, "IED")) {
             Attribute name(child, "name");
             if (!name.required()) return -1;
+            model.fileIeds.emplace_back(name.text());
             if (model.iedFilter != nullptr && std::strcmp(name.text(), model.iedFilter) != 0)
                 continue;
             copyText(appendRecord(model.giedVector).name, name.text());
@@ -248,8 +250,11 @@ int readRoot(Model& model, xmlDocPtr doc) {
     }
     if (readSclChildren(model, root) != 0) return -1;
     if (model.iedFilter != nullptr && model.giedVector.empty()) {
-        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter,
-                          model.file);
+        std::string has;
+        for (const std::string& ied : model.fileIeds) has += (has.empty() ? "" : ", ") + ied;
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s; it has: %s\n",
+                          shownText(model.iedFilter).c_str(), shownText(model.file).c_str(),
+                          shownText(has.c_str()).c_str());
         return -1;
     }
     return 0;
@@ -263,9 +268,10 @@ int readICD(Model& model) {
         return -1;
     }
     long size = 0;
-    xmlDocPtr doc = isReadableFile(model.file, &size) ? parseFile(model.file) : nullptr;
+    if (!isReadableFile(model.file, &size)) return -1;
+    xmlDocPtr doc = parseFile(model.file);
     if (doc == nullptr) {
-        qvreport::failure(QV_ERR_MODEL, qvtext::kXmlParseFailed, model.file);
+        qvreport::failure(QV_ERR_MODEL, qvtext::kXmlParseFailed, shownText(model.file).c_str());
         return -1;
     }
     // How many data attributes the model of this file may have.

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "internal/qvreport.h"
 
@@ -22,6 +23,7 @@ namespace qvaddied {
 namespace {
 
 constexpr int kEntityDepthLimit = 16;
+constexpr std::size_t kXmlMessageLimit = 100;
 
 void appendText(std::string& out, const xmlChar* text, std::size_t limit) {
     if (text == nullptr) return;
@@ -56,22 +58,33 @@ std::string nodeListText(xmlDocPtr doc, xmlNodePtr list, std::size_t limit = kTe
     return text;
 }
 
-// libxml2's errors and warnings, one line each, naming file and line.
-// `parsedFile` is the context given with the handler: the file being
-// parsed, for messages about text that came from an entity.
-void reportXmlError(void* parsedFile, xmlErrorPtr error) {
+// libxml2's errors and warnings, one line each, naming file and line, kept
+// until the parse ends: on a file that parses they are warnings.
+struct XmlMessages {
+    const char* file;  // the file being parsed, for text that came from an entity
+    std::vector<std::string> lines;
+};
+
+void collectXmlError(void* context, xmlErrorPtr error) {
     if (error == nullptr || error->message == nullptr) return;
+    auto* messages = static_cast<XmlMessages*>(context);
+    if (messages->lines.size() >= kXmlMessageLimit) return;  // a hostile file's flood
     std::string message = error->message;
     while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
         message.pop_back();
-    const char* file = error->file != nullptr ? error->file : static_cast<const char*>(parsedFile);
-    // A warning is no failure: the load goes on and may succeed.
-    if (error->level == XML_ERR_WARNING)
-        qvreport::notice(QV_ERR_MODEL, false, "SCL warning: %s:%d: %s\n", file, error->line,
-                         message.c_str());
-    else
-        qvreport::failure(QV_ERR_MODEL, "SCL parse error: %s:%d: %s\n", file, error->line,
-                          message.c_str());
+    const char* file = error->file != nullptr ? error->file : messages->file;
+    messages->lines.push_back(shownText(file) + ":" + std::to_string(error->line) + ": " +
+                              shownText(message.c_str()));
+}
+
+// A file that parsed loads on: libxml2's errors were recoverable.
+void reportXmlMessages(const XmlMessages& messages, bool parsed) {
+    for (const std::string& line : messages.lines) {
+        if (parsed)
+            qvreport::notice(QV_ERR_MODEL, false, "SCL warning: %s\n", line.c_str());
+        else
+            qvreport::failure(QV_ERR_MODEL, "SCL parse error: %s\n", line.c_str());
+    }
 }
 
 // libxml2 sets up its own globals on first use, and that set-up must not
@@ -95,7 +108,8 @@ bool isReadableFile(const char* file, long* size) {
             return true;
         }
     }
-    qvreport::failure(QV_ERR_MODEL, "Cannot read %s: %s\n", file, std::strerror(reason));
+    qvreport::failure(QV_ERR_MODEL, "Cannot read %s: %s\n", shownText(file).c_str(),
+                      std::strerror(reason));
     return false;
 }
 
@@ -111,10 +125,12 @@ xmlDocPtr parseFile(const char* file) {
     if (context == nullptr) return nullptr;
     xmlStructuredErrorFunc savedHandler = xmlStructuredError;
     void* savedContext = xmlStructuredErrorContext;
-    xmlSetStructuredErrorFunc(const_cast<char*>(file), reportXmlError);
+    XmlMessages messages{file, {}};
+    xmlSetStructuredErrorFunc(&messages, collectXmlError);
     xmlDocPtr doc = xmlCtxtReadFile(context, file, nullptr, XML_PARSE_NOBLANKS | XML_PARSE_NONET);
     xmlSetStructuredErrorFunc(savedContext, savedHandler);
     xmlFreeParserCtxt(context);
+    reportXmlMessages(messages, doc != nullptr);
     return doc;
 }
 

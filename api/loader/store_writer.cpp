@@ -95,11 +95,22 @@ bool selectOldValueKeys(sqlite3* db, const char* ied, std::vector<sqlite3_int64>
     return false;
 }
 
-// A reload replaces the rows of each IED of the file instead of adding to them.
+// Whether an earlier load left attribute rows of the IED.
+bool hasRowsOfIed(sqlite3* db, const char* ied) {
+    qvsql::Statement stmt;
+    if (stmt.prepare(db, "select 1 from DA where iedName=? limit 1") != SQLITE_OK) return false;
+    qvsql::bindText(stmt.get(), 1, ied);
+    return sqlite3_step(stmt.get()) == SQLITE_ROW;
+}
+
+// A reload replaces the rows of each IED of the file instead of adding to
+// them, and says so: another file's IED of the same name goes too.
 bool removeRowsOfIeds(const Model& model) {
     sqlite3* db = model.g_sqliteDB;
     std::vector<sqlite3_int64> keys;
     for (const IED& ied : model.giedVector) {
+        if (hasRowsOfIed(db, ied.name))
+            qvreport::notice(QV_OK, false, "IED %s: its rows in the store are replaced\n", ied.name);
         if (!selectOldValueKeys(db, ied.name, &keys)) return false;
     }
     if (!runForEach(
