@@ -111,6 +111,12 @@ TEST_F(VendorModels, LoadsSayWhatTheyDid) {
         {kSets, 1, nullptr, 0, "IED V1: its rows in the store are replaced\n"},
         {kSets, 1, "Z", -2, "SCL error: no IED named \"Z\" in " + kSets + "; it has: V1\n" + legacy},
         {warned, 0, nullptr, 0, "SCL warning: " + warned + ":4: Namespace prefix w on Private is not defined\n"},
+        {dataPath("shared_row_key.scd"), 0, nullptr, 0,
+         "SCL notice: 1 references share a row key with another (C1LD0/GGIO1$ST$D93570 and "
+         "C1LD0/GGIO1$ST$D282200); one value row serves each pair\n"},
+        {dataPath("cut_ied_names.scd"), 0, nullptr, -2,
+         "SCL error: IED name \"IIIIIIIIIIIIIIIIIIIIIIIIIIIIIIIA\" and \"IIIIIIIIIIIIIIIIIIIIIIIIIIIIIIIB\" are one name in a field of 31\n" + legacy},
+        {dataPath("cut_fc.scd"), 0, nullptr, -2, "SCL error: FC \"ST\" and \"STX\" are one name in a field of 2\n" + legacy},
         {longPath, 0, nullptr, -2, "Cannot read " + longPath.substr(0, 200) + "...: No such file or directory\n" + legacy},
     };
     for (const auto& c : cases) {
@@ -118,4 +124,7 @@ TEST_F(VendorModels, LoadsSayWhatTheyDid) {
         EXPECT_EQ(loadEx(c.file, c.lnPrefix, nullptr, sizeof(QvLoadOptions), c.ied), c.result);
         EXPECT_EQ(GetCapturedStderr(), c.message);
     }
+    EXPECT_EQ(query(realDbPath(), "select (select count(*) from DA where iedName='C1'), count(*) from DAValue "
+                                  "where hashID=" + std::to_string(rowKey("C1LD0/GGIO1$ST$D282200"))),
+              (Rows{{"2", "1"}}));  // both DA rows, one value row
 }

@@ -227,6 +227,8 @@ struct Model {
     bool lnPrefix = false;  // logical nodes named prefix+lnClass+inst
     std::vector<ValueRule> valueRules;  // tried before the five agreed names
     std::vector<std::string> fileIeds;  // every IED name of the file, read or not
+    // Each kind of name cut to a field, by its cut text: the text as written.
+    std::unordered_map<std::string, std::string> cutNames;
     long attributeAllowance = kMinAttributeAllowance;  // set from the file's size
 
     std::vector<IED> giedVector;
@@ -270,6 +272,27 @@ int addRealTimeDB(Model& model, long* attributes);
 
 // ---- Helpers of every stage --------------------------------------------------
 
+// A caller's text (a path, a name) as messages echo it: cut, marked so.
+inline std::string shownText(const char* text) {
+    constexpr std::size_t kShown = 200;
+    const std::size_t length = std::strlen(text);
+    const std::size_t kept = cutLength(text, length, kShown);
+    return kept == length ? std::string(text) : std::string(text, kept) + "...";
+}
+
+// False after a message when `text`, cut to `width` as its field will hold
+// it, becomes a name of its kind that another text of this load has: the
+// two would be one name in the store.
+inline bool distinctWhenCut(Model& model, const char* kind, const char* text, std::size_t width) {
+    const std::size_t length = std::strlen(text);
+    const std::string key = std::string(kind) + '\x1f' + std::string(text, cutLength(text, length, width));
+    const auto at = model.cutNames.emplace(key, text);
+    if (at.first->second == text) return true;
+    qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" and \"%s\" are one name in a field of %zu\n",
+                      kind, shownText(at.first->second.c_str()).c_str(), shownText(text).c_str(), width);
+    return false;
+}
+
 // The next record of a growing table.
 template <typename Record>
 Record& appendRecord(std::vector<Record>& table) {
@@ -291,14 +314,6 @@ __attribute__((format(printf, 4, 5))) inline bool formatName(char* field, std::s
     qvreport::failure(QV_ERR_MODEL, "SCL error: %s longer than %zu characters: %s...\n", what,
                       size - 1, field);
     return false;
-}
-
-// A caller's text (a path, a name) as messages echo it: cut, marked so.
-inline std::string shownText(const char* text) {
-    constexpr std::size_t kShown = 200;
-    const std::size_t length = std::strlen(text);
-    const std::size_t kept = cutLength(text, length, kShown);
-    return kept == length ? std::string(text) : std::string(text, kept) + "...";
 }
 
 // A reference within its IED as a key: the same text in two IEDs differs.

@@ -118,7 +118,9 @@ int readDaVal(Model& model, xmlNodePtr curNode, const Place& at, const char* doD
 int readFcda(Model& model, xmlNodePtr fcda, const char* dsName, int ied) {
     Attribute ldInst(fcda, "ldInst"), prefix(fcda, "prefix"), lnClass(fcda, "lnClass"),
         lnInst(fcda, "lnInst"), doName(fcda, "doName"), daName(fcda, "daName"), fc(fcda, "fc");
-    if (!ldInst.required() || !lnClass.required() || !doName.required() || !fc.required())
+    if (!ldInst.required() || !lnClass.required() || !doName.required() || !fc.required() ||
+        !distinctWhenCut(model, "LN class", lnClass.text(), sizeof(DataSetSub::lnClass) - 1) ||
+        !distinctWhenCut(model, "FC", fc.text(), sizeof(DataSetSub::fc) - 1))
         return -1;
     DataSetSub& sub = appendRecord(model.gdsSubVector);
     sub.ied = ied;
@@ -227,6 +229,7 @@ int readSclChildren(Model& model, xmlNodePtr root) {
             model.fileIeds.emplace_back(name.text());
             if (model.iedFilter != nullptr && std::strcmp(name.text(), model.iedFilter) != 0)
                 continue;
+            if (!distinctWhenCut(model, "IED name", name.text(), sizeof(IED::name) - 1)) return -1;
             copyText(appendRecord(model.giedVector).name, name.text());
             result = readIED(model, child, static_cast<int>(model.giedVector.size() - 1));
         } else if (isElement(child, "DataTypeTemplates")) {

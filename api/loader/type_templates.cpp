@@ -37,10 +37,13 @@ int readLNodeType(Model& model, xmlNodePtr element) {
     });
 }
 
-int readDataAttribute(xmlNodePtr element, DOType* doType) {
+int readDataAttribute(Model& model, xmlNodePtr element, DOType* doType) {
     Attribute name(element, "name"), bType(element, "bType"), type(element, "type", kIdTextLimit),
         fc(element, "fc");
-    if (!name.required() || !bType.required() || !fc.required()) return -1;
+    // An attribute row holds its fc in two characters, as a member does.
+    if (!name.required() || !bType.required() || !fc.required() ||
+        !distinctWhenCut(model, "FC", fc.text(), sizeof(DATable::fcName) - 1))
+        return -1;
     DA& da = appendRecord(doType->daVector);
     copyText(da.name, name.text());
     copyText(da.bType, bType.text());
@@ -55,7 +58,7 @@ int readDOType(Model& model, xmlNodePtr element) {
     for (xmlNodePtr child = element->children; child != nullptr; child = child->next) {
         int result = 0;
         if (isElement(child, "DA")) {
-            result = readDataAttribute(child, doType);
+            result = readDataAttribute(model, child, doType);
         } else if (isElement(child, "SDO")) {
             result = readNamedDataObject(child, doType->sdoVector);
         }
