@@ -1,5 +1,7 @@
 // Vendor models: whole type ids, load options (prefixes kept, value classes
 // by rule), and the lines a load prints about what it did.
+#include <dirent.h>
+
 #include <fstream>
 
 #include "internal/qvloader.h"
@@ -127,4 +129,25 @@ TEST_F(VendorModels, LoadsSayWhatTheyDid) {
     EXPECT_EQ(query(realDbPath(), "select (select count(*) from DA where iedName='C1'), count(*) from DAValue "
                                   "where hashID=" + std::to_string(rowKey("C1LD0/GGIO1$ST$D282200"))),
               (Rows{{"2", "1"}}));  // both DA rows, one value row
+}
+
+TEST_F(VendorModels, RealToolFilesLoadToDistinctReferencesAndLiveValues) {
+    const std::string dir = QV_SOURCE_DIR "/../shared/scl-real/";
+    DIR* listing = opendir(dir.c_str());
+    if (listing == nullptr) GTEST_SKIP() << "no real SCL files beside the project";
+    std::vector<std::string> files;
+    while (const dirent* entry = readdir(listing)) {
+        const std::string name = entry->d_name;
+        if (name.size() > 4 && name.find_last_of('.') == name.size() - 4 && name.substr(name.size() - 3) != ".md")
+            files.push_back(name);
+    }
+    closedir(listing);
+    for (const std::string& file : files) {
+        freshRealStore();
+        ASSERT_EQ(loadEx(dir + file, 1, "*=byfc"), 0) << file;
+        const Rows counts = query(realDbPath(), "select count(*), count(distinct iedName || daName), "
+                                                "(select count(*) > 0 from DAValue) from DA");
+        EXPECT_EQ(counts[0][0], counts[0][1]) << file;
+        EXPECT_EQ(counts[0][2], "1") << file;
+    }
 }
