@@ -18,6 +18,9 @@ struct LoadSummary {
     long members = 0;
     long attributes = 0;
     long valueRows = 0;
+    long valueRowsOfClass[7] = {};  // by DA_CONF_TYPE
+    long mergedNodes = 0;           // logical nodes whose names merge without prefixes
+    long mergedNames = 0;           // ... into this many names
 };
 
 // The options of one load, read from a QvLoadOptions (see qvaddied.h).

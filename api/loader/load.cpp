@@ -23,6 +23,10 @@ void summarize(const Model& model, LoadSummary* summary) {
     summary->dataSets = static_cast<long>(model.gdsVector.size());
     summary->members = static_cast<long>(model.gdsSubVector.size());
     summary->valueRows = static_cast<long>(model.g_daConfTypeVector.size());
+    for (long& count : summary->valueRowsOfClass) count = 0;
+    for (const DAConfType& row : model.g_daConfTypeVector) ++summary->valueRowsOfClass[row.type];
+    summary->mergedNodes = model.mergedNodes;
+    summary->mergedNames = model.mergedNames;
 }
 
 // Every attribute row formed, none written: 0, or -2 after a message.
@@ -38,7 +42,7 @@ int countAttributes(Model& model, long* attributes) {
 
 // Without prefixes, nodes of one LD whose names differ only by prefix
 // share one name: one line says how many and which.
-void reportMergedNames(const Model& model) {
+void reportMergedNames(Model& model) {
     if (model.lnPrefix) return;
     std::vector<std::pair<std::string, std::vector<std::string>>> names;  // first-seen order
     std::unordered_map<std::string, std::size_t> index;
@@ -63,6 +67,8 @@ void reportMergedNames(const Model& model) {
         for (const std::string& full : name.second) shown += " " + full + ",";
         shown.pop_back();
     }
+    model.mergedNodes = merged;
+    model.mergedNames = into;
     if (merged == 0) return;
     qvreport::notice(QV_OK, false,
                      "SCL notice: %ld logical nodes merge into %ld names (%s%s); load with "

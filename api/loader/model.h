@@ -227,6 +227,7 @@ struct Model {
     bool lnPrefix = false;  // logical nodes named prefix+lnClass+inst
     std::vector<ValueRule> valueRules;  // tried before the five agreed names
     std::vector<std::string> fileIeds;  // every IED name of the file, read or not
+    long mergedNodes = 0, mergedNames = 0;  // logical nodes that share names, how many names
     // Each kind of name cut to a field, by its cut text: the text as written.
     std::unordered_map<std::string, std::string> cutNames;
     long attributeAllowance = kMinAttributeAllowance;  // set from the file's size
