@@ -60,6 +60,28 @@ QV_API int zq_addIEDRealDB(const char* cid_file);
  * name. */
 QV_API int zq_addIEDRealDBByName(const char* file, const char* iedName);
 
+/** Options of zq_addIEDRealDBEx. Set size to sizeof(QvLoadOptions). */
+typedef struct QvLoadOptions {
+    unsigned int size;          /* sizeof(QvLoadOptions); later versions append fields */
+    const char* iedName;        /* NULL or "": every IED of the file; else that IED only */
+    int lnPrefix;               /* 0: a logical node is named lnClass+inst, as zq_addIEDRealDB;
+                                   1: prefix+lnClass+inst, the IEC 61850 name */
+    const char* valueClasses;   /* NULL: the five agreed data set names, as zq_addIEDRealDB;
+                                   else rules, below */
+} QvLoadOptions;
+
+/* 0 loaded, -2 the file or an option could not be used (store untouched), -1 the store could not
+   be written (store untouched). options NULL: exactly zq_addIEDRealDB.
+
+   valueClasses: comma-separated rules PATTERN=CLASS, tried in order; the first whose PATTERN
+   matches a data set's whole name (case-sensitive, '*' any run, '?' one character) classes all
+   its members. CLASS: ain (1), din (2, 3 for data object "Pos"), control (4), energy (5), none
+   (no value row), or byfc (MX ain, ST din, CO control, others none). A data set that no rule
+   matches: the five agreed names keep their classes, others get no value rows. "*=byfc" makes
+   every member of every data set a value row. A size smaller than sizeof(QvLoadOptions) or a
+   rule that does not parse: -2. A larger size is accepted; the fields beyond are ignored. */
+QV_API int zq_addIEDRealDBEx(const char* file, const QvLoadOptions* options);
+
 #ifdef __cplusplus
 }
 #endif

@@ -425,3 +425,27 @@ TEST_F(Tool, SendReachesWatchAlongTheRoutesOfTheToolsProcessName) {
     EXPECT_THAT(run.err, HasSubstr("is not in ProcessConfig"));
     removeQueue(11);
 }
+
+TEST_F(Tool, LoadKeepsPrefixesAndClassesValuesByRuleAndChecksWithoutWriting) {
+    provision();
+    const std::string sets = dataPath("vendor_sets.scd");
+    const long long rows = queryInt(realDbPath(), "select count(*) from DA");
+    const struct {
+        Words args;
+        std::string lastLines;
+    } runs[] = {
+        {{"load", sets, "--check"}, "names merged: 2 logical nodes into 1 names\n"
+                                    "value rows: 1 (ain 1, din 0, double point 0, control 0, energy 0)\n"},
+        {{"load", sets, "--check", "--ln-prefix", "--values", "*=byfc"},
+         "names merged: 0 logical nodes into 0 names\nvalue rows: 6 (ain 2, din 2, double point 1, control 1, energy 0)\n"},
+    };
+    for (const auto& run : runs) {
+        const ToolRun result = tool(run.args);
+        EXPECT_EQ(result.code, 0);
+        EXPECT_THAT(result.out, testing::EndsWith(run.lastLines));
+        EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA"), rows);  // the store untouched
+    }
+    EXPECT_EQ(tool({"load", sets, "--values", "*=bogus"}).code, 1);
+    ASSERT_EQ(tool({"load", sets, "--ln-prefix", "--values", "*=byfc"}).code, 0);
+    EXPECT_EQ(queryInt(realDbPath(), "select count(distinct daName) from DA where iedName='V1'"), 15);
+}

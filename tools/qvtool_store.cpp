@@ -154,6 +154,16 @@ std::string joined(const std::vector<std::string>& names) {
     return text;
 }
 
+// What the load options would do: names merged, value rows by class.
+void printCheckDetails(const qvaddied::LoadSummary& summary) {
+    const long* of = summary.valueRowsOfClass;
+    std::printf("names merged: %ld logical nodes into %ld names\n"
+                "value rows: %ld (ain %ld, din %ld, double point %ld, control %ld, energy %ld)\n",
+                summary.mergedNodes, summary.mergedNames, summary.valueRows, of[MO_NI_LIANG],
+                of[DIAN_DIAN_SHU_ZI_LIANG], of[SHUANG_DIAN_SHU_ZI_LIANG], of[SBO_YAO_KONG_LIANG],
+                of[DIAN_DU_LEI_JIA_LIANG]);
+}
+
 // Loads (or with --check only reads and expands) one file and prints what
 // it holds: its IEDs and its own data sets, members and attributes.
 int runLoad(const Args& args) {
@@ -166,7 +176,11 @@ int runLoad(const Args& args) {
     std::printf("%s %s ...\n", check ? "checking" : "loading", file.c_str());
     std::fflush(stdout);
     qvaddied::LoadSummary summary;
-    const int result = qvaddied::loadFile(file.c_str(), args.value("--ied"), !check, &summary);
+    qvaddied::LoadOptions options;
+    options.iedName = args.value("--ied");
+    options.lnPrefix = args.has("--ln-prefix");
+    options.valueClasses = args.value("--values");
+    const int result = qvaddied::loadFile(file.c_str(), options, !check, &summary);
     if (result == -2) {
         complain("%s is not a usable SCL model; the store is unchanged", file.c_str());
         return kFailed;
@@ -183,6 +197,7 @@ int runLoad(const Args& args) {
     std::printf("IEDs: %s\n%s: %ld data sets, %ld members, %ld attributes\n",
                 joined(summary.ieds).c_str(), check ? "would load" : "loaded", summary.dataSets,
                 summary.members, summary.attributes);
+    if (check) printCheckDetails(summary);
     return kOk;
 }
 
@@ -457,16 +472,21 @@ const std::vector<Command>& storeCommands() {
          "  --conf-sample FILE  then run FILE (SQL, e.g. samples/conf_sample.sql) into the\n"
          "                      configuration store; refused when it already has processes\n",
          {"--conf-sample"}, {"--fresh"}, 0, 0, runInit},
-        {"load", "load FILE [--ied NAME] [--check]",
+        {"load", "load FILE [--ied NAME] [--ln-prefix] [--values RULES] [--check]",
          "load an SCL model (ICD/CID/SCD) into the real-time store",
          "Replaces the rows of the file's IEDs and prints the IEDs, data sets, members\n"
          "and attributes of this file. A load fails, leaving the store as it was, when\n"
          "the file is not a usable model or when another process keeps the store busy;\n"
          "run it again. Exit code 1 also for a file without any IED.\n\n"
-         "  --ied NAME  load only the IED of that name (the file's types are shared)\n"
-         "  --check     read and expand the model and report what would be loaded;\n"
-         "              the store is not touched\n",
-         {"--ied"}, {"--check"}, 1, 1, runLoad},
+         "  --ied NAME      load only the IED of that name (the file's types are shared)\n"
+         "  --ln-prefix     name logical nodes prefix+lnClass+inst, so that nodes told\n"
+         "                  apart by prefix only keep distinct references\n"
+         "  --values RULES  value rows by data set: comma-separated PATTERN=CLASS, the\n"
+         "                  first match wins ('*', '?' wildcards); CLASS ain, din,\n"
+         "                  control, energy, none or byfc; e.g. '*=byfc'\n"
+         "  --check         read and expand the model and report what would be loaded,\n"
+         "                  names merged and value rows by class; the store is not touched\n",
+         {"--ied", "--values"}, {"--check", "--ln-prefix"}, 1, 1, runLoad},
         {"get", "get REF [--json]", "print the live value and quality of a data attribute",
          "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f'.\n"
          "Prints \"value=V quality=Q\", with --json {\"daName\", \"value\", \"quality\"}.\n"

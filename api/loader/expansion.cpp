@@ -34,7 +34,7 @@ TypeIndex indexTypes(const std::vector<Type>& table) {
 }
 
 // The index of the first type with the given id, or -1.
-int findType(const TypeIndex& index, const char* id) {
+int findType(const TypeIndex& index, const std::string& id) {
     const auto found = index.find(id);
     return found == index.end() ? -1 : found->second;
 }
@@ -70,7 +70,7 @@ bool hasNoCycle(const std::vector<Type>& table, const char* kind, const Containe
         const int found = findCycleFrom(static_cast<int>(i), visits, contained);
         if (found >= 0) {
             qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" contains itself\n", kind,
-                              table[found].id);
+                              table[found].id.c_str());
             return false;
         }
     }
@@ -120,13 +120,13 @@ bool hasKey(KeySet& set, const std::vector<Entry>& entries, const std::string& k
 int hasDo(Model& model, int i, const char* doName, const char* doType) {
     return hasKey(model.expansion.doKeys[i], model.lnTypeVector[i].doVector,
                   entryKey({doName, doType}),
-                  [](const DO& entry) { return entryKey({entry.name, entry.type}); });
+                  [](const DO& entry) { return entryKey({entry.name, entry.type.c_str()}); });
 }
 
 int hasDa(Model& model, int i, const char* daName, const char* daType, const char* fc) {
     return hasKey(model.expansion.daKeys[i], model.doTypeVector[i].daVector,
                   entryKey({daName, daType, fc}),
-                  [](const DA& entry) { return entryKey({entry.name, entry.type, entry.fc}); });
+                  [](const DA& entry) { return entryKey({entry.name, entry.type.c_str(), entry.fc}); });
 }
 
 bool countAppended(Model& model) {
@@ -152,9 +152,9 @@ int appendSubDataObjects(Model& model, int lnTypeIndex, const char* doPath, int 
         if (!formatName(added.name, sizeof added.name, "data object path", "%s$%s", doPath,
                         sdo.name))
             return -1;
-        if (hasDo(model, lnTypeIndex, added.name, sdo.type)) continue;
+        if (hasDo(model, lnTypeIndex, added.name, sdo.type.c_str())) continue;
         if (!countAppended(model)) return -1;
-        copyText(added.type, sdo.type);
+        added.type = sdo.type;
         model.lnTypeVector[lnTypeIndex].doVector.push_back(added);
     }
     return 0;
@@ -180,12 +180,12 @@ int expandStructure(Model& model, std::vector<Leaf>& leaves, const Leaf& at,
             if (addLeaf(model, leaves, member, path) != 0) return -1;
             continue;
         }
-        if (hasDa(model, at.doTypeIndex, path, bda.type, da.fc)) continue;
+        if (hasDa(model, at.doTypeIndex, path, bda.type.c_str(), da.fc)) continue;
         if (!countAppended(model)) return -1;
         DA added{};
         copyText(added.name, path);
         copyText(added.bType, bda.bType);
-        copyText(added.type, bda.type);
+        added.type = bda.type;
         copyText(added.fc, da.fc);
         model.doTypeVector[at.doTypeIndex].daVector.push_back(added);
     }
@@ -250,7 +250,7 @@ int forEachLogicalNode(Model& model, const OnNode& visit) {
 // ---- Rows and their instance values ------------------------------------------
 
 // The ord of the enumeration value named `text`, or null.
-const char* enumOrd(const Model& model, const char* enumTypeId, const char* text) {
+const char* enumOrd(const Model& model, const std::string& enumTypeId, const char* text) {
     const int index = findType(model.expansion.enumTypes, enumTypeId);
     if (index < 0) return nullptr;
     for (const EnumVal& enumVal : model.genumTypeVector[index].enumVector) {
@@ -280,11 +280,11 @@ bool fillRow(Model& model, DATable& record, const LD& ld, const LN& ln, int lnTy
     const char* doPath = model.lnTypeVector[lnTypeIndex].doVector[leaf.doIndex].name;
     const DA& da = model.doTypeVector[leaf.doTypeIndex].daVector[leaf.daIndex];
     const char* bType = da.bType;
-    const char* type = da.type;
+    const std::string* type = &da.type;
     if (leaf.daTypeIndex >= 0) {
         const BDA& member = model.daTypeVector[leaf.daTypeIndex].bdaVector[leaf.bdaIndex];
         bType = member.bType;
-        type = member.type;
+        type = &member.type;
     }
     const char* attributePath = leaf.attributePath.c_str();
     if (!formatName(record.daName, sizeof record.daName, "attribute reference", "%s/%s$%s$%s$%s",
@@ -298,7 +298,7 @@ bool fillRow(Model& model, DATable& record, const LD& ld, const LN& ln, int lnTy
     copyText(record.doName, doPath);
     copyText(record.fcName, da.fc);
     copyText(record.valueType, bType);
-    copyText(record.type, type);
+    record.type = *type;
     record.value[0] = record.doDesc[0] = '\0';
     applyInstanceValue(model, record);
     return true;

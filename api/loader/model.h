@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <unordered_map>
@@ -32,9 +33,13 @@ struct IED {
     char name[32];
 };
 
+// Without prefixes an LN name has the 19 characters it always had.
+constexpr std::size_t kClassInstNameSize = 20;
+
 struct LN {
-    char name[20];  // lnClass followed by inst
-    char type[50];  // lnType: id of an LNodeType
+    char name[64];  // [prefix] lnClass inst
+    std::string prefix;  // as written, to report names that merge without it
+    std::string type;  // lnType: id of an LNodeType, whole
 };
 
 struct LD {
@@ -75,40 +80,42 @@ struct DaValue {
 
 struct DO {
     char name[33];  // a data object name, or a '$'-joined path for a sub-data object
-    char type[50];  // id of a DOType
+    std::string type;  // id of a DOType, whole
 };
 
+// Type ids and references to them are kept whole: ids that differ only
+// beyond any field width still name different types.
 struct LNodeType {
-    char id[50];
+    std::string id;
     std::vector<DO> doVector;
 };
 
 struct DA {
     char name[256];  // an attribute name, or a '$'-joined path for a nested structure
     char bType[20];
-    char type[50];  // id of a DAType ("Struct") or an EnumType ("Enum")
+    std::string type;  // id of a DAType ("Struct") or an EnumType ("Enum")
     char fc[5];
 };
 
 struct SDO {
     char name[50];
-    char type[50];
+    std::string type;
 };
 
 struct DOType {
-    char id[50];
+    std::string id;
     std::vector<DA> daVector;
     std::vector<SDO> sdoVector;
 };
 
 struct BDA {
     char name[128];
-    char type[50];
+    std::string type;
     char bType[20];
 };
 
 struct DAType {
-    char id[50];
+    std::string id;
     std::vector<BDA> bdaVector;
 };
 
@@ -118,7 +125,7 @@ struct EnumVal {
 };
 
 struct EnumType {
-    char id[50];
+    std::string id;
     std::vector<EnumVal> enumVector;
 };
 
@@ -134,7 +141,7 @@ struct DATable {
     char fcName[3];
     char value[128];  // instance value, enumerations as their ord
     char valueType[15];
-    char type[50];
+    std::string type;  // the attribute's type id, whole (not stored)
     char doDesc[128];
     char daName_nofc[256];  // LD/LN$DO path$attribute path
     int ied;
@@ -201,6 +208,15 @@ struct Expansion {
 
 // ---- The model of one load --------------------------------------------------
 
+// One rule of the value classes: data sets whose name matches `pattern`
+// get value rows of `valueClass` (a DA_CONF_TYPE) or by functional constraint.
+struct ValueRule {
+    enum Kind { kClass, kNone, kByFc };
+    std::string pattern;
+    Kind kind;
+    int valueClass;  // for kClass
+};
+
 struct Model {
     Model(const char* fileName, const char* onlyIed) : file(fileName), iedFilter(onlyIed) {}
     Model(const Model&) = delete;
@@ -208,6 +224,12 @@ struct Model {
 
     const char* file;       // the SCL file, also named in messages
     const char* iedFilter;  // read only the IED of this name; null: every IED
+    bool lnPrefix = false;  // logical nodes named prefix+lnClass+inst
+    std::vector<ValueRule> valueRules;  // tried before the five agreed names
+    std::vector<std::string> fileIeds;  // every IED name of the file, read or not
+    long mergedNodes = 0, mergedNames = 0;  // logical nodes that share names, how many names
+    // Each kind of name cut to a field, by its cut text: the text as written.
+    std::unordered_map<std::string, std::string> cutNames;
     long attributeAllowance = kMinAttributeAllowance;  // set from the file's size
 
     std::vector<IED> giedVector;
@@ -235,6 +257,10 @@ int initDATable(Model& model);       // resolves the types; checks for cycles
 int initDaValue(Model& model);       // indexes the instance values by reference
 int read_daConfTypes(Model& model);  // classifies the members of the five data sets
 
+// Reads comma-separated PATTERN=CLASS rules into `rules`; false after a
+// message naming the first rule that does not parse.
+bool parseValueRules(const char* text, std::vector<ValueRule>* rules);
+
 // Calls `row` for every data attribute row in table order, with its instance
 // value applied; stops at the first call that does not return 0 and returns
 // that, or -1 after a message when a row cannot be formed.
@@ -246,6 +272,27 @@ int forEachAttribute(Model& model, const std::function<int(const DATable& record
 int addRealTimeDB(Model& model, long* attributes);
 
 // ---- Helpers of every stage --------------------------------------------------
+
+// A caller's text (a path, a name) as messages echo it: cut, marked so.
+inline std::string shownText(const char* text) {
+    constexpr std::size_t kShown = 200;
+    const std::size_t length = std::strlen(text);
+    const std::size_t kept = cutLength(text, length, kShown);
+    return kept == length ? std::string(text) : std::string(text, kept) + "...";
+}
+
+// False after a message when `text`, cut to `width` as its field will hold
+// it, becomes a name of its kind that another text of this load has: the
+// two would be one name in the store.
+inline bool distinctWhenCut(Model& model, const char* kind, const char* text, std::size_t width) {
+    const std::size_t length = std::strlen(text);
+    const std::string key = std::string(kind) + '\x1f' + std::string(text, cutLength(text, length, width));
+    const auto at = model.cutNames.emplace(key, text);
+    if (at.first->second == text) return true;
+    qvreport::failure(QV_ERR_MODEL, "SCL error: %s \"%s\" and \"%s\" are one name in a field of %zu\n",
+                      kind, shownText(at.first->second.c_str()).c_str(), shownText(text).c_str(), width);
+    return false;
+}
 
 // The next record of a growing table.
 template <typename Record>

@@ -113,11 +113,14 @@ int readDaVal(Model& model, xmlNodePtr curNode, const Place& at, const char* doD
     return readInstanceChildren(model, curNode, at, path, doDesc);
 }
 
-// One "FCDA" of the data set `dsName`.
+// One "FCDA" of the data set `dsName`; its prefix is part of the member
+// reference only when the load keeps prefixes.
 int readFcda(Model& model, xmlNodePtr fcda, const char* dsName, int ied) {
-    Attribute ldInst(fcda, "ldInst"), lnClass(fcda, "lnClass"), lnInst(fcda, "lnInst"),
-        doName(fcda, "doName"), daName(fcda, "daName"), fc(fcda, "fc");
-    if (!ldInst.required() || !lnClass.required() || !doName.required() || !fc.required())
+    Attribute ldInst(fcda, "ldInst"), prefix(fcda, "prefix"), lnClass(fcda, "lnClass"),
+        lnInst(fcda, "lnInst"), doName(fcda, "doName"), daName(fcda, "daName"), fc(fcda, "fc");
+    if (!ldInst.required() || !lnClass.required() || !doName.required() || !fc.required() ||
+        !distinctWhenCut(model, "LN class", lnClass.text(), sizeof(DataSetSub::lnClass) - 1) ||
+        !distinctWhenCut(model, "FC", fc.text(), sizeof(DataSetSub::fc) - 1))
         return -1;
     DataSetSub& sub = appendRecord(model.gdsSubVector);
     sub.ied = ied;
@@ -128,13 +131,15 @@ int readFcda(Model& model, xmlNodePtr fcda, const char* dsName, int ied) {
     copyText(sub.doName, doName.text());
     copyText(sub.daName, daName.text());
     copyText(sub.fc, fc.text());
+    const char* lnPrefix = model.lnPrefix ? prefix.text() : "";
     char reference[kPathSize];
     const bool formed =
         sub.daName[0] != '\0'
-            ? formatName(reference, sizeof reference, "member reference", "%s/%s%s$%s$%s$%s",
-                         sub.ldInst, sub.lnClass, sub.lnInst, sub.fc, sub.doName, sub.daName)
-            : formatName(reference, sizeof reference, "member reference", "%s/%s%s$%s$%s",
-                         sub.ldInst, sub.lnClass, sub.lnInst, sub.fc, sub.doName);
+            ? formatName(reference, sizeof reference, "member reference", "%s/%s%s%s$%s$%s$%s",
+                         sub.ldInst, lnPrefix, sub.lnClass, sub.lnInst, sub.fc, sub.doName,
+                         sub.daName)
+            : formatName(reference, sizeof reference, "member reference", "%s/%s%s%s$%s$%s",
+                         sub.ldInst, lnPrefix, sub.lnClass, sub.lnInst, sub.fc, sub.doName);
     if (!formed) return -1;
     str_replace(sub.fcdaName, sizeof sub.fcdaName, reference, ".", "$");
     return 0;
@@ -170,14 +175,19 @@ int readLnInfo(Model& model, xmlNodePtr cur, const Place& at) {
 
 // One "LN0" or "LN" of the logical device at index `ldIndex`.
 int readLogicalNode(Model& model, xmlNodePtr node, std::size_t ldIndex) {
-    Attribute inst(node, "inst"), lnClass(node, "lnClass"), lnType(node, "lnType");
+    Attribute prefix(node, "prefix"), inst(node, "inst"), lnClass(node, "lnClass"),
+        lnType(node, "lnType", kIdTextLimit);
     // LN0 has no instance number; every other logical node has one.
     if ((!isElement(node, "LN0") && !inst.required()) || !lnClass.required() || !lnType.required())
         return -1;
     LN ln{};
-    if (!formatName(ln.name, sizeof ln.name, "LN name", "%s%s", lnClass.text(), inst.text()))
-        return -1;
-    copyText(ln.type, lnType.text());
+    const bool named = model.lnPrefix ? formatName(ln.name, sizeof ln.name, "LN name", "%s%s%s",
+                                                   prefix.text(), lnClass.text(), inst.text())
+                                      : formatName(ln.name, kClassInstNameSize, "LN name", "%s%s",
+                                                   lnClass.text(), inst.text());
+    if (!named) return -1;
+    ln.prefix = prefix.text();
+    ln.type = lnType.text();
     LD& ld = model.ldVector[ldIndex];
     ld.lnVector.push_back(ln);
     const std::string ldName = ld.name;  // the table grows below
@@ -216,8 +226,10 @@ int readSclChildren(Model& model, xmlNodePtr root) {
         if (isElement(child, "IED")) {
             Attribute name(child, "name");
             if (!name.required()) return -1;
+            model.fileIeds.emplace_back(name.text());
             if (model.iedFilter != nullptr && std::strcmp(name.text(), model.iedFilter) != 0)
                 continue;
+            if (!distinctWhenCut(model, "IED name", name.text(), sizeof(IED::name) - 1)) return -1;
             copyText(appendRecord(model.giedVector).name, name.text());
             result = readIED(model, child, static_cast<int>(model.giedVector.size() - 1));
         } else if (isElement(child, "DataTypeTemplates")) {
@@ -241,8 +253,11 @@ int readRoot(Model& model, xmlDocPtr doc) {
     }
     if (readSclChildren(model, root) != 0) return -1;
     if (model.iedFilter != nullptr && model.giedVector.empty()) {
-        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s\n", model.iedFilter,
-                          model.file);
+        std::string has;
+        for (const std::string& ied : model.fileIeds) has += (has.empty() ? "" : ", ") + ied;
+        qvreport::failure(QV_ERR_MODEL, "SCL error: no IED named \"%s\" in %s; it has: %s\n",
+                          shownText(model.iedFilter).c_str(), shownText(model.file).c_str(),
+                          shownText(has.c_str()).c_str());
         return -1;
     }
     return 0;
@@ -256,9 +271,10 @@ int readICD(Model& model) {
         return -1;
     }
     long size = 0;
-    xmlDocPtr doc = isReadableFile(model.file, &size) ? parseFile(model.file) : nullptr;
+    if (!isReadableFile(model.file, &size)) return -1;
+    xmlDocPtr doc = parseFile(model.file);
     if (doc == nullptr) {
-        qvreport::failure(QV_ERR_MODEL, qvtext::kXmlParseFailed, model.file);
+        qvreport::failure(QV_ERR_MODEL, qvtext::kXmlParseFailed, shownText(model.file).c_str());
         return -1;
     }
     // How many data attributes the model of this file may have.

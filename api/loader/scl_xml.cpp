@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "internal/qvreport.h"
 
@@ -21,59 +22,69 @@ namespace qvaddied {
 
 namespace {
 
-// Texts read from the file are cut here: every field is shorter, and a text
-// built from entities referenced many times stays cheap to read.
-constexpr std::size_t kTextLimit = 1024;
 constexpr int kEntityDepthLimit = 16;
+constexpr std::size_t kXmlMessageLimit = 100;
 
-void appendText(std::string& out, const xmlChar* text) {
+void appendText(std::string& out, const xmlChar* text, std::size_t limit) {
     if (text == nullptr) return;
     const char* chars = reinterpret_cast<const char*>(text);
-    out.append(chars, cutLength(chars, std::strlen(chars), kTextLimit - out.size()));
+    out.append(chars, cutLength(chars, std::strlen(chars), limit - out.size()));
 }
 
 // The text and entity-reference nodes of a list, entities replaced, cut at
-// kTextLimit. Only internal entities are followed: an external one (a file
+// `limit`. Only internal entities are followed: an external one (a file
 // or a URL) is never read.
-void appendNodeListText(xmlDocPtr doc, xmlNodePtr node, std::string& out, int depth) {
-    for (; node != nullptr && out.size() < kTextLimit; node = node->next) {
+void appendNodeListText(xmlDocPtr doc, xmlNodePtr node, std::string& out, int depth,
+                        std::size_t limit) {
+    for (; node != nullptr && out.size() < limit; node = node->next) {
         if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
-            appendText(out, node->content);
+            appendText(out, node->content, limit);
         } else if (node->type == XML_ENTITY_REF_NODE && depth < kEntityDepthLimit) {
             xmlEntityPtr entity = xmlGetDocEntity(doc, node->name);
             if (entity == nullptr || (entity->etype != XML_INTERNAL_GENERAL_ENTITY &&
                                       entity->etype != XML_INTERNAL_PREDEFINED_ENTITY))
                 continue;
             if (entity->children != nullptr)
-                appendNodeListText(doc, entity->children, out, depth + 1);
+                appendNodeListText(doc, entity->children, out, depth + 1, limit);
             else
-                appendText(out, entity->content);
+                appendText(out, entity->content, limit);
         }
     }
 }
 
-std::string nodeListText(xmlDocPtr doc, xmlNodePtr list) {
+std::string nodeListText(xmlDocPtr doc, xmlNodePtr list, std::size_t limit = kTextLimit) {
     std::string text;
-    appendNodeListText(doc, list, text, 0);
+    appendNodeListText(doc, list, text, 0, limit);
     return text;
 }
 
-// libxml2's errors and warnings, one line each, naming file and line.
-// `parsedFile` is the context given with the handler: the file being
-// parsed, for messages about text that came from an entity.
-void reportXmlError(void* parsedFile, xmlErrorPtr error) {
+// libxml2's errors and warnings, one line each, naming file and line, kept
+// until the parse ends: on a file that parses they are warnings.
+struct XmlMessages {
+    const char* file;  // the file being parsed, for text that came from an entity
+    std::vector<std::string> lines;
+};
+
+void collectXmlError(void* context, xmlErrorPtr error) {
     if (error == nullptr || error->message == nullptr) return;
+    auto* messages = static_cast<XmlMessages*>(context);
+    if (messages->lines.size() >= kXmlMessageLimit) return;  // a hostile file's flood
     std::string message = error->message;
     while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
         message.pop_back();
-    const char* file = error->file != nullptr ? error->file : static_cast<const char*>(parsedFile);
-    // A warning is no failure: the load goes on and may succeed.
-    if (error->level == XML_ERR_WARNING)
-        qvreport::notice(QV_ERR_MODEL, false, "SCL warning: %s:%d: %s\n", file, error->line,
-                         message.c_str());
-    else
-        qvreport::failure(QV_ERR_MODEL, "SCL parse error: %s:%d: %s\n", file, error->line,
-                          message.c_str());
+    const char* file = error->file != nullptr ? error->file : messages->file;
+    messages->lines.push_back(shownText(file) + ":" + std::to_string(error->line) + ": " +
+                              shownText(message.c_str()));
+}
+
+// A file that parsed loads on: libxml2's errors were recoverable.
+void reportXmlMessages(const XmlMessages& messages, bool parsed) {
+    for (const std::string& line : messages.lines) {
+        if (parsed)
+            qvreport::notice(QV_ERR_MODEL, false, "SCL warning: %s\n", line.c_str());
+        else
+            qvreport::failure(QV_ERR_MODEL, "SCL parse error: %s\n", line.c_str());
+    }
 }
 
 // libxml2 sets up its own globals on first use, and that set-up must not
@@ -97,7 +108,8 @@ bool isReadableFile(const char* file, long* size) {
             return true;
         }
     }
-    qvreport::failure(QV_ERR_MODEL, "Cannot read %s: %s\n", file, std::strerror(reason));
+    qvreport::failure(QV_ERR_MODEL, "Cannot read %s: %s\n", shownText(file).c_str(),
+                      std::strerror(reason));
     return false;
 }
 
@@ -113,10 +125,12 @@ xmlDocPtr parseFile(const char* file) {
     if (context == nullptr) return nullptr;
     xmlStructuredErrorFunc savedHandler = xmlStructuredError;
     void* savedContext = xmlStructuredErrorContext;
-    xmlSetStructuredErrorFunc(const_cast<char*>(file), reportXmlError);
+    XmlMessages messages{file, {}};
+    xmlSetStructuredErrorFunc(&messages, collectXmlError);
     xmlDocPtr doc = xmlCtxtReadFile(context, file, nullptr, XML_PARSE_NOBLANKS | XML_PARSE_NONET);
     xmlSetStructuredErrorFunc(savedContext, savedHandler);
     xmlFreeParserCtxt(context);
+    reportXmlMessages(messages, doc != nullptr);
     return doc;
 }
 
@@ -124,11 +138,12 @@ std::string elementText(xmlNodePtr element) {
     return nodeListText(element->doc, element->children);
 }
 
-Attribute::Attribute(xmlNodePtr element, const char* name) : element_(element), name_(name) {
+Attribute::Attribute(xmlNodePtr element, const char* name, std::size_t limit)
+    : element_(element), name_(name) {
     for (xmlAttrPtr attr = element->properties; attr != nullptr; attr = attr->next) {
         if (xmlStrcmp(attr->name, BAD_CAST name) == 0) {
             present_ = true;
-            text_ = nodeListText(element->doc, attr->children);
+            text_ = nodeListText(element->doc, attr->children, limit);
             break;
         }
     }

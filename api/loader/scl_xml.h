@@ -23,10 +23,16 @@ xmlDocPtr parseFile(const char* file);
 // All text children of an element, entity references replaced.
 std::string elementText(xmlNodePtr element);
 
+// Texts read from the file are cut at kTextLimit bytes: every field is
+// shorter, and a text built from entities referenced many times stays cheap.
+// Type ids are compared whole, so they get a limit no real id reaches.
+constexpr std::size_t kTextLimit = 1024;
+constexpr std::size_t kIdTextLimit = 65536;
+
 // One attribute of an element, read without libxml2's unbounded expansion.
 class Attribute {
 public:
-    Attribute(xmlNodePtr element, const char* name);
+    Attribute(xmlNodePtr element, const char* name, std::size_t limit = kTextLimit);
 
     bool present() const { return present_; }
     // The empty text when absent.

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <initializer_list>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
@@ -95,11 +97,22 @@ bool selectOldValueKeys(sqlite3* db, const char* ied, std::vector<sqlite3_int64>
     return false;
 }
 
-// A reload replaces the rows of each IED of the file instead of adding to them.
+// Whether an earlier load left attribute rows of the IED.
+bool hasRowsOfIed(sqlite3* db, const char* ied) {
+    qvsql::Statement stmt;
+    if (stmt.prepare(db, "select 1 from DA where iedName=? limit 1") != SQLITE_OK) return false;
+    qvsql::bindText(stmt.get(), 1, ied);
+    return sqlite3_step(stmt.get()) == SQLITE_ROW;
+}
+
+// A reload replaces the rows of each IED of the file instead of adding to
+// them, and says so: another file's IED of the same name goes too.
 bool removeRowsOfIeds(const Model& model) {
     sqlite3* db = model.g_sqliteDB;
     std::vector<sqlite3_int64> keys;
     for (const IED& ied : model.giedVector) {
+        if (hasRowsOfIed(db, ied.name))
+            qvreport::notice(QV_OK, false, "IED %s: its rows in the store are replaced\n", ied.name);
         if (!selectOldValueKeys(db, ied.name, &keys)) return false;
     }
     if (!runForEach(
@@ -166,19 +179,45 @@ int insertAttributes(Model& model, long* rows) {
     });
 }
 
+// The references of one value row key: a 32-bit key may serve two.
+struct SharedKeys {
+    std::unordered_map<sqlite3_int64, std::string> firstOf;
+    std::string pairs;
+    int count = 0;
+    // Whether `key` is new; else notes the pair.
+    bool add(sqlite3_int64 key, const char* reference) {
+        const auto at = firstOf.emplace(key, reference);
+        if (at.second) return true;
+        if (++count <= 3) pairs += (pairs.empty() ? "" : "; ") + at.first->second + " and " + reference;
+        return false;
+    }
+    void report() const {
+        if (count > 0)
+            qvreport::notice(QV_OK, false,
+                             "SCL notice: %d references share a row key with another (%s%s); one "
+                             "value row serves each pair\n",
+                             count, pairs.c_str(), count > 3 ? "; ..." : "");
+    }
+};
+
 bool insertValueRows(const Model& model) {
+    Inserter inserter(model.g_sqliteDB);
+    if (!inserter.prepare("insert into DAValue(hashID,type,value,quality,timestamp ) values(?,?,?,?,?)"))
+        return false;
     StoredReference reference;
-    return runForEach(model.g_sqliteDB,
-                      "insert into DAValue(hashID,type,value,quality,timestamp ) values(?,?,?,?,?)",
-                      model.g_daConfTypeVector.size(), [&](sqlite3_stmt* stmt, std::size_t i) {
-                          const DAConfType& member = model.g_daConfTypeVector[i];
-                          reference.set(model, member.ied, member.daName);
-                          sqlite3_bind_int64(stmt, 1, qvsql::rowKey(reference.text));
-                          sqlite3_bind_double(stmt, 2, static_cast<double>(member.type));
-                          sqlite3_bind_double(stmt, 3, 0.0);
-                          sqlite3_bind_double(stmt, 4, 0.0);
-                          sqlite3_bind_double(stmt, 5, 0.0);
-                      });
+    SharedKeys shared;
+    for (const DAConfType& member : model.g_daConfTypeVector) {
+        reference.set(model, member.ied, member.daName);
+        const sqlite3_int64 key = qvsql::rowKey(reference.text);
+        if (!shared.add(key, reference.text)) continue;
+        sqlite3_stmt* stmt = inserter.get();
+        sqlite3_bind_int64(stmt, 1, key);
+        sqlite3_bind_double(stmt, 2, static_cast<double>(member.type));
+        for (int column = 3; column <= 5; ++column) sqlite3_bind_double(stmt, column, 0.0);
+        if (!inserter.step()) return false;
+    }
+    shared.report();
+    return true;
 }
 
 // All four tables in one transaction: a load lands whole or not at all.

@@ -11,21 +11,21 @@ namespace {
 // Starts the next record of a type table with the element's "id".
 template <typename Type>
 Type* readTypeId(xmlNodePtr element, std::vector<Type>& table) {
-    Attribute id(element, "id");
+    Attribute id(element, "id", kIdTextLimit);
     if (!id.required()) return nullptr;
     Type& type = appendRecord(table);
-    copyText(type.id, id.text());
+    type.id = id.text();
     return &type;
 }
 
 // A "DO" or "SDO": a name and the id of a DOType, both required.
 template <typename Record>
 int readNamedDataObject(xmlNodePtr element, std::vector<Record>& table) {
-    Attribute name(element, "name"), type(element, "type");
+    Attribute name(element, "name"), type(element, "type", kIdTextLimit);
     if (!name.required() || !type.required()) return -1;
     Record& record = appendRecord(table);
     copyText(record.name, name.text());
-    copyText(record.type, type.text());
+    record.type = type.text();
     return 0;
 }
 
@@ -37,14 +37,17 @@ int readLNodeType(Model& model, xmlNodePtr element) {
     });
 }
 
-int readDataAttribute(xmlNodePtr element, DOType* doType) {
-    Attribute name(element, "name"), bType(element, "bType"), type(element, "type"),
+int readDataAttribute(Model& model, xmlNodePtr element, DOType* doType) {
+    Attribute name(element, "name"), bType(element, "bType"), type(element, "type", kIdTextLimit),
         fc(element, "fc");
-    if (!name.required() || !bType.required() || !fc.required()) return -1;
+    // An attribute row holds its fc in two characters, as a member does.
+    if (!name.required() || !bType.required() || !fc.required() ||
+        !distinctWhenCut(model, "FC", fc.text(), sizeof(DATable::fcName) - 1))
+        return -1;
     DA& da = appendRecord(doType->daVector);
     copyText(da.name, name.text());
     copyText(da.bType, bType.text());
-    copyText(da.type, type.text());
+    da.type = type.text();
     copyText(da.fc, fc.text());
     return 0;
 }
@@ -55,7 +58,7 @@ int readDOType(Model& model, xmlNodePtr element) {
     for (xmlNodePtr child = element->children; child != nullptr; child = child->next) {
         int result = 0;
         if (isElement(child, "DA")) {
-            result = readDataAttribute(child, doType);
+            result = readDataAttribute(model, child, doType);
         } else if (isElement(child, "SDO")) {
             result = readNamedDataObject(child, doType->sdoVector);
         }
@@ -68,11 +71,11 @@ int readDAType(Model& model, xmlNodePtr element) {
     DAType* daType = readTypeId(element, model.daTypeVector);
     if (daType == nullptr) return -1;
     return forEachChild(element, "BDA", [&](xmlNodePtr child) {
-        Attribute name(child, "name"), bType(child, "bType"), type(child, "type");
+        Attribute name(child, "name"), bType(child, "bType"), type(child, "type", kIdTextLimit);
         if (!name.required() || !bType.required()) return -1;
         BDA& bda = appendRecord(daType->bdaVector);
         copyText(bda.name, name.text());
-        copyText(bda.type, type.text());
+        bda.type = type.text();
         copyText(bda.bType, bType.text());
         return 0;
     });
