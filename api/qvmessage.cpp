@@ -1,5 +1,5 @@
 // The message bus: routes from the configuration store, one System V queue
-// per receiving process.
+// per receiving process. The process's own name is found in process_name.cpp.
 //
 // A sender loads the routes of its own process once (zq_publisherMsg); each
 // send then puts one MSGINFO on the queue of every receiver whose route
@@ -36,9 +36,6 @@ using qvcheck::argumentGiven;
 namespace {
 
 constexpr int kQueueFlags = IPC_CREAT | 0666;
-constexpr int kProcessNameSize = 128;
-constexpr int kProcessDirSize = 1024;
-constexpr std::size_t kCmdlineSize = 128;
 constexpr std::size_t kReceiveTextSize = 8192;
 constexpr useconds_t kReceiveRetryPauseMicros = 100 * 1000;
 
@@ -93,74 +90,6 @@ std::atomic<bool> s_capacityReported{false};
 
 key_t queueKeyOf(int processNo) {
     return static_cast<key_t>(static_cast<long long>(processNo) + QV_QUEUE_KEY_OFFSET);
-}
-
-// Appends text to a field of `size` bytes, cutting what does not fit.
-void appendCut(char* field, std::size_t size, const char* text) {
-    const std::size_t used = std::strlen(field);
-    if (used + 1 >= size) return;
-    std::size_t n = std::strlen(text);
-    if (n > size - 1 - used) n = size - 1 - used;
-    std::memcpy(field + used, text, n);
-    field[used + n] = '\0';
-}
-
-// Appends " <argument>" for each argument after argument zero, up to the
-// first empty one. An argument that the buffer cuts off is dropped whole.
-void appendArguments(char* processname, const char* cmdline, std::size_t size) {
-    const char* end = cmdline + size;
-    const char* arg = static_cast<const char*>(std::memchr(cmdline, '\0', size));
-    if (arg == nullptr) return;
-    for (++arg; arg < end && *arg != '\0';) {
-        const char* terminator = static_cast<const char*>(std::memchr(arg, '\0', end - arg));
-        if (terminator == nullptr) return;
-        appendCut(processname, kProcessNameSize, " ");
-        appendCut(processname, kProcessNameSize, arg);
-        arg = terminator + 1;
-    }
-}
-
-// Reads the link to the executable into processdir and splits it into the
-// directory (kept in processdir, with its "/") and the file name.
-int readExecutablePath(char* processdir, char* processname, int len) {
-    ssize_t n = -1;
-    if (len > 0) {
-        n = readlink("/proc/self/exe", processdir, static_cast<std::size_t>(len));
-    } else {
-        errno = EINVAL;
-    }
-    if (n >= len) {  // the path does not fit with its terminator
-        n = -1;
-        errno = ENAMETOOLONG;
-    }
-    if (n <= 0) {
-        qvreport::systemFailure(qvtext::kReadlinkFailed);
-        return -1;
-    }
-    processdir[n] = '\0';
-    char* slash = std::strrchr(processdir, '/');
-    if (slash == nullptr) {
-        qvreport::systemFailure(qvtext::kNoDirectoryInPath);
-        return -1;
-    }
-    processname[0] = '\0';
-    appendCut(processname, kProcessNameSize, slash + 1);
-    slash[1] = '\0';
-    return 0;
-}
-
-// The name given by zq_setProcessName; empty: the name from /proc/self.
-char s_givenProcessName[kProcessNameSize] = "";
-
-// The calling process's name in ProcessConfig: the given one, or else the
-// one taken from /proc/self.
-bool ownProcessName(char (&processname)[kProcessNameSize]) {
-    if (s_givenProcessName[0] != '\0') {
-        std::memcpy(processname, s_givenProcessName, sizeof processname);
-        return true;
-    }
-    char processdir[kProcessDirSize];
-    return get_executable_path(processdir, processname, kProcessDirSize) == 0;
 }
 
 // A process that ProcessConfig lacks has no routes and no queue: say which
@@ -454,40 +383,7 @@ int subscribe(funptr callback, const char* operation, void (*reportQueueFailure)
 
 }  // namespace
 
-int get_executable_path(char* processdir, char* processname, int len) {
-    if (processdir == nullptr || processname == nullptr) {
-        errno = EINVAL;
-        qvreport::systemFailure(qvtext::kReadlinkFailed);
-        return -1;
-    }
-    if (readExecutablePath(processdir, processname, len) != 0) return -1;
-    char cmdline[kCmdlineSize];
-    std::memset(cmdline, 0, sizeof cmdline);
-    const int fd = open("/proc/self/cmdline", O_RDONLY);
-    const ssize_t n = fd == -1 ? -1 : read(fd, cmdline, sizeof cmdline);
-    if (n < 0) {
-        qvreport::systemFailure(qvtext::kCmdlineReadFailed);
-        if (fd != -1) close(fd);
-        return -1;
-    }
-    appendArguments(processname, cmdline, sizeof cmdline);
-    close(fd);
-    return 0;
-}
-
 void* recv_msg_thread(void* /*arg*/) { receiveLoop(); }
-
-int zq_setProcessName(const char* name) {
-    qvreport::succeeded();
-    if (name == nullptr) name = "";
-    if (std::strlen(name) >= sizeof s_givenProcessName) {
-        qvreport::failure(QV_ERR_ARGUMENT, "zq_setProcessName: a name of at most %d bytes\n",
-                          kProcessNameSize - 1);
-        return -1;
-    }
-    std::strcpy(s_givenProcessName, name);
-    return 0;
-}
 
 int zq_publisherMsg(void) {
     qvreport::succeeded();

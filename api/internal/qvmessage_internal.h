@@ -8,6 +8,15 @@
 // file name and each argument after one blank, at most 127 bytes.
 int get_executable_path(char* processdir, char* processname, int len);
 
+// The sizes of a process name and of the executable's directory.
+constexpr int kProcessNameSize = 128;
+constexpr int kProcessDirSize = 1024;
+
+// The calling process's name in ProcessConfig: the one given to
+// zq_setProcessName, or else the one taken from /proc/self (false, after a
+// line, when that cannot be read).
+bool ownProcessName(char (&processname)[kProcessNameSize]);
+
 // The receiving thread of zq_subscriberMsg_async; never returns.
 void* recv_msg_thread(void* arg);
 
