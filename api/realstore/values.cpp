@@ -29,7 +29,14 @@ int saveValue(sqlite3_stmt* stmt, const char* daName, double val, const int* cha
     return saved >= 0 ? 0 : -1;
 }
 
+// The value goes to whichever of out.asDouble and out.asInt is given; the
+// quality is wanted when the statement reads it.
 int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, const char* operation) {
+    const bool wantsQuality = stmt == s_stmt_select1;
+    if (!argumentGiven(out.asDouble != nullptr ? static_cast<void*>(out.asDouble) : out.asInt,
+                       operation) ||
+        (wantsQuality && !argumentGiven(out.quality, operation)))
+        return -1;
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
     const int read = readKey(rowKey(daName), out, stmt, lock.held());
@@ -56,27 +63,17 @@ int zq_saveIntDAValueValue1(const char* daName, int val, int character) {
 }
 
 int zq_getIntDAValue(const char* daName, int* pValue) {
-    if (!argumentGiven(pValue, "zq_getIntDAValue")) return -1;
-    return readValue(s_stmt_select, daName, {nullptr, pValue, nullptr}, "zq_getIntDAValue");
+    return readValue(s_stmt_select, daName, {nullptr, pValue, nullptr}, __func__);
 }
 
 int zq_getIntDAValue1(const char* daName, int* pValue, int* pCharacter) {
-    if (!argumentGiven(pValue, "zq_getIntDAValue1") ||
-        !argumentGiven(pCharacter, "zq_getIntDAValue1"))
-        return -1;
-    return readValue(s_stmt_select1, daName, {nullptr, pValue, pCharacter},
-                     "zq_getIntDAValue1");
+    return readValue(s_stmt_select1, daName, {nullptr, pValue, pCharacter}, __func__);
 }
 
 int zq_getDoubDAValue(const char* daName, double* pValue) {
-    if (!argumentGiven(pValue, "zq_getDoubDAValue")) return -1;
-    return readValue(s_stmt_select, daName, {pValue, nullptr, nullptr}, "zq_getDoubDAValue");
+    return readValue(s_stmt_select, daName, {pValue, nullptr, nullptr}, __func__);
 }
 
 int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter) {
-    if (!argumentGiven(pValue, "zq_getDoubDAValue1") ||
-        !argumentGiven(pCharacter, "zq_getDoubDAValue1"))
-        return -1;
-    return readValue(s_stmt_select1, daName, {pValue, nullptr, pCharacter},
-                     "zq_getDoubDAValue1");
+    return readValue(s_stmt_select1, daName, {pValue, nullptr, pCharacter}, __func__);
 }
