@@ -111,6 +111,10 @@ SaveGroup::~SaveGroup() {
     s_feed->header().writing.store(0, std::memory_order_release);
 }
 
+void noteLoss() {
+    if (s_inGroup) appendReset();
+}
+
 void noteChange(unsigned int hashID, double value, int quality, double timestamp) {
     if (!s_inGroup) return;
     if (timestamp <= 0) {
