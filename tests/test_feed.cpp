@@ -17,9 +17,11 @@
 
 #include "internal/qvfeed_hooks.h"
 #include "process.h"
+#include "qvaddied.h"
 #include "qvfeed.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
+#include "qvtool_run.h"
 
 using namespace qvtest;
 
@@ -247,6 +249,32 @@ TEST_F(Feed, BatchesEndBetweenSaves) {
     EXPECT_EQ(zq_lastErrorCode(), QV_ERR_ARGUMENT);
     EXPECT_EQ(zq_waitChanges(nullptr, 0, &change, 1, &count), -1);
     EXPECT_EQ(zq_closeChangeFeed(feed), 0);
+}
+
+// A model load and `qvtool init` change values beyond the feed: each gives
+// one reset and nothing else.
+TEST_F(Feed, ModelLoadAndInitGiveOneResetEach) {
+    const struct {
+        const char* name;
+        std::function<bool()> run;
+    } cases[] = {
+        {"model load",
+         [] { return zq_addIEDRealDB(const_cast<char*>(dataPath("valid_model.scd").c_str())) == 0; }},
+        {"qvtool init", [] { return tool({"init"}).code == 0; }},
+    };
+    QvFeed* feed = zq_openChangeFeed();
+    ASSERT_NE(feed, nullptr);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(c.run());
+        QvChange got[4];
+        int count = 0;
+        ASSERT_EQ(zq_waitChanges(feed, 0, got, 4, &count), 0);
+        ASSERT_EQ(count, 1);
+        EXPECT_EQ(got[0].kind, QV_CHANGE_RESET);
+        EXPECT_TRUE(got[0].hashID == 0 && got[0].value == 0 && got[0].character == 0);
+    }
+    zq_closeChangeFeed(feed);
 }
 
 long long monotonicMicros() {
