@@ -35,19 +35,9 @@ std::vector<std::string> g_refs;
 DaNameRow g_names[kRows];
 
 void prepareStore() {
-    zq_closeRealDB();
-    sqlite3* db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
-    qvbench::execOrDie(db, "begin");
-    g_refs.clear();
-    for (int i = 0; i < kRows; ++i) {
-        g_refs.push_back("BENCHFEED/MMXU1$MX$A$phsA$cVal$mag$f" + std::to_string(i));
-        std::snprintf(g_names[i], sizeof g_names[i], "%s", g_refs.back().c_str());
-        const unsigned key = RSHash(g_refs.back().c_str(), g_refs.back().size());
-        qvbench::execOrDie(db, "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
-                                   std::to_string(key) + ",1,0,0,0)");
-    }
-    qvbench::execOrDie(db, "commit");
-    sqlite3_close(db);
+    g_refs = qvbench::storeWithValueRows("BENCHFEED/MMXU1$MX$A$phsA$cVal$mag$f", kRows);
+    for (int i = 0; i < kRows; ++i)
+        std::snprintf(g_names[i], sizeof g_names[i], "%s", g_refs[i].c_str());
     if (zq_openRealDB() != 0) std::exit(1);
 }
 
