@@ -4,6 +4,7 @@
 // the feed's file removed while everyone runs. Subscribers keep a mirror of
 // the values they were told about and compare it with the store.
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -275,6 +276,17 @@ TEST_F(Feed, ModelLoadAndInitGiveOneResetEach) {
         EXPECT_TRUE(got[0].hashID == 0 && got[0].value == 0 && got[0].character == 0);
     }
     zq_closeChangeFeed(feed);
+}
+
+// The file is made with the configured access mode, whatever the umask of
+// the process that makes it.
+TEST_F(Feed, FileHasTheConfiguredModeWhateverTheUmask) {
+    const mode_t previous = umask(0077);
+    freshFeed(0);
+    umask(previous);
+    struct stat info{};
+    ASSERT_EQ(stat(feedFile().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, static_cast<mode_t>(QV_IPC_MODE));
 }
 
 long long monotonicMicros() {
