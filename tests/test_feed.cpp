@@ -585,3 +585,26 @@ TEST_F(Feed, RemovedFileIsMadeAgainAndSubscribersAreReset) {
     EXPECT_EQ(before.wait(kChildLimitMs), 0);
     EXPECT_EQ(after.wait(kChildLimitMs), 0);
 }
+
+// The file removed while a subscriber waits and no process that maps it
+// saves again (a new tool run makes the file anew): the subscriber finds
+// out by itself, without a save to wake it, and is told by a reset.
+TEST_F(Feed, SubscriberFindsItsFileReplacedWithoutAnyWriter) {
+    zq_closeRealDB();
+    ReadyPipe ready;
+    Child subscriber([&] {
+        QvFeed* feed = zq_openChangeFeed();
+        if (feed == nullptr || !ready.signal()) return childFailed("cannot open");
+        QvChange changes[4];
+        int count = 0;
+        const int result = zq_waitChanges(feed, 20000, changes, 4, &count);
+        if (result != 1 || count < 1 || changes[0].kind != QV_CHANGE_RESET)
+            return childFailed("result " + std::to_string(result));
+        return zq_closeChangeFeed(feed);
+    });
+    ASSERT_TRUE(ready.awaitOne());
+    usleep(100000);
+    ASSERT_EQ(unlink(feedFile().c_str()), 0);
+    ASSERT_EQ(tool({"init"}).code, 0);
+    EXPECT_EQ(subscriber.wait(kChildLimitMs), 0);
+}
