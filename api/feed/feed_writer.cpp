@@ -133,8 +133,8 @@ void setNewFeedCapacity(unsigned long long capacity) {
     s_nextCheck = 0;
 }
 
+// The store lock makes its semaphore itself in a process that has not yet.
 void announceReset() {
-    if (qvreal::s_RealSemId < 0) initRealSem();
     qvreal::StoreLock lock;
     SaveGroup group(lock.held());
     if (!s_inGroup) return;
