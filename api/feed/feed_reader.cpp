@@ -167,10 +167,12 @@ bool sleepForChanges(QvFeed* feed, long long waitNanos) {
     }
     const long long nanos = waitNanos < 0 ? kLivenessNanos : std::min(waitNanos, kLivenessNanos);
     timespec limit{static_cast<time_t>(nanos / 1000000000LL), static_cast<long>(nanos % 1000000000LL)};
-    const long rc = syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAIT, seen,
-                            &limit, nullptr, 0);
-    return !(rc != 0 && errno == ETIMEDOUT && nanos == kLivenessNanos &&
-             feed->mapping->replaced());
+    const long long start = monotonicNanos();
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAIT, seen, &limit, nullptr,
+            0);
+    // A whole long sleep without a publish: time to look at the file.
+    const bool sleptLong = nanos == kLivenessNanos && monotonicNanos() - start >= nanos;
+    return !(sleptLong && feed->mapping->replaced());
 }
 
 }  // namespace
