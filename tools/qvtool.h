@@ -133,6 +133,27 @@ bool fetchList(std::vector<Record>* rows, CountFn count, FetchFn fetch, Filters.
     }
 }
 
+// ---- Configuration listings and the bus monitor ----------------------------
+
+// The listings of point mappings and scales (qvtool_conf_lists.cpp), shown
+// with the configuration commands.
+const std::vector<Command>& confListingCommands();
+
+// "setting list [PROCESS]": every setting, or those of one process.
+int listSettings(const Args& args);
+
+// After a configuration lookup that failed: true when it found no row;
+// otherwise says that the store could not be read.
+bool missingRow();
+
+// The number of the named process; false after saying that there is none or
+// that the store could not be read.
+bool knownProcess(const std::string& name, int* number);
+
+// The configured processes' names by number; false when the open
+// configuration store cannot be read (the library has said why).
+bool processNames(std::map<int, std::string>* names);
+
 }  // namespace qvtool
 
 #endif  // QVTOOL_H
