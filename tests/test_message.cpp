@@ -596,6 +596,24 @@ TEST_F(MessageBus, AMonitorShowsWhoSentWhatToWhomAndWhatNoRouteCarried) {
     sender.stop();
 }
 
+// Eight monitors at once; a ninth is refused until one of them dies, even by
+// SIGKILL, and its queue goes when the slot is taken again.
+TEST_F(MessageBus, EightMonitorsWatchAtOnceAndADeadOnesPlaceIsTakenAgain) {
+    std::vector<std::unique_ptr<qvtest::Spawn>> monitors;
+    int lastQueue = -1;
+    for (int i = 0; i < qvmonitor::kSlots; ++i) monitors.push_back(startMonitor({}, &lastQueue));
+    qvtest::ToolRun refused = qvtest::tool({"watch", "--all"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, testing::HasSubstr("8 monitors watch the bus already; none can be added"));
+    monitors.back()->stop();
+    msqid_ds state{};
+    EXPECT_EQ(msgctl(lastQueue, IPC_STAT, &state), 0);  // left behind by the dead monitor
+    int queue = -1;
+    monitors.back() = startMonitor({}, &queue);
+    EXPECT_NE(queue, -1);
+    EXPECT_EQ(msgctl(lastQueue, IPC_STAT, &state), -1);
+}
+
 TEST(ProcessName, IsTheExecutablesFileNameAndArgumentsCutToTheBuffer) {
     char resolved[PATH_MAX];
     ASSERT_NE(realpath(QV_MSG_PEER, resolved), nullptr);

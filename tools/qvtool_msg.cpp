@@ -406,6 +406,10 @@ int watchAll(const WatchOptions& options) {
                  "qvtool: watching every record on the bus (monitor %d of %d, queue id %d, "
                  "room for %lu records)\n",
                  monitor.slot + 1, qvmonitor::kSlots, monitor.queueId, monitor.capacity);
+    if (monitor.capacity < qvmonitor::kMonitorRecords)
+        complain("a burst beyond that is lost to this monitor: for %lu records raise the system "
+                 "limit (sysctl -w kernel.msgmnb=%lu) or give the tool CAP_SYS_RESOURCE",
+                 qvmonitor::kMonitorRecords, qvmonitor::kMonitorRecords * qvmonitor::kCopyText);
     int end = -1;
     unsigned long saidDropped = 0;
     qvmonitor::Copy copy;
