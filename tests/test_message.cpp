@@ -197,6 +197,26 @@ protected:
         }
     }
 
+    // Process 1 sends the given kinds to process 2 ("qv_msg_peer 2").
+    static void publisherToProcess2(int mask) {
+        configure(1, "qv_msg_peer publisher");
+        configure(2, "qv_msg_peer 2");
+        route(1, 2, mask);
+    }
+    // A burst of kBurst general messages from process 1 reaches process 2's
+    // subscriber whole and in order; no send fails or says anything.
+    static void burstReachesProcess2() {
+        Peer receiver("sync", {"2"});
+        Peer sender("pub", {"publisher"});
+        ASSERT_EQ(sender.command('P'), 0);
+        ASSERT_TRUE(queuesHold({2}, kBurstBytes));
+        const MSGINFO burst = burstOf(kBurst);
+        ASSERT_EQ(sender.command('B', burst), 0);
+        ASSERT_TRUE(sendFence(2));
+        expectWholeBurst(receiver, burst, kBurst);
+        EXPECT_EQ(sender.stop().err, "");
+    }
+
 private:
     int savedIpc_ = -1;
 };
@@ -494,28 +514,18 @@ std::vector<int> oneTo(int count) {
 }
 
 TEST_F(MessageBus, TwoMonitorsAndTheReceiverEachSeeABurstOf1000WholeAndInOrder) {
-    configure(1, "qv_msg_peer publisher");
-    configure(2, "qv_msg_peer 2");
-    route(1, 2, 0x10);
+    publisherToProcess2(0x10);
     USE_QUEUE_LIMIT(kMonitorBytes);
     const std::string count = std::to_string(kBurst);
     std::unique_ptr<qvtest::Spawn> monitors[] = {startMonitor({"--json", "--count", count}),
                                                  startMonitor({"--json", "--count", count})};
-    Peer receiver("sync", {"2"});
-    Peer sender("pub", {"publisher"});
-    ASSERT_EQ(sender.command('P'), 0);
-    ASSERT_TRUE(queuesHold({2}, kBurstBytes));
-    const MSGINFO burst = burstOf(kBurst);
-    ASSERT_EQ(sender.command('B', burst), 0);
-    ASSERT_TRUE(sendFence(2));
-    expectWholeBurst(receiver, burst, kBurst);
+    burstReachesProcess2();
     for (auto& monitor : monitors) {
         const qvtest::ToolRun run = monitor->finish();
         EXPECT_EQ(run.code, 0) << run.err;
         EXPECT_EQ(monitoredBurst(run.out, kBurst), oneTo(kBurst));
         EXPECT_EQ(run.err, "");
     }
-    EXPECT_EQ(sender.stop().err, "");
 }
 
 // One monitor is killed, one stopped, both queues shrunk to 13 copies: the
@@ -523,9 +533,7 @@ TEST_F(MessageBus, TwoMonitorsAndTheReceiverEachSeeABurstOf1000WholeAndInOrder) 
 // monitor's queue is removed and the stopped one keeps its first 13 copies
 // and says how many passed it by.
 TEST_F(MessageBus, AMonitorKilledOrStoppedCostsThePublisherNothing) {
-    configure(1, "qv_msg_peer publisher");
-    configure(2, "qv_msg_peer 2");
-    route(1, 2, 0x10);
+    publisherToProcess2(0x10);
     USE_QUEUE_LIMIT(kMonitorBytes);
     int killedQueue = -1, stoppedQueue = -1;
     std::unique_ptr<qvtest::Spawn> killed = startMonitor({}, &killedQueue),
@@ -541,14 +549,7 @@ TEST_F(MessageBus, AMonitorKilledOrStoppedCostsThePublisherNothing) {
         state.msg_qbytes = 13 * qvmonitor::kCopyText;
         ASSERT_EQ(msgctl(queue, IPC_SET, &state), 0);
     }
-    Peer receiver("sync", {"2"});
-    Peer sender("pub", {"publisher"});
-    ASSERT_EQ(sender.command('P'), 0);
-    ASSERT_TRUE(queuesHold({2}, kBurstBytes));
-    const MSGINFO burst = burstOf(kBurst);
-    ASSERT_EQ(sender.command('B', burst), 0);
-    ASSERT_TRUE(sendFence(2));
-    expectWholeBurst(receiver, burst, kBurst);
+    burstReachesProcess2();
     EXPECT_EQ(msgctl(killedQueue, IPC_STAT, &state), -1);
     ASSERT_EQ(msgctl(stoppedQueue, IPC_STAT, &state), 0);
     EXPECT_EQ(state.msg_qnum, 13u);
@@ -560,15 +561,12 @@ TEST_F(MessageBus, AMonitorKilledOrStoppedCostsThePublisherNothing) {
                            " records passed while this monitor's queue was full (their receivers "
                            "got them)\n");
     EXPECT_EQ(msgctl(stoppedQueue, IPC_STAT, &state), -1);  // removed as the monitor ended
-    EXPECT_EQ(sender.stop().err, "");
 }
 
 // A plain line names sender and receiver; a record that no route carries is
 // shown with no receiver; --kind leaves kinds out.
 TEST_F(MessageBus, AMonitorShowsWhoSentWhatToWhomAndWhatNoRouteCarried) {
-    configure(1, "qv_msg_peer publisher");
-    configure(2, "qv_msg_peer 2");
-    route(1, 2, 0x12);
+    publisherToProcess2(0x12);
     std::unique_ptr<qvtest::Spawn> monitor = startMonitor({"--kind", "soe,topo", "--count", "2"});
     Peer sender("pub", {"publisher"});
     ASSERT_EQ(sender.command('P'), 0);
