@@ -137,7 +137,8 @@ unsigned long raiseQueueCapacity(int msgid, unsigned long wanted) {
     msqid_ds state;
     if (msgctl(msgid, IPC_STAT, &state) != 0) return 0;
     const msglen_t current = state.msg_qbytes;
-    if (current >= wanted || setCapacity(msgid, state, wanted)) return std::max<msglen_t>(current, wanted);
+    if (current >= wanted || setCapacity(msgid, state, wanted))
+        return std::max<msglen_t>(current, wanted);
     const msglen_t limit = systemQueueLimit();
     if (limit > current && setCapacity(msgid, state, std::min<msglen_t>(limit, wanted)))
         return std::min<msglen_t>(limit, wanted);
@@ -303,7 +304,7 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
                                   buffer.record);
         routed = true;
     }
-    // Monitors also see what the routes left undelivered.
+    // A record that no route carries goes to the monitors alone.
     if (!routed)
         qvmonitor::copyToMonitors(s_ownProcessNo, qvmonitor::kNoReceiver, false, buffer.record);
     return result;
