@@ -136,11 +136,10 @@ using namespace qvreal;
 int zq_openRealDB(void) {
     initRealSem();
     if (s_sqliteDB != nullptr) return 0;
-    // No connection mutex while the store lock keeps every thread but one
-    // away from the connection: SQLite's own locking per call is then waste.
-    // No SQLITE_OPEN_CREATE: only `qvtool init` makes the store.
-    const int flags =
-        SQLITE_OPEN_READWRITE | (s_RealSemId >= 0 ? SQLITE_OPEN_NOMUTEX : SQLITE_OPEN_FULLMUTEX);
+    // No connection mutex: the store lock's process mutex keeps every thread
+    // but one away from the connection. No SQLITE_OPEN_CREATE: only
+    // `qvtool init` makes the store.
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
     const int opened = sqlite3_open_v2(QV_REALTIME_DB_PATH, &s_sqliteDB, flags, nullptr);
     if (storeMissing(opened)) return failOpen(QV_ERR_IO, "does not exist");
     if (opened != SQLITE_OK) {
