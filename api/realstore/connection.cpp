@@ -2,7 +2,9 @@
 // mode, the statements kept on it (the value hot path's shared four, the
 // member queries and transaction control) and the checks every operation
 // makes before it touches it.
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -42,6 +44,29 @@ std::map<std::string, sqlite3_stmt*> s_memberQueries;
 const char* const kControlSql[kControlCount] = {"begin", "begin immediate transaction",
                                                 "commit transaction", "rollback"};
 sqlite3_stmt* s_control[kControlCount] = {};
+
+// An fd of the store file that the connection opened, so that the check of
+// every operation is one fstat. It is closed only once another file is at
+// the path: closing any fd of a file drops this process's POSIX locks on it,
+// those of SQLite's connections included.
+int s_storeFd = -1;
+
+void watchStoreFile() {
+    struct stat atPath, watched;
+    if (stat(QV_REALTIME_DB_PATH, &atPath) != 0) return;
+    if (s_storeFd != -1 && fstat(s_storeFd, &watched) == 0 && watched.st_ino == atPath.st_ino &&
+        watched.st_dev == atPath.st_dev)
+        return;
+    if (s_storeFd != -1) close(s_storeFd);
+    s_storeFd = open(QV_REALTIME_DB_PATH, O_RDONLY | O_CLOEXEC);
+}
+
+// Removed, or renamed over: the file has no name left. (Measured: an fstat
+// costs a third of a stat of the path.)
+bool storeFileGone() {
+    struct stat info;
+    return s_storeFd != -1 && fstat(s_storeFd, &info) == 0 && info.st_nlink == 0;
+}
 
 // Finalises the kept statements and closes the connection; a failed open
 // uses it too, so that the next zq_openRealDB tries again from scratch.
@@ -129,13 +154,12 @@ int runControl(Control control) {
     return rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
-}  // namespace qvreal
 
-using namespace qvreal;
+namespace {
 
-int zq_openRealDB(void) {
-    initRealSem();
-    if (s_sqliteDB != nullptr) return 0;
+// Opens the connection at the store's path and prepares the shared
+// statements: 0, or -1 after a line with everything released.
+int openConnection() {
     // No connection mutex: the store lock's process mutex keeps every thread
     // but one away from the connection. No SQLITE_OPEN_CREATE: only
     // `qvtool init` makes the store.
@@ -159,7 +183,57 @@ int zq_openRealDB(void) {
         }
     }
     switchToWal();
+    watchStoreFile();
     return 0;
+}
+
+// Whether the file now at the path is a store that a connection can use.
+bool usableStoreAtPath() {
+    sqlite3* probe = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    const bool usable =
+        sqlite3_open_v2(QV_REALTIME_DB_PATH, &probe, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+        sqlite3_prepare_v2(probe, kSelectSql, -1, &stmt, nullptr) == SQLITE_OK;
+    sqlite3_finalize(stmt);
+    sqlite3_close(probe);
+    return usable;
+}
+
+bool s_goneReported = false;
+
+}  // namespace
+
+// The connection's file was removed or renamed over. With a store at the
+// path again the connection moves there; without one it stays on the old
+// file, and says so once, until one is back.
+void reopenIfStoreReplaced() {
+    if (s_sqliteDB == nullptr || !storeFileGone()) return;
+    if (!usableStoreAtPath()) {
+        if (!s_goneReported)
+            qvreport::notice(QV_ERR_IO, false,
+                             "the real-time store %s was removed: values go to the removed file "
+                             "until a store is back at the path\n",
+                             QV_REALTIME_DB_PATH);
+        s_goneReported = true;
+        return;
+    }
+    releaseConnection();
+    if (openConnection() != 0) return;
+    s_goneReported = false;
+    qvreport::notice(QV_OK, false,
+                     "the real-time store %s was removed or replaced: reopened on the file now at "
+                     "the path\n",
+                     QV_REALTIME_DB_PATH);
+}
+
+}  // namespace qvreal
+
+using namespace qvreal;
+
+int zq_openRealDB(void) {
+    initRealSem();
+    if (s_sqliteDB != nullptr) return 0;
+    return openConnection();
 }
 
 int zq_closeRealDB(void) {

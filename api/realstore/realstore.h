@@ -49,6 +49,11 @@ int keptStatement(sqlite3_stmt*& slot, const char* sql);
 // it cannot be prepared (one attempt, no busy retry).
 sqlite3_stmt* keptQuery(const std::string& sql);
 
+// Called under the store lock by every operation: a connection whose file
+// was removed or renamed over moves to the store now at the path and says
+// so once.
+void reopenIfStoreReplaced();
+
 // Transaction control, kept on the connection as well: sqlite3_exec parses
 // its text anew on every call, which costs a short list about as much as its
 // values.

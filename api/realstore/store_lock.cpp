@@ -189,6 +189,7 @@ namespace qvreal {
 StoreLock::StoreLock() {
     s_connectionMutex.lock();
     s_heldSemId = takeStoreLock();
+    reopenIfStoreReplaced();
 }
 
 StoreLock::~StoreLock() {
