@@ -49,10 +49,14 @@ int keptStatement(sqlite3_stmt*& slot, const char* sql);
 // it cannot be prepared (one attempt, no busy retry).
 sqlite3_stmt* keptQuery(const std::string& sql);
 
+// What an operation does on the store: a write checks that the file is
+// still at the path every time, a read at most once per coarse clock tick.
+enum class StoreUse { Write, Read };
+
 // Called under the store lock by every operation: a connection whose file
 // was removed or renamed over moves to the store now at the path and says
 // so once.
-void reopenIfStoreReplaced();
+void reopenIfStoreReplaced(StoreUse use);
 
 // Transaction control, kept on the connection as well: sqlite3_exec parses
 // its text anew on every call, which costs a short list about as much as its
@@ -76,7 +80,7 @@ extern void (*g_afterLockSetCreated)();
 // semaphore, released in the reverse order.
 class StoreLock {
 public:
-    StoreLock();
+    explicit StoreLock(StoreUse use = StoreUse::Write);
     ~StoreLock();
     StoreLock(const StoreLock&) = delete;
     StoreLock& operator=(const StoreLock&) = delete;

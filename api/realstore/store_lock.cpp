@@ -186,10 +186,10 @@ void unlocksem(int semid) {
 
 namespace qvreal {
 
-StoreLock::StoreLock() {
+StoreLock::StoreLock(StoreUse use) {
     s_connectionMutex.lock();
     s_heldSemId = takeStoreLock();
-    reopenIfStoreReplaced();
+    reopenIfStoreReplaced(use);
 }
 
 StoreLock::~StoreLock() {
