@@ -54,6 +54,11 @@ int membersShown() {
     return count;
 }
 
+long long modelRows() {
+    return qvtest::queryInt(realDbPath(), "select count(*) from DataSetSub where iedName='" +
+                                              std::string(kIed) + "'");
+}
+
 bool fail(const std::string& text) {
     std::fprintf(stderr, "child %d: %s\n", getpid(), text.c_str());
     return false;
@@ -120,34 +125,54 @@ TEST_F(LiveReload, TwentyReloadsOfA5000MemberModelUnder8ProcessesAllLandWhole) {
     for (int load = 0; load < kReloads; ++load) {
         const int members = load % 2 == 0 ? kSmallModel : kBigModel;
         ASSERT_EQ(zq_addIEDRealDB(models[load % 2].c_str()), 0) << "reload " << load;
-        EXPECT_EQ(qvtest::queryInt(realDbPath(), "select count(*) from DataSetSub where iedName='" +
-                                                     std::string(kIed) + "'"),
-                  members);
+        EXPECT_EQ(modelRows(), members);
     }
     stopFlag->store(1);
     for (size_t i = 0; i < children.size(); ++i)
         EXPECT_EQ(children[i]->wait(60000), 0) << (i < kSavers ? "saver " : "reader ") << i;
 }
 
-// The outside writer is a process of its own: a child forked while this
-// process held a transaction would inherit SQLite's record of it.
+namespace {
+
+// A writer outside the library: a process of its own (a child forked while
+// this process held a transaction would inherit SQLite's record of it) that
+// holds a write transaction on the store until release().
+class OutsideWriter {
+public:
+    OutsideWriter() {
+        if (pipe(held_) != 0 || pipe(release_) != 0) return;
+        child_ = std::make_unique<qvtest::Child>([this] {
+            sqlite3* outside = nullptr;
+            char c = 'h';
+            if (sqlite3_open(realDbPath().c_str(), &outside) != SQLITE_OK ||
+                sqlite3_exec(outside, "begin immediate; update DAValue set quality=7 where rowid=1",
+                             nullptr, nullptr, nullptr) != SQLITE_OK ||
+                write(held_[1], &c, 1) != 1 || read(release_[0], &c, 1) != 1)
+                return 1;
+            return sqlite3_exec(outside, "commit", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 1;
+        });
+        char c;
+        holding_ = read(held_[0], &c, 1) == 1;
+    }
+    ~OutsideWriter() {
+        for (int fd : {held_[0], held_[1], release_[0], release_[1]}) close(fd);
+    }
+    bool holding() const { return holding_; }
+    // Commits; true once the writer ended well.
+    bool release() { return write(release_[1], "r", 1) == 1 && child_->wait(10000) == 0; }
+
+private:
+    int held_[2] = {-1, -1}, release_[2] = {-1, -1};
+    bool holding_ = false;
+    std::unique_ptr<qvtest::Child> child_;
+};
+
+}  // namespace
+
 TEST_F(LiveReload, ReadersGoOnWhileASaverWaitsForAWriterOutsideTheLibrary) {
     ASSERT_EQ(zq_addIEDRealDB(writeModel(10).c_str()), 0);
-    int held[2], release[2];
-    ASSERT_EQ(pipe(held), 0);
-    ASSERT_EQ(pipe(release), 0);
-    qvtest::Child writer([&] {
-        sqlite3* outside = nullptr;
-        char c = 'h';
-        if (sqlite3_open(realDbPath().c_str(), &outside) != SQLITE_OK ||
-            sqlite3_exec(outside, "begin immediate; update DAValue set quality=7 where rowid=1",
-                         nullptr, nullptr, nullptr) != SQLITE_OK ||
-            write(held[1], &c, 1) != 1 || read(release[0], &c, 1) != 1)
-            return 1;
-        return sqlite3_exec(outside, "commit", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 1;
-    });
-    char c;
-    ASSERT_EQ(read(held[0], &c, 1), 1);
+    OutsideWriter writer;
+    ASSERT_TRUE(writer.holding());
     auto saverChild = start([] { return zq_saveDoubDAValue(member(1).c_str(), 42) == 0; });
     usleep(300 * 1000);  // the saver is waiting for the outside writer
     auto readerChild = start([] {
@@ -159,11 +184,26 @@ TEST_F(LiveReload, ReadersGoOnWhileASaverWaitsForAWriterOutsideTheLibrary) {
     // The writer holds on until the reader has ended or plainly stalled.
     EXPECT_EQ(readerChild->wait(2500), 0) << "the reader waited for the saver";
     EXPECT_TRUE(saverChild->running()) << "the saver did not wait for the writer";
-    ASSERT_EQ(write(release[1], "r", 1), 1);
-    EXPECT_EQ(writer.wait(10000), 0);
+    EXPECT_TRUE(writer.release());
     EXPECT_EQ(saverChild->wait(10000), 0);
     EXPECT_EQ(qvtest::queryInt(realDbPath(), "select value from DAValue where hashID=" +
                                                  std::to_string(qvtest::rowKey(member(1)))),
               42);
-    for (int fd : {held[0], held[1], release[0], release[1]}) close(fd);
+}
+
+// A writer that holds the store past the bound: the load gives up, says
+// why, and the store keeps the old model.
+TEST_F(LiveReload, ALoadGivesUpAfterTheBoundAndLeavesTheStoreAlone) {
+    ASSERT_EQ(zq_addIEDRealDB(writeModel(10).c_str()), 0);
+    const std::string bigger = writeModel(20);
+    OutsideWriter writer;
+    ASSERT_TRUE(writer.holding());
+    const auto start = Clock::now();
+    EXPECT_EQ(zq_addIEDRealDB(bigger.c_str()), -1);
+    EXPECT_EQ(zq_lastErrorCode(), QV_ERR_BUSY);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(QV_LOAD_BUSY_WAIT_MS));
+    EXPECT_TRUE(writer.release());
+    EXPECT_EQ(modelRows(), 10);
+    EXPECT_EQ(zq_addIEDRealDB(bigger.c_str()), 0);
+    EXPECT_EQ(modelRows(), 20);
 }
