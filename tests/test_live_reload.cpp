@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "outside_writer.h"
 #include "process.h"
 #include "qvaddied.h"
 #include "qvrealapi.h"
@@ -132,46 +133,10 @@ TEST_F(LiveReload, TwentyReloadsOfA5000MemberModelUnder8ProcessesAllLandWhole) {
         EXPECT_EQ(children[i]->wait(60000), 0) << (i < kSavers ? "saver " : "reader ") << i;
 }
 
-namespace {
-
-// A writer outside the library: a process of its own (a child forked while
-// this process held a transaction would inherit SQLite's record of it) that
-// holds a write transaction on the store until release().
-class OutsideWriter {
-public:
-    OutsideWriter() {
-        if (pipe(held_) != 0 || pipe(release_) != 0) return;
-        child_ = std::make_unique<qvtest::Child>([this] {
-            sqlite3* outside = nullptr;
-            char c = 'h';
-            if (sqlite3_open(realDbPath().c_str(), &outside) != SQLITE_OK ||
-                sqlite3_exec(outside, "begin immediate; update DAValue set quality=7 where rowid=1",
-                             nullptr, nullptr, nullptr) != SQLITE_OK ||
-                write(held_[1], &c, 1) != 1 || read(release_[0], &c, 1) != 1)
-                return 1;
-            return sqlite3_exec(outside, "commit", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 1;
-        });
-        char c;
-        holding_ = read(held_[0], &c, 1) == 1;
-    }
-    ~OutsideWriter() {
-        for (int fd : {held_[0], held_[1], release_[0], release_[1]}) close(fd);
-    }
-    bool holding() const { return holding_; }
-    // Commits; true once the writer ended well.
-    bool release() { return write(release_[1], "r", 1) == 1 && child_->wait(10000) == 0; }
-
-private:
-    int held_[2] = {-1, -1}, release_[2] = {-1, -1};
-    bool holding_ = false;
-    std::unique_ptr<qvtest::Child> child_;
-};
-
-}  // namespace
 
 TEST_F(LiveReload, ReadersGoOnWhileASaverWaitsForAWriterOutsideTheLibrary) {
     ASSERT_EQ(zq_addIEDRealDB(writeModel(10).c_str()), 0);
-    OutsideWriter writer;
+    qvtest::OutsideWriter writer;
     ASSERT_TRUE(writer.holding());
     auto saverChild = start([] { return zq_saveDoubDAValue(member(1).c_str(), 42) == 0; });
     usleep(300 * 1000);  // the saver is waiting for the outside writer
@@ -196,7 +161,7 @@ TEST_F(LiveReload, ReadersGoOnWhileASaverWaitsForAWriterOutsideTheLibrary) {
 TEST_F(LiveReload, ALoadGivesUpAfterTheBoundAndLeavesTheStoreAlone) {
     ASSERT_EQ(zq_addIEDRealDB(writeModel(10).c_str()), 0);
     const std::string bigger = writeModel(20);
-    OutsideWriter writer;
+    qvtest::OutsideWriter writer;
     ASSERT_TRUE(writer.holding());
     const auto start = Clock::now();
     EXPECT_EQ(zq_addIEDRealDB(bigger.c_str()), -1);

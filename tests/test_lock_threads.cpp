@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "outside_writer.h"
 #include "process.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -141,4 +142,33 @@ TEST(LockCreator, StalledPastTheTakeOverLeavesTheValueAt1) {
     EXPECT_EQ(creator.wait(20000), 0);
     EXPECT_EQ(qvtest::storeLockValue(), 1);
     munmap(sawValue, sizeof(int));
+}
+
+// A fork while another thread is in a store operation (a save waiting for
+// an outside writer) waits for it, so that the child finds the process
+// mutex free and its own operations run.
+TEST_F(LockThreads, AForkDuringAnOperationLeavesTheChildTheMutexFree) {
+    qvtest::OutsideWriter writer;
+    ASSERT_TRUE(writer.holding());
+    qvtest::Child process([] {
+        if (zq_openRealDB() != 0) return 2;
+        std::thread saver([] { zq_saveDoubDAValue(ref(0, 'n').c_str(), 1); });
+        usleep(200 * 1000);  // the saver waits inside the operation
+        const int child = qvtest::runInChild(
+            [] {
+                zq_closeRealDB();  // the parent's, inherited
+                return zq_openRealDB() == 0 && zq_saveDoubDAValue(ref(1, 'n').c_str(), 2) == 0
+                           ? 0
+                           : 1;
+            },
+            10000);
+        saver.join();
+        return child;
+    });
+    usleep(600 * 1000);
+    EXPECT_TRUE(writer.release());
+    EXPECT_EQ(process.wait(30000), 0) << "the forked child hung on the mutex or failed";
+    EXPECT_EQ(qvtest::queryInt(realDbPath(), "select value from DAValue where hashID=" +
+                                                 std::to_string(qvtest::rowKey(ref(1, 'n')))),
+              2);
 }

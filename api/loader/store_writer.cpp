@@ -47,9 +47,9 @@ bool execControl(sqlite3* db, const char* sql) {
     if (rc == SQLITE_OK) return true;
     if (rc == SQLITE_BUSY)
         qvreport::failure(QV_ERR_BUSY,
-                          "the real-time store stayed busy with another writer for %d ms: model "
-                          "not loaded\n",
-                          QV_LOAD_BUSY_WAIT_MS);
+                          "the real-time store stayed busy with another writer for %d ms (%s): "
+                          "model not loaded\n",
+                          QV_LOAD_BUSY_WAIT_MS, sqlite3_errmsg(db));
     else
         qvreport::sqliteFailure(db, qvtext::kExecFailed);
     return false;

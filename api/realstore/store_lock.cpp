@@ -3,6 +3,7 @@
 // real-time store. Making the set (and taking over from a creator that
 // died), taking it with SEM_UNDO, making it anew when it is removed under
 // the process, and releasing it without ever raising its value above 1.
+#include <pthread.h>
 #include <sched.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -169,6 +170,12 @@ std::mutex s_connectionMutex;
 
 // The set the holder of the mutex took the semaphore on, or -1.
 int s_heldSemId = -1;
+
+// A fork waits for the operation in progress in another thread: the child
+// gets the mutex free instead of held for good by a thread it does not have.
+void lockForFork() { s_connectionMutex.lock(); }
+void unlockAfterFork() { s_connectionMutex.unlock(); }
+const int s_forkHandlers = pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
 
 }  // namespace
 
