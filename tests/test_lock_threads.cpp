@@ -113,6 +113,16 @@ TEST_P(LockThreads, FourThreadsNeverMeetInTheConnection) {
         disturb(GetParam());
     }
     EXPECT_EQ(child.wait(60000), 0) << "a thread failed, or the child crashed or hung";
+    // Once more at rest: the next operation, and the end of its process,
+    // leave the lock free at 1.
+    disturb(GetParam());
+    EXPECT_EQ(qvtest::runInChild([] {
+                  return zq_openRealDB() == 0 && zq_saveDoubDAValue(ref(0, 'n').c_str(), 1) == 0
+                             ? 0
+                             : 1;
+              }),
+              0);
+    EXPECT_EQ(qvtest::storeLockValue(), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Disturbed, LockThreads,

@@ -103,17 +103,8 @@ namespace {
 constexpr int kLockTriesBeforeSleeping = 64;
 
 // A value above 1 was forced from outside (semctl SETVAL, a stranger's
-// semop). The holder takes all of it, its own unit with SEM_UNDO and the
-// rest without, so that its release (or its end) leaves 1.
-bool takeSurplus(int semid) {
-    const int value = semctl(semid, 0, GETVAL);
-    if (value < 2) return false;
-    sembuf all[3] = {{0, -1, SEM_UNDO | IPC_NOWAIT},
-                     {0, static_cast<short>(1 - value), IPC_NOWAIT},
-                     {0, 0, IPC_NOWAIT}};
-    return semop(semid, all, 3) == 0;
-}
-
+// semop). The holder takes the rest of it, without SEM_UNDO, so that its
+// release (or its end) leaves 1.
 void dropSurplus(int semid) {
     const int value = semctl(semid, 0, GETVAL);
     if (value <= 0) return;
@@ -122,14 +113,14 @@ void dropSurplus(int semid) {
 }
 
 // SEM_UNDO: a process that ends while it holds the lock, however it ends,
-// gives it back at once. The quick try takes a value of exactly 1. False
-// when the semaphore failed (errno tells why).
+// gives it back at once. The quick tries take a value of exactly 1; one
+// forced above 1 is taken by the waiting take, which then drops the rest.
+// False when the semaphore failed (errno tells why).
 bool takeLock(int semid) {
     sembuf exact[2] = {{0, -1, SEM_UNDO | IPC_NOWAIT}, {0, 0, IPC_NOWAIT}};
     for (int i = 0; i < kLockTriesBeforeSleeping; ++i) {
         if (semop(semid, exact, 2) == 0) return true;
         if (errno != EAGAIN) return false;
-        if (i == 0 && takeSurplus(semid)) return true;
         sched_yield();
     }
     sembuf op{0, -1, SEM_UNDO};
