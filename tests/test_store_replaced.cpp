@@ -128,3 +128,23 @@ TEST_F(StoreReplaced, RemovedIsSaidOnceAndAStorePutBackIsReopened) {
                                             "[^\n]*was removed or replaced: reopened[^\n]*\n"));
     EXPECT_EQ(storedValue(counter(0)), 4);
 }
+
+// A read notices the replacement within a tick of the coarse clock (4 ms on
+// most kernels; 50 ms here is plenty) and reads the file now at the path.
+TEST_F(StoreReplaced, AReadAfterAReplacementReadsTheNewFile) {
+    double value = 0;
+    ASSERT_EQ(zq_getDoubDAValue(counter(0).c_str(), &value), 0);
+    // The log emptied into the file first: the copy gets everything, and no
+    // old page in the log beside the path covers the copy's change.
+    qvtest::execSql(realDbPath(), "PRAGMA wal_checkpoint(TRUNCATE)");
+    const std::string copy = qvtest::storeFile("replacement.db");
+    std::ofstream(copy, std::ios::binary) << std::ifstream(realDbPath(), std::ios::binary).rdbuf();
+    qvtest::execSql(copy, "update DAValue set value=77 where hashID=" +
+                              std::to_string(qvtest::rowKey(counter(0))));
+    ASSERT_EQ(rename(copy.c_str(), realDbPath().c_str()), 0);
+    usleep(50 * 1000);
+    qvtest::CaptureStderr();
+    EXPECT_EQ(zq_getDoubDAValue(counter(0).c_str(), &value), 0);
+    qvtest::GetCapturedStderr();
+    EXPECT_EQ(value, 77);
+}
