@@ -36,7 +36,7 @@ using qvcheck::argumentGiven;
 
 namespace {
 
-constexpr int kQueueFlags = IPC_CREAT | 0666;
+constexpr int kQueueFlags = IPC_CREAT | QV_IPC_MODE;
 constexpr std::size_t kReceiveTextSize = 8192;
 constexpr useconds_t kReceiveRetryPauseMicros = 100 * 1000;
 

@@ -67,6 +67,17 @@ bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* 
 
 // One line on standard error, prefixed with "qvtool: ".
 void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- Access to what init makes (qvtool_access.cpp) ---------------------------
+
+// False, after a line, when the store at `path` (or a journal beside it) is a
+// symbolic link or belongs to another user.
+bool storePathAllowed(const std::string& path);
+// Creates an absent store file, empty, with the mode QV_IPC_MODE whatever the
+// umask; an existing one is left alone. False after a line.
+bool createStoreFile(const std::string& path);
+// The mode of a directory that init makes: QV_IPC_MODE, searchable where readable.
+unsigned directoryMode();
 int usageError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The executable's file name, as the library names this process.

@@ -11,7 +11,6 @@
 #include "internal/qvsqlite.h"
 #include "realstore/realstore.h"
 
-using qvsql::stepWithBusyRetry;
 
 namespace qvreal {
 
@@ -71,7 +70,7 @@ int saveRememberedRow(sqlite3_int64 key, double value, const int* quality) {
     const int index = bindValueAndQuality(stmt, value, quality);
     sqlite3_bind_int64(stmt, index, remembered->second);
     sqlite3_bind_int64(stmt, index + 1, key);
-    const int rc = stepWithBusyRetry(stmt);
+    const int rc = stepGivingWay(stmt);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
     if (rc != SQLITE_DONE) return -2;
@@ -88,7 +87,7 @@ int saveAndRememberRow(sqlite3_int64 key, double value, const int* quality) {
     sqlite3_bind_int64(stmt, index, key);
     int rc;
     bool changed = false;
-    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW) {
+    while ((rc = stepGivingWay(stmt)) == SQLITE_ROW) {
         rememberRow(key, sqlite3_column_int64(stmt, 0));
         changed = true;
     }
@@ -109,7 +108,7 @@ void takeValue(sqlite3_stmt* row, ValueOut out) {
 // Steps a read of value and quality: 0 with the row taken, -1 without a row,
 // -2 after a failed step (reported).
 int stepRead(sqlite3_stmt* stmt, ValueOut out) {
-    const int rc = stepWithBusyRetry(stmt);
+    const int rc = stepGivingWay(stmt);
     if (rc == SQLITE_ROW) {
         takeValue(stmt, out);
         return 0;
@@ -125,7 +124,7 @@ int readRememberedRow(sqlite3_int64 key, ValueOut out) {
     if (remembered == s_rowOfKey.end()) return -1;
     sqlite3_bind_int64(s_selectByRow, 1, remembered->second);
     int result = -1;
-    const int rc = stepWithBusyRetry(s_selectByRow);
+    const int rc = stepGivingWay(s_selectByRow);
     if (rc == SQLITE_ROW &&
         sqlite3_column_int64(s_selectByRow, 2) == key) {
         takeValue(s_selectByRow, out);
@@ -162,7 +161,7 @@ int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* b
     }
     const int index = bindValueAndQuality(byKey, value, quality);
     sqlite3_bind_int64(byKey, index, key);
-    const int rc = stepWithBusyRetry(byKey);
+    const int rc = stepGivingWay(byKey);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(byKey);
     if (rc != SQLITE_DONE) return -2;
