@@ -15,19 +15,23 @@
  * could not be opened or written. On -1 and -2 the store is left exactly as
  * it was.
  *
- * The load takes no store lock and does not wait for a busy store: while
- * other processes write values it may find the store busy and return -1
- * ("database is locked"); try it again. It writes everything in one
+ * The load takes no store lock. A store busy with another writer (value
+ * saves of other processes, another load) is waited for, every 2 ms for at
+ * most QV_LOAD_BUSY_WAIT_MS in all; only a writer that holds the store longer
+ * makes the load return -1 (QV_ERR_BUSY). It writes everything in one
  * transaction, so other processes see the old model or the new one, never a
- * mix. Loads in several threads of one process keep nothing in common but
- * the store file: each may run, and each may meet the other's transaction
+ * mix, and their reads never wait for it; their saves wait for its commit
+ * without holding the store lock. Loads in several threads of one process
+ * keep nothing in common but the store file: each may run, and each may meet
+ * the other's transaction
  * as a busy store. A message line goes to standard error for every failure
  * and for every libxml2 warning.
  *
  * Codes that the loads leave in zq_lastErrorCode (see qverror.h):
  * - QV_ERR_MODEL: -2, the file could not be used as a model, or no IED name
  *   was given.
- * - QV_ERR_BUSY: another connection held the store.
+ * - QV_ERR_BUSY: another connection held the store for longer than
+ *   QV_LOAD_BUSY_WAIT_MS.
  * - QV_ERR_FULL, QV_ERR_IO, QV_ERR_CORRUPT, QV_ERR_PERMISSION,
  *   QV_ERR_INTERNAL: -1, the store could not be opened or written, by cause.
  */
@@ -36,6 +40,11 @@
 
 #include "qverror.h"
 #include "qvexport.h"
+
+/** How long a load waits for a store busy with another writer, in milliseconds. */
+#ifndef QV_LOAD_BUSY_WAIT_MS
+#define QV_LOAD_BUSY_WAIT_MS 10000
+#endif
 
 #ifdef __cplusplus
 extern "C" {

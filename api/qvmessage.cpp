@@ -28,6 +28,7 @@
 #include "internal/qvcheck.h"
 #include "internal/qvconf_internal.h"
 #include "internal/qvmessage_internal.h"
+#include "internal/qvmonitor.h"
 #include "internal/qvreport.h"
 #include "internal/qvtexts.h"
 
@@ -35,7 +36,7 @@ using qvcheck::argumentGiven;
 
 namespace {
 
-constexpr int kQueueFlags = IPC_CREAT | 0666;
+constexpr int kQueueFlags = IPC_CREAT | QV_IPC_MODE;
 constexpr std::size_t kReceiveTextSize = 8192;
 constexpr useconds_t kReceiveRetryPauseMicros = 100 * 1000;
 
@@ -67,6 +68,7 @@ static_assert(sizeof(ReceiveBuffer) == 8200, "the receive buffer is type field p
 
 ProcessMsgAssociation* s_pAssociations = nullptr;
 int s_count = 0;
+int s_ownProcessNo = 0;  // the sender named in the copies of unrouted records
 // What the sender keeps per route.
 struct RouteState {
     // The receiver's queue, opened at the route's first send and kept (an
@@ -110,7 +112,11 @@ bool ownProcessNo(int* processNo) {
     return false;
 }
 
+}  // namespace
+
 // ---- Queue capacity -------------------------------------------------------------
+
+namespace {
 
 // The system's limit for a queue's capacity, which is as far as a process
 // without CAP_SYS_RESOURCE may raise it; 0 when unknown.
@@ -125,19 +131,25 @@ bool setCapacity(int msgid, msqid_ds& state, msglen_t bytes) {
     return msgctl(msgid, IPC_SET, &state) == 0;
 }
 
-// Raises the queue's capacity to kQueueCapacity, or else as far as the
-// system allows. Returns the capacity it has, 0 when it cannot be read.
-msglen_t raiseCapacity(int msgid) {
+}  // namespace
+
+unsigned long raiseQueueCapacity(int msgid, unsigned long wanted) {
     msqid_ds state;
     if (msgctl(msgid, IPC_STAT, &state) != 0) return 0;
     const msglen_t current = state.msg_qbytes;
-    if (current >= kQueueCapacity || setCapacity(msgid, state, kQueueCapacity))
-        return std::max(current, kQueueCapacity);
+    if (current >= wanted || setCapacity(msgid, state, wanted))
+        return std::max<msglen_t>(current, wanted);
     const msglen_t limit = systemQueueLimit();
-    if (limit > current && setCapacity(msgid, state, std::min(limit, kQueueCapacity)))
-        return std::min(limit, kQueueCapacity);
+    if (limit > current && setCapacity(msgid, state, std::min<msglen_t>(limit, wanted)))
+        return std::min<msglen_t>(limit, wanted);
     return current;
 }
+
+namespace {
+
+// Raises a receiver's queue to kQueueCapacity, or else as far as the system
+// allows. Returns the capacity it has, 0 when it cannot be read.
+msglen_t raiseCapacity(int msgid) { return raiseQueueCapacity(msgid, kQueueCapacity); }
 
 // ---- Sending --------------------------------------------------------------------
 
@@ -281,11 +293,20 @@ int sendKind(MsgType kind, const Payload* payload, const char* operation) {
     long typeField = 0;
     std::memcpy(&typeField, &buffer, sizeof typeField);
     int result = 0;
+    bool routed = false;
     for (int i = 0; i < s_count; ++i) {
-        if (!(s_pAssociations[i].msgType & kindBit)) continue;
+        const ProcessMsgAssociation& route = s_pAssociations[i];
+        if (!(route.msgType & kindBit)) continue;
         if (typeField <= 0) return reportNegativeType(buffer, operation);
-        if (sendAlongRoute(i, buffer) != 0) result = -1;
+        const bool delivered = sendAlongRoute(i, buffer) == 0;
+        if (!delivered) result = -1;
+        qvmonitor::copyToMonitors(route.sendProcessNo, route.recvProcessNo, delivered,
+                                  buffer.record);
+        routed = true;
     }
+    // A record that no route carries goes to the monitors alone.
+    if (!routed)
+        qvmonitor::copyToMonitors(s_ownProcessNo, qvmonitor::kNoReceiver, false, buffer.record);
     return result;
 }
 
@@ -401,6 +422,11 @@ int zq_publisherMsg(void) {
         reportUnknownProcess(processname);
         return counted;
     }
+    if (zq_getProcessNoByName(processname, &s_ownProcessNo) != 0) {
+        s_count = 0;  // the process went from the store since the count
+        return -1;
+    }
+    qvmonitor::attachRegistry();
     // At least one entry, so that an empty table is not taken for a failure.
     const std::size_t entries = s_count > 0 ? static_cast<std::size_t>(s_count) : 1;
     s_pAssociations =

@@ -305,7 +305,21 @@ QV_API int zq_subscriberMsg_async(funptr callback);
  * GENERALMSG.type, or a fourth byte of 128 or more in the leading text, as
  * in MSGFILE.iedName "变电站1") goes to no queue: the send returns -1 with a
  * line naming that field. A NULL record returns -1. Otherwise the result is
- * 0. */
+ * 0.
+ *
+ * Monitors: while bus monitors watch (qvtool watch --all, up to 8 at once),
+ * each send also puts a copy on every monitor's queue: one per receiver, with
+ * the sender's and receiver's process numbers and whether the receiver's
+ * queue took the record, or one copy without a receiver when no route
+ * carries the kind. The copies never wait and never change a send's result:
+ * a monitor whose queue is full loses the copy (it is told how many it
+ * lost), and a monitor that died is found by its queue filling up and that
+ * queue is removed. With no monitor a send reads a few words of shared
+ * memory and makes no extra system call. zq_publisherMsg maps the monitors'
+ * registry, a shared memory segment and a semaphore set under the key
+ * QV_QUEUE_KEY_OFFSET - 1 (1999 on a gateway), creating them with the
+ * build's QV_IPC_MODE when absent; a process that may not use them sends to
+ * its receivers only. */
 /** @{ */
 QV_API int zq_sendMsg(const MSGINFO* lpMsgInfo);
 QV_API int zq_sendFileMsg(const MSGFILE* msgFile);

@@ -6,7 +6,9 @@
 // synchronous subscriber, or a bare msgrcv loop) and acknowledges on a pipe
 // every kBatch records, or every whole burst. The runs take an IPC namespace
 // of their own whose queue limit holds a burst, as a gateway configured for
-// it would; the label gives the capacity that the receiver's queue had.
+// it would; the label gives the capacity that the receiver's queue had. The
+// "Monitored" runs have a bus monitor (qvtool watch --all) taking a copy of
+// every record beside the receiver.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -23,10 +25,12 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 
 #include "bench_support.h"
 #include "internal/qvmessage_internal.h"
+#include "internal/qvmonitor.h"
 #include "qvmessage.h"
 
 namespace {
@@ -153,6 +157,41 @@ private:
     pid_t pid_ = -1;
 };
 
+// A forked bus monitor that takes every copy off its queue; registered once
+// the constructor returns.
+class Monitor {
+public:
+    Monitor() {
+        int ready[2];
+        if (pipe(ready) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(ready[0]);
+            qvmonitor::Monitor monitor;
+            const char opened = qvmonitor::openMonitor(&monitor) == 0 ? 'y' : 'n';
+            if (write(ready[1], &opened, 1) != 1 || opened != 'y') _exit(1);
+            qvmonitor::Copy copy;
+            for (;;) qvmonitor::receiveCopy(monitor, &copy);
+        }
+        close(ready[1]);
+        char opened = 'n';
+        watching_ = pid_ > 0 && read(ready[0], &opened, 1) == 1 && opened == 'y';
+        close(ready[0]);
+    }
+    // Killed: the publisher removes the queue it leaves once it finds it full,
+    // and the run's IPC namespace goes with everything in it.
+    ~Monitor() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    bool watching() const { return watching_; }
+
+private:
+    pid_t pid_ = -1;
+    bool watching_ = false;
+};
+
 template <typename Payload>
 Payload samplePayload() {
     Payload payload;
@@ -182,7 +221,8 @@ void sendDelivered(benchmark::State& state, const Receiver& receiver, int (*send
 }
 
 template <typename Payload, int (*Send)(const Payload*)>
-void LibraryMessages(benchmark::State& state, int perIteration, int ackEvery) {
+void LibraryMessages(benchmark::State& state, int perIteration, int ackEvery,
+                     bool monitored = false) {
     const BurstQueueLimit limit;
     removeQueue(kSelfNo);
     if (!configureSelfRoute()) {
@@ -190,6 +230,11 @@ void LibraryMessages(benchmark::State& state, int perIteration, int ackEvery) {
         return;
     }
     {
+        std::unique_ptr<Monitor> monitor(monitored ? new Monitor : nullptr);
+        if (monitor && !monitor->watching()) {
+            state.SkipWithError("cannot start a bus monitor");
+            return;
+        }
         const Receiver receiver(libraryReceiver, ackEvery);
         Payload payload = samplePayload<Payload>();
         if (zq_publisherMsg() != 0) {
@@ -245,6 +290,12 @@ const bool g_registered = [] {
     })->UseRealTime();
     RegisterBenchmark("Lib/MessageBurst1000", [](State& state) {
         LibraryMessages<SOEINFO, zq_sendSoeMsg>(state, kBurst, kBurst);
+    })->UseRealTime();
+    RegisterBenchmark("Lib/MessageDigitalOutRetMonitored", [](State& state) {
+        LibraryMessages<DIGITALOUTRET, zq_sendDigitalOutRetMsg>(state, 1, kBatch, true);
+    })->UseRealTime();
+    RegisterBenchmark("Lib/MessageBurst1000Monitored", [](State& state) {
+        LibraryMessages<SOEINFO, zq_sendSoeMsg>(state, kBurst, kBurst, true);
     })->UseRealTime();
     for (const char* name : {"Bare/MessageDigitalOutRet", "Bare/MessageRegisterInfo"})
         RegisterBenchmark(name, [](State& state) { BareMessages(state, 1, kBatch); })->UseRealTime();

@@ -7,11 +7,13 @@
 #include <sqlite3.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "bench_support.h"
 #include "qvrealapi.h"
+#include "realstore/realstore.h"
 
 namespace {
 
@@ -74,6 +76,42 @@ BENCHMARK_F(Lib, GetDoubleWithQuality)(benchmark::State& state) {
         i = (i + 1) % kRows;
     }
 }
+
+// ---- The parts of the store lock, each alone ---------------------------------------
+// Beside the single values above and the baselines below: the process mutex
+// (a std::mutex, as the lock takes it), the check of the store file that
+// every save makes (one fstat) and a read's, and the whole StoreLock (mutex,
+// semaphore, check) against the bare semaphore of Locked/.
+
+BENCHMARK_F(Lib, PartProcessMutex)(benchmark::State& state) {
+    std::mutex mutex;
+    for (auto _ : state) {
+        mutex.lock();
+        mutex.unlock();
+    }
+}
+
+// A save's check (an fstat) and a read's (the coarse clock, an fstat per tick).
+BENCHMARK_F(Lib, PartStoreFileCheck)(benchmark::State& state) {
+    for (auto _ : state) qvreal::reopenIfStoreReplaced(qvreal::StoreUse::Write);
+}
+
+BENCHMARK_F(Lib, PartStoreFileCheckOfARead)(benchmark::State& state) {
+    for (auto _ : state) qvreal::reopenIfStoreReplaced(qvreal::StoreUse::Read);
+}
+
+BENCHMARK_F(Lib, PartStoreLock)(benchmark::State& state) {
+    for (auto _ : state) {
+        const qvreal::StoreLock lock;
+        benchmark::DoNotOptimize(lock.held());
+    }
+}
+
+void bareSemaphore(benchmark::State& state) {
+    qvbench::BareLock lock(true);
+    for (auto _ : state) const qvbench::BareLock::Hold hold(lock);
+}
+BENCHMARK(bareSemaphore)->Name("Locked/PartStoreLock");
 
 // ---- Bare baselines: one connection, one prepared statement, no lock -------------
 

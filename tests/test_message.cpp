@@ -9,10 +9,13 @@
 #include <algorithm>
 #include <climits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <numeric>
+#include <sstream>
 #include <thread>
 
 #include "internal/qvmessage_internal.h"
+#include "internal/qvmonitor.h"
 #include "qvmessage.h"
 #include "qvtool_run.h"
 
@@ -192,6 +195,26 @@ protected:
             configure(no, "qv_msg_peer " + std::to_string(no));
             route(1, no, 0x10);
         }
+    }
+
+    // Process 1 sends the given kinds to process 2 ("qv_msg_peer 2").
+    static void publisherToProcess2(int mask) {
+        configure(1, "qv_msg_peer publisher");
+        configure(2, "qv_msg_peer 2");
+        route(1, 2, mask);
+    }
+    // A burst of kBurst general messages from process 1 reaches process 2's
+    // subscriber whole and in order; no send fails or says anything.
+    static void burstReachesProcess2() {
+        Peer receiver("sync", {"2"});
+        Peer sender("pub", {"publisher"});
+        ASSERT_EQ(sender.command('P'), 0);
+        ASSERT_TRUE(queuesHold({2}, kBurstBytes));
+        const MSGINFO burst = burstOf(kBurst);
+        ASSERT_EQ(sender.command('B', burst), 0);
+        ASSERT_TRUE(sendFence(2));
+        expectWholeBurst(receiver, burst, kBurst);
+        EXPECT_EQ(sender.stop().err, "");
     }
 
 private:
@@ -444,6 +467,149 @@ TEST_F(MessageBus, QueueRemovedUnderARunningSubscriberCostsAtMostTheRecordsInIt)
         EXPECT_LE(kBurst - int(numbers[s].size()), bound[s]);
         EXPECT_EQ(occurrences(errors[s], "msgrcv err\n: "), removals) << errors[s];
     }
+}
+
+// ---- Bus monitors (qvtool watch --all) -----------------------------------------
+
+// What a full monitor queue holds: the system limit that lets a monitor
+// have it without CAP_SYS_RESOURCE.
+constexpr msglen_t kMonitorBytes = qvmonitor::kMonitorRecords * qvmonitor::kCopyText;
+
+// "qvtool watch --all" with more options, returned once it watches; the id of
+// its queue goes to *queue.
+std::unique_ptr<qvtest::Spawn> startMonitor(const std::vector<std::string>& options, int* queue = nullptr) {
+    std::vector<std::string> args = {"watch", "--all"};
+    args.insert(args.end(), options.begin(), options.end());
+    qvtest::Spawn::Options limit;
+    limit.limitMs = kTimeoutMs;
+    std::unique_ptr<qvtest::Spawn> monitor(new qvtest::Spawn(QV_TOOL, args, limit));
+    const std::string line = monitor->readLine(2);
+    EXPECT_THAT(line, testing::StartsWith("qvtool: watching every record on the bus"));
+    const size_t at = line.find("queue id ");
+    if (queue != nullptr && at != std::string::npos) *queue = std::atoi(line.c_str() + at + 9);
+    return monitor;
+}
+
+// The burst numbers that a monitor printed (JSON lines), each checked to be
+// a copy of the burst from process 1 delivered to process 2.
+std::vector<int> monitoredBurst(const std::string& out, int count) {
+    std::vector<int> numbers;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        const nlohmann::json copy = nlohmann::json::parse(line, nullptr, false);
+        const bool ofBurst = copy.is_object() && copy["kind"] == "general" && copy["msgType"] == 5 &&
+                             copy["sendProcessNo"] == 1 && copy["sendProcessName"] == "qv_msg_peer publisher" &&
+                             copy["recvProcessNo"] == 2 && copy["recvProcessName"] == "qv_msg_peer 2" &&
+                             copy["delivered"] == true && copy["dataLen"] == count;
+        EXPECT_TRUE(ofBurst) << line;
+        numbers.push_back(ofBurst ? copy["type"].get<int>() : 0);
+    }
+    return numbers;
+}
+
+std::vector<int> oneTo(int count) {
+    std::vector<int> numbers(count);
+    std::iota(numbers.begin(), numbers.end(), 1);
+    return numbers;
+}
+
+TEST_F(MessageBus, TwoMonitorsAndTheReceiverEachSeeABurstOf1000WholeAndInOrder) {
+    publisherToProcess2(0x10);
+    USE_QUEUE_LIMIT(kMonitorBytes);
+    const std::string count = std::to_string(kBurst);
+    std::unique_ptr<qvtest::Spawn> monitors[] = {startMonitor({"--json", "--count", count}),
+                                                 startMonitor({"--json", "--count", count})};
+    burstReachesProcess2();
+    for (auto& monitor : monitors) {
+        const qvtest::ToolRun run = monitor->finish();
+        EXPECT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(monitoredBurst(run.out, kBurst), oneTo(kBurst));
+        EXPECT_EQ(run.err, "");
+    }
+}
+
+// One monitor is killed, one stopped, both queues shrunk to 13 copies: the
+// burst still reaches the receiver whole, every send returns 0, the dead
+// monitor's queue is removed and the stopped one keeps its first 13 copies
+// and says how many passed it by.
+TEST_F(MessageBus, AMonitorKilledOrStoppedCostsThePublisherNothing) {
+    publisherToProcess2(0x10);
+    USE_QUEUE_LIMIT(kMonitorBytes);
+    int killedQueue = -1, stoppedQueue = -1;
+    std::unique_ptr<qvtest::Spawn> killed = startMonitor({}, &killedQueue),
+                                   stopped = startMonitor({"--json", "--count", "13"}, &stoppedQueue);
+    msqid_ds state{};
+    ASSERT_EQ(msgctl(stoppedQueue, IPC_STAT, &state), 0);
+    EXPECT_EQ(state.msg_perm.mode & 0777, QV_IPC_MODE);
+    EXPECT_EQ(state.msg_qbytes, kMonitorBytes);
+    killed->stop();
+    ASSERT_TRUE(stopped->pause());
+    for (int queue : {killedQueue, stoppedQueue}) {
+        ASSERT_EQ(msgctl(queue, IPC_STAT, &state), 0);
+        state.msg_qbytes = 13 * qvmonitor::kCopyText;
+        ASSERT_EQ(msgctl(queue, IPC_SET, &state), 0);
+    }
+    burstReachesProcess2();
+    EXPECT_EQ(msgctl(killedQueue, IPC_STAT, &state), -1);
+    ASSERT_EQ(msgctl(stoppedQueue, IPC_STAT, &state), 0);
+    EXPECT_EQ(state.msg_qnum, 13u);
+    stopped->resume();
+    const qvtest::ToolRun run = stopped->finish();
+    EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(monitoredBurst(run.out, kBurst), oneTo(13));
+    EXPECT_EQ(run.err, "qvtool: " + std::to_string(kBurst - 13) +
+                           " records passed while this monitor's queue was full (their receivers "
+                           "got them)\n");
+    EXPECT_EQ(msgctl(stoppedQueue, IPC_STAT, &state), -1);  // removed as the monitor ended
+}
+
+// A plain line names sender and receiver; a record that no route carries is
+// shown with no receiver; --kind leaves kinds out.
+TEST_F(MessageBus, AMonitorShowsWhoSentWhatToWhomAndWhatNoRouteCarried) {
+    publisherToProcess2(0x12);
+    std::unique_ptr<qvtest::Spawn> monitor = startMonitor({"--kind", "soe,topo", "--count", "2"});
+    Peer sender("pub", {"publisher"});
+    ASSERT_EQ(sender.command('P'), 0);
+    MSGINFO soe{}, general{}, topo{};
+    soe.msgType = SOEINFO_TYPE;
+    soe.msgInfo.soeInfo.type = 1;
+    std::strcpy(soe.msgInfo.soeInfo.strDa, "IED1LD0/GGIO1$ST$Ind1$stVal");
+    general.msgType = GENERALMSG_TYPE;
+    topo.msgType = TOPOINFO_TYPE;
+    topo.msgInfo.topoInfo.value = 3;
+    for (const MSGINFO& record : {soe, general, topo}) ASSERT_EQ(sender.command('K', record), 0);
+    const qvtest::ToolRun run = monitor->finish();
+    EXPECT_EQ(run.code, 0) << run.err;
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ",
+                      from = "sendProcessNo=1 sendProcessName=\"qv_msg_peer publisher\" ";
+    std::vector<std::string> shown;
+    std::istringstream lines(run.out);
+    for (std::string line; std::getline(lines, line);) shown.push_back(line);
+    EXPECT_THAT(shown, testing::ElementsAre(
+        testing::MatchesRegex(stamp + "soe " + from + "recvProcessNo=2 recvProcessName=\"qv_msg_peer 2\" "
+                              "delivered=true type=1 strDa=\"IED1LD0/GGIO1\\$ST\\$Ind1\\$stVal\" value=0 "
+                              "minutes=0 msec=0"),
+        testing::MatchesRegex(stamp + "topo " + from + "recvProcessNo=-1 recvProcessName=null "
+                              "delivered=false strDa=\"\" value=3")));
+    sender.stop();
+}
+
+// Eight monitors at once; a ninth is refused until one of them dies, even by
+// SIGKILL, and its queue goes when the slot is taken again.
+TEST_F(MessageBus, EightMonitorsWatchAtOnceAndADeadOnesPlaceIsTakenAgain) {
+    std::vector<std::unique_ptr<qvtest::Spawn>> monitors;
+    int lastQueue = -1;
+    for (int i = 0; i < qvmonitor::kSlots; ++i) monitors.push_back(startMonitor({}, &lastQueue));
+    qvtest::ToolRun refused = qvtest::tool({"watch", "--all"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, testing::HasSubstr("8 monitors watch the bus already; none can be added"));
+    monitors.back()->stop();
+    msqid_ds state{};
+    EXPECT_EQ(msgctl(lastQueue, IPC_STAT, &state), 0);  // left behind by the dead monitor
+    int queue = -1;
+    monitors.back() = startMonitor({}, &queue);
+    EXPECT_NE(queue, -1);
+    EXPECT_EQ(msgctl(lastQueue, IPC_STAT, &state), -1);
 }
 
 TEST(ProcessName, IsTheExecutablesFileNameAndArgumentsCutToTheBuffer) {

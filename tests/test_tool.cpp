@@ -246,8 +246,7 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
 
 TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
     provision();
-    const std::string to = "route \"qvtool\" -> \"qvtool watch\": ";
-    const std::string noRoute = "no route \"qvtool\" -> \"qvtool watch\"\n";
+    const std::string route = "route \"qvtool\" -> \"qvtool watch\"", to = route + ": ";
     const struct { Words args; int code; std::string out; Rows routesAfter; } steps[] = {
         {{"process", "add", "qvtool", "5", "engineer's tool"}, 0,
          "process \"qvtool\" added as number 5\n", {}},
@@ -261,13 +260,18 @@ TEST_F(Tool, ProcessAndRouteCommandsAreHarmlessToRepeat) {
         {{"route", "add", "qvtool", "qvtool watch", "nokind"}, 2, "", {{"5", "4", "50"}}},
         {{"route", "add", "qvtool", "nobody", "soe"}, 1, "", {{"5", "4", "50"}}},
         {{"route", "remove", "qvtool", "qvtool watch", "soe"}, 0,
-         to + "general,sboctrl (0x30)\n", {{"5", "4", "48"}}},
+         "removed soe (0x2) from " + route + "; it carries general,sboctrl (0x30)\n",
+         {{"5", "4", "48"}}},
+        {{"route", "remove", "qvtool", "qvtool watch", "soe", "topo"}, 0,
+         route + " carries general,sboctrl (0x30); nothing removed\n", {{"5", "4", "48"}}},
         {{"route", "add", "qvacq", "qvtool", "all"}, 0,
          "route \"qvacq\" -> \"qvtool\": file,soe,protect,sbodosave,general,sboctrl,sboctrlret,"
          "digitalout,digitaloutret,fault,topo,register,updatefile (0x1FFF)\n",
          {{"5", "4", "48"}, {"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"}, 0, noRoute, {{"1", "5", "8191"}}},
-        {{"route", "remove", "qvtool", "qvtool watch"}, 0, noRoute, {{"1", "5", "8191"}}},
+        {{"route", "remove", "qvtool", "qvtool watch"}, 0,
+         route + " removed; it carried general,sboctrl (0x30)\n", {{"1", "5", "8191"}}},
+        {{"route", "remove", "qvtool", "qvtool watch"}, 0, "no " + route + "; nothing removed\n",
+         {{"1", "5", "8191"}}},
         {{"process", "remove", "qvtool"}, 0,
          "process \"qvtool\" (number 5) and its routes removed\n", {}},
         {{"process", "remove", "qvtool"}, 0, "no process \"qvtool\"; nothing to remove\n", {}},

@@ -67,6 +67,17 @@ bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* 
 
 // One line on standard error, prefixed with "qvtool: ".
 void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- Access to what init makes (qvtool_access.cpp) ---------------------------
+
+// False, after a line, when the store at `path` (or a journal beside it) is a
+// symbolic link or belongs to another user.
+bool storePathAllowed(const std::string& path);
+// Creates an absent store file, empty, with the mode QV_IPC_MODE whatever the
+// umask; an existing one is left alone. False after a line.
+bool createStoreFile(const std::string& path);
+// The mode of a directory that init makes: QV_IPC_MODE, searchable where readable.
+unsigned directoryMode();
 int usageError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The executable's file name, as the library names this process.
@@ -132,6 +143,27 @@ bool fetchList(std::vector<Record>* rows, CountFn count, FetchFn fetch, Filters.
         wanted = 2 * delivered;
     }
 }
+
+// ---- Configuration listings and the bus monitor ----------------------------
+
+// The listings of point mappings and scales (qvtool_conf_lists.cpp), shown
+// with the configuration commands.
+const std::vector<Command>& confListingCommands();
+
+// "setting list [PROCESS]": every setting, or those of one process.
+int listSettings(const Args& args);
+
+// After a configuration lookup that failed: true when it found no row;
+// otherwise says that the store could not be read.
+bool missingRow();
+
+// The number of the named process; false after saying that there is none or
+// that the store could not be read.
+bool knownProcess(const std::string& name, int* number);
+
+// The configured processes' names by number; false when the open
+// configuration store cannot be read (the library has said why).
+bool processNames(std::map<int, std::string>* names);
 
 }  // namespace qvtool
 

@@ -25,24 +25,23 @@ int runAction(const char* command, const Args& args, const std::vector<Action>& 
     for (const Action& action : actions) {
         if (args.positional[0] == action.name) return action.run(args);
     }
-    return usageError("%s: unknown action %s (%s or %s)", command, args.positional[0].c_str(),
-                      actions[0].name, actions[1].name);
+    std::string names;
+    for (const Action& action : actions) names += std::string(names.empty() ? "" : ", ") + action.name;
+    return usageError("%s: unknown action %s (one of %s)", command, args.positional[0].c_str(),
+                      names.c_str());
 }
 
-// After a lookup that failed: true when it found no row; otherwise the store
-// could not be read (busy past the library's wait, for example), which is
-// said as such and never taken for a missing row.
+}  // namespace
+
+// A store that could not be read (busy past the library's wait, for example)
+// is said as such and never taken for a missing row.
 bool missingRow() {
     if (zq_lastErrorCode() == QV_ERR_NO_ROW) return true;
     complain("cannot read the configuration store %s: %s", QV_CONF_DB_PATH, zq_lastErrorText());
     return false;
 }
 
-bool knownProcess(const std::string& name, int* number) {
-    if (zq_getProcessNoByName(name.c_str(), number) == 0) return true;
-    if (missingRow()) complain("no process named \"%s\" in the configuration store", name.c_str());
-    return false;
-}
+namespace {
 
 // Every process with its number; the library's record has no number, so
 // each name is looked up.
@@ -58,6 +57,12 @@ bool listProcesses(Json* rows) {
                          {"processDescribe", process.processDescribe}});
     }
     return true;
+}
+
+void namesOf(const Json& processes, std::map<int, std::string>* names) {
+    for (const Json& process : processes) {
+        if (process["no"].is_number()) (*names)[process["no"].get<int>()] = process["processName"];
+    }
 }
 
 int runProcesses(const Args& args) {
@@ -83,9 +88,7 @@ int runRoutes(const Args& args) {
         !fetchRoutes(sender, &routes))
         return kFailed;
     std::map<int, std::string> names;
-    for (const Json& process : processes) {
-        if (process["no"].is_number()) names[process["no"].get<int>()] = process["processName"];
-    }
+    namesOf(processes, &names);
     Json rows = Json::array();
     for (const ProcessMsgAssociation& route : routes) {
         auto receiver = names.find(route.recvProcessNo);
@@ -225,6 +228,29 @@ int printRoutes(const std::vector<std::string>& words, int to) {
     return kOk;
 }
 
+// The kinds that the routes from the sender to the receiver carry together.
+bool kindsRouted(const std::string& sender, int to, int* mask) {
+    std::vector<ProcessMsgAssociation> routes;
+    if (!fetchRoutes(sender, &routes)) return false;
+    *mask = 0;
+    for (const ProcessMsgAssociation& route : routes) {
+        if (route.recvProcessNo == to) *mask |= route.msgType;
+    }
+    return true;
+}
+
+std::string kindsText(int mask) { return kindNames(mask) + " (" + hexMask(mask) + ")"; }
+
+// What a removal did, from the kinds routed before and after it.
+std::string removalText(const std::vector<std::string>& words, int before, int after) {
+    const std::string route = "route \"" + words[1] + "\" -> \"" + words[2] + "\"";
+    const int removed = before & ~after;
+    if (before == 0) return "no " + route + "; nothing removed";
+    if (removed == 0) return route + " carries " + kindsText(before) + "; nothing removed";
+    if (after == 0) return route + " removed; it carried " + kindsText(before);
+    return "removed " + kindsText(removed) + " from " + route + "; it carries " + kindsText(after);
+}
+
 int routeAdd(const Args& args) {
     const std::vector<std::string>& words = args.positional;
     if (words.size() < 4) return usageError("route add: usage: qvtool route add FROM TO KIND...");
@@ -250,16 +276,19 @@ int routeRemove(const Args& args) {
         return usageError("route remove: usage: qvtool route remove FROM TO [KIND...]");
     int from = 0, to = 0, mask = ~0;  // no kind named: all of them
     if (words.size() > 3 && !kindMask(kindsNamed(words), &mask)) return kUsage;
-    if (!routeEnds(words, &from, &to)) return kFailed;
+    int before = 0, after = 0;
+    if (!routeEnds(words, &from, &to) || !kindsRouted(words[1], to, &before)) return kFailed;
     // Routes that end up alike merge (the key allows one of each).
     if (changeConf({{"update or replace ProcessMsgAssociation set msgType = msgType & ~?3 "
                      "where sendProcessNo=?1 and recvProcessNo=?2",
                      bindNumbers(from, to, mask)},
                     {"delete from ProcessMsgAssociation where sendProcessNo=?1 and "
                      "recvProcessNo=?2 and msgType=0",
-                     bindNumbers(from, to)}}) < 0)
+                     bindNumbers(from, to)}}) < 0 ||
+        !kindsRouted(words[1], to, &after))
         return kFailed;
-    return printRoutes(words, to);
+    std::printf("%s\n", removalText(words, before, after).c_str());
+    return kOk;
 }
 
 int runRoute(const Args& args) {
@@ -268,11 +297,14 @@ int runRoute(const Args& args) {
 
 // ---- setting ----------------------------------------------------------------
 
-bool readSetting(const std::string& process, const std::string& key, ProcessMisc* setting) {
+// Reads a setting; `hint` follows the line that says it is missing.
+bool readSetting(const std::string& process, const std::string& key, ProcessMisc* setting,
+                 const std::string& hint = "") {
     int number = 0;
     if (!knownProcess(process, &number)) return false;
     if (zq_getProcessMiscValue(process.c_str(), key.c_str(), setting) == 0) return true;
-    if (missingRow()) complain("process \"%s\" has no setting %s", process.c_str(), key.c_str());
+    if (missingRow())
+        complain("process \"%s\" has no setting %s%s", process.c_str(), key.c_str(), hint.c_str());
     return false;
 }
 
@@ -291,6 +323,15 @@ Json toJson(const ProcessMisc& setting) {
     return {{"key", setting.key}, {"value", setting.value}, {"describe", setting.describe}};
 }
 
+// The setting as stored now.
+int printSetting(const Args& args, const std::string& process, const std::string& key) {
+    ProcessMisc setting{};
+    if (!readSetting(process, key, &setting)) return kFailed;
+    return printRecord(args, toJson(setting),
+                       std::string(setting.key) + "=" + setting.value + " (" + setting.describe +
+                           ")");
+}
+
 int settingGet(const Args& args) {
     const std::vector<std::string>& words = args.positional;
     if (words.size() != 3) return usageError("setting get: usage: qvtool setting get PROCESS KEY");
@@ -305,31 +346,89 @@ int settingSet(const Args& args) {
         return usageError("setting set: usage: qvtool setting set PROCESS KEY VALUE [DESCRIPTION]");
     ProcessMisc setting{};
     // The library only changes settings that exist; check first to say so.
-    if (!openConfStore() || !readSetting(words[1], words[2], &setting)) return kFailed;
+    const std::string hint = "; set changes existing settings, add one with: qvtool setting add '" +
+                             words[1] + "' " + words[2] + " VALUE [DESCRIPTION]";
+    if (!openConfStore() || !readSetting(words[1], words[2], &setting, hint)) return kFailed;
     if (!fitText(setting.value, words[3], "value") ||
         (words.size() == 5 && !fitText(setting.describe, words[4], "description")))
         return kUsage;
-    if (zq_setProcessMiscValue(words[1].c_str(), words[2].c_str(), &setting) != 0 ||
-        !readSetting(words[1], words[2], &setting))
+    if (zq_setProcessMiscValue(words[1].c_str(), words[2].c_str(), &setting) != 0) return kFailed;
+    return printSetting(args, words[1], words[2]);
+}
+
+int settingAdd(const Args& args) {
+    const std::vector<std::string>& words = args.positional;
+    if (words.size() < 4 || words.size() > 5)
+        return usageError("setting add: usage: qvtool setting add PROCESS KEY VALUE [DESCRIPTION]");
+    ProcessMisc setting{};
+    const std::string describe = words.size() == 5 ? words[4] : "";
+    if (!fitText(setting.key, words[2], "key") || !fitText(setting.value, words[3], "value") ||
+        !fitText(setting.describe, describe, "description"))
+        return kUsage;
+    int number = 0;
+    if (!openConfStore() || !knownProcess(words[1], &number)) return kFailed;
+    if (zq_getProcessMiscValue(words[1].c_str(), words[2].c_str(), &setting) == 0) {
+        complain("process \"%s\" has the setting %s already (change it with qvtool setting set)",
+                 words[1].c_str(), words[2].c_str());
         return kFailed;
-    return printRecord(args, toJson(setting),
-                       std::string(setting.key) + "=" + setting.value + " (" + setting.describe +
-                           ")");
+    }
+    if (!missingRow()) return kFailed;
+    const int added = changeConf(
+        {{"insert into ProcessMisc(processNo, key, value, descripe) select ?1, ?2, ?3, ?4 "
+          "where not exists (select 1 from ProcessMisc where processNo=?1 and key=?2)",
+          [&](sqlite3_stmt* stmt) {
+              sqlite3_bind_int(stmt, 1, number);
+              sqlite3_bind_text(stmt, 2, words[2].c_str(), -1, SQLITE_STATIC);
+              sqlite3_bind_text(stmt, 3, words[3].c_str(), -1, SQLITE_STATIC);
+              sqlite3_bind_text(stmt, 4, describe.c_str(), -1, SQLITE_STATIC);
+          }}});
+    if (added < 0) return kFailed;
+    if (added == 0) {
+        complain("another process added the setting %s meanwhile", words[2].c_str());
+        return kFailed;
+    }
+    return printSetting(args, words[1], words[2]);
 }
 
 int runSetting(const Args& args) {
-    return runAction("setting", args, {{"get", settingGet}, {"set", settingSet}});
+    return runAction("setting", args,
+                     {{"get", settingGet}, {"set", settingSet}, {"add", settingAdd},
+                      {"list", listSettings}});
 }
 
 }  // namespace
+
+bool knownProcess(const std::string& name, int* number) {
+    if (zq_getProcessNoByName(name.c_str(), number) == 0) return true;
+    if (missingRow()) complain("no process named \"%s\" in the configuration store", name.c_str());
+    return false;
+}
+
+bool processNames(std::map<int, std::string>* names) {
+    Json processes;
+    if (!listProcesses(&processes)) return false;
+    namesOf(processes, names);
+    return true;
+}
 
 bool fetchRoutes(const std::string& sender, std::vector<ProcessMsgAssociation>* routes) {
     return fetchList(routes, zq_getProcessMsgAssociationsNum, zq_getProcessMsgAssociationsN,
                      sender.c_str());
 }
 
+namespace {
+
+// The family's commands, then the listings of point mappings and scales.
+std::vector<Command> withListings(std::vector<Command> commands) {
+    const std::vector<Command>& listings = confListingCommands();
+    commands.insert(commands.end(), listings.begin(), listings.end());
+    return commands;
+}
+
+}  // namespace
+
 const std::vector<Command>& confCommands() {
-    static const std::vector<Command> commands = {
+    static const std::vector<Command> commands = withListings({
         {"processes", "processes [--json]", "list the configured processes with their numbers",
          "A process is known by its executable's file name followed by its arguments,\n"
          "each after one blank. Its queue key is its number plus the queue key offset.\n"
@@ -353,19 +452,23 @@ const std::vector<Command>& confCommands() {
          "FROM and TO are process names; KIND is a kind name of \"qvtool send --help\"\n"
          "or all. add creates the route or adds the kinds to it; remove takes the kinds\n"
          "off (all of them when none is named) and deletes a route that carries none.\n"
-         "Both are harmless to repeat and print the route as it is afterwards.\n",
+         "Both are harmless to repeat; add prints the route as it is afterwards, remove\n"
+         "what it removed and what the route still carries.\n",
          {}, {}, 3, -1, runRoute},
-        {"setting", "setting get|set PROCESS KEY [VALUE [DESCRIPTION]] [--json]",
-         "read or change one setting of a process",
+        {"setting", "setting get|set|add|list PROCESS [KEY [VALUE [DESCRIPTION]]] [--json]",
+         "read, change, add or list the settings of a process",
          "  setting get PROCESS KEY\n"
-         "  setting set PROCESS KEY VALUE [DESCRIPTION]\n\n"
+         "  setting set PROCESS KEY VALUE [DESCRIPTION]\n"
+         "  setting add PROCESS KEY VALUE [DESCRIPTION]\n"
+         "  setting list [PROCESS]\n\n"
          "get prints the value alone. set replaces the value (and the description when\n"
-         "given; else it is kept) of an existing setting; the library creates none, so a\n"
-         "missing key is exit code 1. The library has no operation that lists a process's\n"
-         "settings: ask for each key by name. With --json both print the setting as\n"
-         "{\"key\", \"value\", \"describe\"}.\n",
+         "given; else it is kept) of an existing setting; a missing key is exit code 1\n"
+         "(the library changes existing settings only). add creates a setting (exit code\n"
+         "1 when the process has it already). list prints every setting, or those of one\n"
+         "process. With --json get, set and add print the setting as {\"key\", \"value\",\n"
+         "\"describe\"}; list prints rows of processNo, processName, key, value, describe.\n",
          {}, {"--json"}, 1, 5, runSetting},
-    };
+    });
     return commands;
 }
 

@@ -6,6 +6,7 @@
 // sender. send therefore builds the record, then re-executes the tool with
 // no arguments, handing the record over in an environment variable; the
 // child is the process named "qvtool" and sends along that process's routes.
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +18,7 @@
 #include <iterator>
 #include <map>
 
+#include "internal/qvmonitor.h"
 #include "qvmessage.h"
 #include "qvtool.h"
 
@@ -257,9 +259,12 @@ std::string timeStamp() {
     return text;
 }
 
-// The record's kind and payload fields, with the time it was taken.
-Json messageJson(const MSGINFO& record, const Kind& kind) {
+// The record's kind, then `envelope` (who sent it to whom, for a monitor),
+// then the payload fields, with the time it was taken.
+Json messageJson(const MSGINFO& record, const Kind& kind, const Json& envelope) {
     Json message = {{"time", timeStamp()}, {"msgType", record.msgType}, {"kind", kind.name}};
+    for (auto item = envelope.begin(); item != envelope.end(); ++item)
+        message[item.key()] = item.value();
     for (const Field& field : kind.fields) {
         const char* at = reinterpret_cast<const char*>(&record.msgInfo) + field.offset;
         if (field.text) {
@@ -273,29 +278,44 @@ Json messageJson(const MSGINFO& record, const Kind& kind) {
     return message;
 }
 
-// "TIME KIND FIELD=VALUE ...", texts quoted and escaped as in JSON.
-std::string messageLine(const Json& message) {
-    std::string line =
-        message["time"].get<std::string>() + " " + message["kind"].get<std::string>();
-    for (auto field = std::next(message.begin(), 3); field != message.end(); ++field)
-        line += " " + field.key() + "=" + jsonText(field.value());
-    return line;
+// FIELD=VALUE for the message's fields from `first` on, texts quoted and
+// escaped as in JSON.
+std::string fieldsText(const Json& message, size_t first) {
+    std::string text;
+    for (auto field = std::next(message.begin(), static_cast<long>(first)); field != message.end();
+         ++field)
+        text += " " + field.key() + "=" + jsonText(field.value());
+    return text;
 }
 
-void printMessage(LPMSGINFO record) {
-    const Kind* kind = kindByType(record->msgType);
-    if (kind != nullptr && (g_watch.mask & kindBit(kind->type)) == 0) return;
+// "TIME KIND FIELD=VALUE ...".
+std::string messageLine(const Json& message) {
+    return message["time"].get<std::string>() + " " + message["kind"].get<std::string>() +
+           fieldsText(message, 3);
+}
+
+// Prints one record unless --kind leaves it out: -1 to go on, or the exit
+// code to end with (--count reached, output that cannot be written).
+int showMessage(const MSGINFO& record, const Json& envelope) {
+    const Kind* kind = kindByType(record.msgType);
+    if (kind != nullptr && (g_watch.mask & kindBit(kind->type)) == 0) return -1;
     if (kind == nullptr) {
-        std::printf("%s unknown msgType=%d\n", timeStamp().c_str(), record->msgType);
+        std::printf("%s unknown msgType=%d%s\n", timeStamp().c_str(), record.msgType,
+                    fieldsText(envelope, 0).c_str());
     } else {
-        const Json message = messageJson(*record, *kind);
+        const Json message = messageJson(record, *kind, envelope);
         std::puts((g_watch.json ? jsonText(message) : messageLine(message)).c_str());
     }
     if (std::fflush(stdout) != 0) {
         complain("cannot write the output: %s", std::strerror(errno));
-        std::exit(kFailed);
+        return kFailed;
     }
-    if (g_watch.count > 0 && --g_watch.count == 0) std::exit(kOk);
+    return g_watch.count > 0 && --g_watch.count == 0 ? kOk : -1;
+}
+
+void printMessage(LPMSGINFO record) {
+    const int end = showMessage(*record, Json::object());
+    if (end >= 0) std::exit(end);
 }
 
 bool parseWatchOptions(const Args& args, WatchOptions* options) {
@@ -327,7 +347,91 @@ int reexecuteToWatch(const WatchOptions& options) {
     return reexecute(kWatchVariable, handed, "options", "watch");
 }
 
+// ---- watch --all: the bus monitor --------------------------------------------
+
+volatile sig_atomic_t g_stopWatching = 0;
+
+void stopWatching(int) { g_stopWatching = 1; }
+
+// A signal ends the monitor through its loop, so that it gives its slot back;
+// a closed output is said and ends it too.
+void catchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = stopWatching;  // no SA_RESTART: the wait for a copy ends
+    sigemptyset(&action.sa_mask);
+    for (int signo : {SIGINT, SIGTERM, SIGHUP}) sigaction(signo, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+Json nameOf(const std::map<int, std::string>& names, int processNo) {
+    const auto found = names.find(processNo);
+    return found == names.end() ? Json() : Json(found->second);
+}
+
+// Who sent the copy's record to whom, and whether the receiver's queue took it.
+Json envelopeOf(const qvmonitor::Copy& copy, const std::map<int, std::string>& names) {
+    return {{"sendProcessNo", copy.sendProcessNo},
+            {"sendProcessName", nameOf(names, copy.sendProcessNo)},
+            {"recvProcessNo", copy.recvProcessNo},
+            {"recvProcessName", nameOf(names, copy.recvProcessNo)},
+            {"delivered", copy.delivered != 0}};
+}
+
+// Says how many copies the monitor's full queue cost it since the last time.
+void sayDropped(const qvmonitor::Monitor& monitor, unsigned long* said) {
+    const unsigned long dropped = qvmonitor::droppedCopies(monitor);
+    if (dropped == *said) return;
+    complain("%lu records passed while this monitor's queue was full (their receivers got them)",
+             dropped - *said);
+    *said = dropped;
+}
+
+// The process names by number, when there is a configuration store.
+std::map<int, std::string> knownNames() {
+    std::map<int, std::string> names;
+    if (access(QV_CONF_DB_PATH, F_OK) == 0 && zq_openConfDB() == 0) processNames(&names);
+    return names;
+}
+
+int watchAll(const WatchOptions& options) {
+    g_watch = options;
+    const std::map<int, std::string> names = knownNames();
+    qvmonitor::Monitor monitor;
+    if (qvmonitor::openMonitor(&monitor) != 0) {
+        complain("cannot watch the bus");
+        return kFailed;
+    }
+    catchStopSignals();
+    std::fprintf(stderr,
+                 "qvtool: watching every record on the bus (monitor %d of %d, queue id %d, "
+                 "room for %lu records)\n",
+                 monitor.slot + 1, qvmonitor::kSlots, monitor.queueId, monitor.capacity);
+    if (monitor.capacity < qvmonitor::kMonitorRecords)
+        complain("a burst beyond that is lost to this monitor: for %lu records raise the system "
+                 "limit (sysctl -w kernel.msgmnb=%lu) or give the tool CAP_SYS_RESOURCE",
+                 qvmonitor::kMonitorRecords, qvmonitor::kMonitorRecords * qvmonitor::kCopyText);
+    int end = -1;
+    unsigned long saidDropped = 0;
+    qvmonitor::Copy copy;
+    while (end < 0 && g_stopWatching == 0) {
+        if (qvmonitor::receiveCopy(monitor, &copy) != 0) {
+            if (errno == EINTR) continue;
+            complain("the monitor queue %d went away: %s", monitor.queueId, std::strerror(errno));
+            end = kFailed;
+            break;
+        }
+        sayDropped(monitor, &saidDropped);
+        end = showMessage(copy.record, envelopeOf(copy, names));
+    }
+    qvmonitor::closeMonitor(&monitor);
+    return end < 0 ? kOk : end;
+}
+
 int runWatch(const Args& args) {
+    if (args.has("--all")) {
+        WatchOptions options;
+        return parseWatchOptions(args, &options) ? watchAll(options) : kUsage;
+    }
     if (!args.options.empty()) {
         WatchOptions options;
         return parseWatchOptions(args, &options) ? reexecuteToWatch(options) : kUsage;
@@ -427,20 +531,28 @@ const std::vector<Command>& messageCommands() {
     static const std::vector<Command> commands = {
         {"send", "send KIND [FIELD=VALUE ...]", "send a message of any kind as process \"qvtool\"",
          sendDetails.c_str(), {}, {}, 1, -1, runSend},
-        {"watch", "watch [--kind KIND[,KIND...]] [--count N] [--json]",
-         "print every message sent to process \"qvtool watch\"",
+        {"watch", "watch [--all] [--kind KIND[,KIND...]] [--count N] [--json]",
+         "print every message sent to process \"qvtool watch\", or with --all every message",
          "Subscribes as the process named \"qvtool watch\" (configure it in ProcessConfig and\n"
          "route messages to it) and prints one line per message, as it arrives: the local\n"
          "time with milliseconds, the kind name, then FIELD=VALUE for every field of the\n"
          "payload, texts quoted and escaped as JSON strings. With options the tool runs\n"
          "itself again as \"qvtool watch\", so the name stays the same.\n\n"
+         "  --all         monitor the whole bus instead: a copy of every record that any\n"
+         "                publisher sends, one per receiver, while the receivers still get\n"
+         "                theirs; no configuration needed. Each line also has sendProcessNo,\n"
+         "                sendProcessName, recvProcessNo, recvProcessName (-1 and null when\n"
+         "                no route carried the kind) and delivered (false when the\n"
+         "                receiver's queue did not take it)\n"
          "  --kind KINDS  print only these kinds (names as for send, comma-separated)\n"
          "  --count N     end after N messages printed (exit code 0)\n"
          "  --json        one JSON object per line: time, msgType, kind, the fields\n\n"
          "Without --count it runs until it is interrupted (Ctrl-C) or killed. Messages\n"
          "wait in the queue (key: the process number plus the queue key offset) while\n"
-         "no watch runs; ipcrm -Q KEY removes the queue.\n",
-         {"--kind", "--count"}, {"--json"}, 0, 0, runWatch},
+         "no watch runs; ipcrm -Q KEY removes the queue. Up to 8 monitors (--all) watch at\n"
+         "once, each with a queue of its own: a monitor that cannot keep up loses copies\n"
+         "(it says how many), never the publishers' time or the receivers' records.\n",
+         {"--kind", "--count"}, {"--json", "--all"}, 0, 0, runWatch},
     };
     return commands;
 }

@@ -54,7 +54,9 @@ bool makeParentDirs(const std::string& file) {
     for (size_t slash = file.find('/', 1); slash != std::string::npos;
          slash = file.find('/', slash + 1)) {
         const std::string dir = file.substr(0, slash);
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+        if (mkdir(dir.c_str(), directoryMode()) == 0) {
+            chmod(dir.c_str(), directoryMode());  // whatever the umask
+        } else if (errno != EEXIST) {
             complain("cannot create the directory %s: %s", dir.c_str(), std::strerror(errno));
             return false;
         }
@@ -106,9 +108,10 @@ bool createStore(const char* what, const std::string& path, const std::string& s
         complain("cannot read the schema %s", schemaFile.c_str());
         return false;
     }
+    if (!storePathAllowed(path)) return false;
     if (fresh) removeStoreFiles(path);
     const bool existed = isFile(path);
-    if (!makeParentDirs(path)) return false;
+    if (!makeParentDirs(path) || !createStoreFile(path)) return false;
     setJournalModeFirst(path, schema);
     if (!runSql(path, schema, schemaFile)) return false;
     std::printf("%s store %s: %s\n", what, path.c_str(),

@@ -4,8 +4,8 @@
 #define QV_INTERNAL_QVBUILDCONFIG_H
 
 #if !defined(QV_REALTIME_DB_PATH) || !defined(QV_CONF_DB_PATH) || !defined(QV_SEM_KEY) || \
-    !defined(QV_QUEUE_KEY_OFFSET)
-#error "the build must define QV_REALTIME_DB_PATH, QV_CONF_DB_PATH, QV_SEM_KEY and QV_QUEUE_KEY_OFFSET"
+    !defined(QV_QUEUE_KEY_OFFSET) || !defined(QV_IPC_MODE)
+#error "the build must define QV_REALTIME_DB_PATH, QV_CONF_DB_PATH, QV_SEM_KEY, QV_QUEUE_KEY_OFFSET and QV_IPC_MODE"
 #endif
 
 #endif  // QV_INTERNAL_QVBUILDCONFIG_H

@@ -17,6 +17,10 @@ constexpr int kProcessDirSize = 1024;
 // line, when that cannot be read).
 bool ownProcessName(char (&processname)[kProcessNameSize]);
 
+// Raises a queue's capacity to `wanted` bytes, or else as far as the system
+// lets this process; the capacity it has then, 0 when it cannot be read.
+unsigned long raiseQueueCapacity(int msgid, unsigned long wanted);
+
 // The receiving thread of zq_subscriberMsg_async; never returns.
 void* recv_msg_thread(void* arg);
 

@@ -2,7 +2,9 @@
 // transaction on a connection of the load's own, replacing the rows of the
 // file's IEDs; a failure anywhere rolls the whole load back.
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <initializer_list>
 #include <string>
@@ -13,7 +15,9 @@
 #include "internal/qvfeed_hooks.h"
 #include "internal/qvtexts.h"
 #include "internal/qvreport.h"
+#include "internal/qvsqlite.h"
 #include "model.h"
+#include "qvaddied.h"
 
 namespace qvaddied {
 
@@ -40,9 +44,26 @@ void printStepError(sqlite3* db) {
 }
 
 bool execControl(sqlite3* db, const char* sql) {
-    if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
-    qvreport::sqliteFailure(db, qvtext::kExecFailed);
+    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) return true;
+    if (rc == SQLITE_BUSY)
+        qvreport::failure(QV_ERR_BUSY,
+                          "the real-time store stayed busy with another writer for %d ms (%s): "
+                          "model not loaded\n",
+                          QV_LOAD_BUSY_WAIT_MS, sqlite3_errmsg(db));
+    else
+        qvreport::sqliteFailure(db, qvtext::kExecFailed);
     return false;
+}
+
+using Clock = std::chrono::steady_clock;
+
+// The busy handler of the load's connection: every busy answer (the begin,
+// a step, the commit) is waited out, every 2 ms, until the deadline.
+int waitUntilDeadline(void* deadline, int) {
+    if (Clock::now() >= *static_cast<Clock::time_point*>(deadline)) return 0;
+    usleep(qvsql::kBusyPauseMicros);
+    return 1;
 }
 
 // One statement prepared once and stepped once per row.
@@ -224,7 +245,8 @@ bool insertValueRows(const Model& model) {
 // All four tables in one transaction: a load lands whole or not at all.
 // 0, -1 for the store, -2 for the model.
 int writeModel(Model& model, long* attributes) {
-    if (!execControl(model.g_sqliteDB, "BEGIN TRANSACTION")) return -1;
+    // The write lock at once: no step inside can then meet another writer.
+    if (!execControl(model.g_sqliteDB, "BEGIN IMMEDIATE TRANSACTION")) return -1;
     int result = -1;
     if (removeRowsOfIeds(model) && insertDataSets(model) && insertMembers(model)) {
         long rows = 0;
@@ -241,12 +263,16 @@ int writeModel(Model& model, long* attributes) {
 }  // namespace
 
 int addRealTimeDB(Model& model, long* attributes) {
-    if (sqlite3_open(QV_REALTIME_DB_PATH, &model.g_sqliteDB) != SQLITE_OK) {
+    // No SQLITE_OPEN_CREATE: only `qvtool init` makes the store.
+    if (sqlite3_open_v2(QV_REALTIME_DB_PATH, &model.g_sqliteDB, SQLITE_OPEN_READWRITE, nullptr) !=
+        SQLITE_OK) {
         qvreport::sqliteFailure(model.g_sqliteDB, qvtext::kLoaderOpenFailed);
         sqlite3_close(model.g_sqliteDB);
         model.g_sqliteDB = nullptr;
         return -1;
     }
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(QV_LOAD_BUSY_WAIT_MS);
+    sqlite3_busy_handler(model.g_sqliteDB, waitUntilDeadline, &deadline);
     const int result = writeModel(model, attributes);
     if (result == 0) qvfeed::announceReset();
     sqlite3_close(model.g_sqliteDB);

@@ -49,6 +49,15 @@ int keptStatement(sqlite3_stmt*& slot, const char* sql);
 // it cannot be prepared (one attempt, no busy retry).
 sqlite3_stmt* keptQuery(const std::string& sql);
 
+// What an operation does on the store: a write checks that the file is
+// still at the path every time, a read at most once per coarse clock tick.
+enum class StoreUse { Write, Read };
+
+// Called under the store lock by every operation: a connection whose file
+// was removed or renamed over moves to the store now at the path and says
+// so once.
+void reopenIfStoreReplaced(StoreUse use);
+
 // Transaction control, kept on the connection as well: sqlite3_exec parses
 // its text anew on every call, which costs a short list about as much as its
 // values.
@@ -63,19 +72,36 @@ int runControl(Control control);
 // Atomic: a thread that finds the set removed makes it anew while others use it.
 extern std::atomic<int> s_RealSemId;
 
-// Holds the store lock for one operation, and releases it on the set it
-// was taken on.
+// Called, when set, between making the lock's set and freeing it: lets a
+// test stall a creator.
+extern void (*g_afterLockSetCreated)();
+
+// Holds the store lock for one operation: the process mutex, then the
+// semaphore, released in the reverse order.
 class StoreLock {
 public:
-    StoreLock();
+    explicit StoreLock(StoreUse use = StoreUse::Write);
     ~StoreLock();
     StoreLock(const StoreLock&) = delete;
     StoreLock& operator=(const StoreLock&) = delete;
-    bool held() const { return semid_ != -1; }
-
-private:
-    const int semid_;
+    // The connection is the holder's alone (the process mutex), whatever
+    // became of the semaphore set.
+    bool held() const { return true; }
 };
+
+// For the holder of a StoreLock whose write found the store busy with a
+// writer outside the library: gives the semaphore up for one busy pause
+// and takes it again, so that other processes' readers go on meanwhile.
+// The process mutex stays held.
+void waitForOutsideWriter();
+
+// Steps a statement of the holder of a StoreLock until the answer is not
+// SQLITE_BUSY, giving way to an outside writer between the attempts.
+inline int stepGivingWay(sqlite3_stmt* stmt) {
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_BUSY) waitForOutsideWriter();
+    return rc;
+}
 
 // ---- Values by row key (remembered_rows.cpp) ---------------------------------
 

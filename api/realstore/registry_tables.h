@@ -93,7 +93,7 @@ int runWriter(const char* sql, int rows, BindRow bindRow) {
         .withStatement(sql, noBinds, [rows, &bindRow](sqlite3_stmt* stmt) {
             for (int i = 0; i < rows; ++i) {
                 bindRow(stmt, i);
-                if (qvsql::stepWithBusyRetry(stmt) != SQLITE_DONE) {
+                if (stepGivingWay(stmt) != SQLITE_DONE) {
                     printStepError();
                     return -1;
                 }

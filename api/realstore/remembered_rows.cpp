@@ -13,7 +13,6 @@
 #include "internal/qvsqlite.h"
 #include "realstore/realstore.h"
 
-using qvsql::stepWithBusyRetry;
 
 namespace qvreal {
 
@@ -135,7 +134,7 @@ int saveRememberedRow(sqlite3_int64 key, const ValueIn& in) {
     const int index = bindSaved(stmt, in);
     sqlite3_bind_int64(stmt, index, remembered->second);
     sqlite3_bind_int64(stmt, index + 1, key);
-    const int rc = stepWithBusyRetry(stmt);
+    const int rc = stepGivingWay(stmt);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
     if (rc != SQLITE_DONE) return -2;
@@ -155,7 +154,7 @@ int saveAndRememberRow(sqlite3_int64 key, const ValueIn& in) {
     sqlite3_bind_int64(stmt, index, key);
     int rc;
     bool changed = false;
-    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW) {
+    while ((rc = stepGivingWay(stmt)) == SQLITE_ROW) {
         rememberRow(key, sqlite3_column_int64(stmt, 1));
         changed = noteRow(stmt, key, in);
     }
@@ -177,7 +176,7 @@ void takeValue(sqlite3_stmt* row, ValueOut out) {
 // Steps a read of value and quality: 0 with the row taken, -1 without a row,
 // -2 after a failed step (reported).
 int stepRead(sqlite3_stmt* stmt, ValueOut out) {
-    const int rc = stepWithBusyRetry(stmt);
+    const int rc = stepGivingWay(stmt);
     if (rc == SQLITE_ROW) {
         takeValue(stmt, out);
         return 0;
@@ -193,7 +192,7 @@ int readRememberedRow(sqlite3_int64 key, ValueOut out) {
     if (remembered == s_rowOfKey.end()) return -1;
     sqlite3_bind_int64(s_selectByRow, 1, remembered->second);
     int result = -1;
-    const int rc = stepWithBusyRetry(s_selectByRow);
+    const int rc = stepGivingWay(s_selectByRow);
     if (rc == SQLITE_ROW &&
         sqlite3_column_int64(s_selectByRow, 3) == key) {
         takeValue(s_selectByRow, out);
@@ -247,7 +246,7 @@ int saveKey(sqlite3_int64 key, ValueIn in, sqlite3_stmt* byKey, bool lockHeld) {
         return -2;
     const int index = bindSaved(byKey, in);
     sqlite3_bind_int64(byKey, index, key);
-    const int rc = stepWithBusyRetry(byKey);
+    const int rc = stepGivingWay(byKey);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(byKey);
     if (rc != SQLITE_DONE) return -2;

@@ -89,7 +89,7 @@ bool runTransactionStep(TransactionStep step, bool withQuality) {
             firstCause = sqlite3_errmsg(s_sqliteDB);
         }
         if (rc == SQLITE_BUSY) {
-            usleep(qvsql::kBusyPauseMicros);
+            waitForOutsideWriter();
             continue;
         }
         // SQLite may have rolled the transaction back itself (a full disk at

@@ -44,7 +44,7 @@ int readValue(sqlite3_stmt* stmt, const char* daName, ValueOut out, bool timed,
         (timed && !argumentGiven(out.timestamp, operation)))
         return -1;
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
-    StoreLock lock;
+    StoreLock lock(StoreUse::Read);
     const int read = readKey(rowKey(daName), out, stmt, lock.held());
     if (read == -1) reportNoRow(operation, daName);
     return read == 0 ? 0 : -1;
