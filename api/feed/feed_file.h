@@ -1,12 +1,15 @@
 // The feed's file: a header and a ring of changes, mapped shared by every
 // process that writes or follows the feed. Internal; not installed.
 //
-// Writers hold the store lock. A save writes its entries after `published`
-// (first raising `reserved`, the highest sequence number whose slot may be
-// in use, so that a reader can tell that a slot it copied was being
-// overwritten), then publishes them all with one store of `published`.
-// `writing` is set from before a save's SQLite commit until after its
-// publish, so that the next writer can tell that one died in between.
+// Writers hold the store lock while they publish. A save collects its
+// changes and at its end writes them after `published` (first raising
+// `reserved`, the highest sequence number whose slot may be in use, so that
+// a reader can tell that a slot it copied was being overwritten), then
+// publishes them all with one store of `published`. A save puts its
+// process id in one of `savers` from before its SQLite commit until after
+// its publish, so that a later writer can tell that one died in between
+// (the store lock may be given up for a while in the middle of a save, so
+// several saves can be under way at once).
 // `wakeWord` is the futex that readers sleep on: bit 0 says that somebody
 // sleeps, the other bits count publishes.
 #ifndef QV_FEED_FEED_FILE_H
@@ -41,13 +44,13 @@ struct Header {
     std::uint64_t capacity;
     alignas(64) std::atomic<std::uint64_t> published;  // entries below it are visible
     std::atomic<std::uint64_t> reserved;
-    std::atomic<std::uint32_t> writing;
     std::atomic<std::uint32_t> retired;  // the file was removed or replaced: reopen
+    std::atomic<std::int32_t> savers[16];
     alignas(64) std::atomic<std::uint32_t> wakeWord;
 };
 
 constexpr std::uint32_t kMagic = 0x51564644;  // "QVFD"
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr std::size_t kHeaderBytes = 4096;
 static_assert(sizeof(Header) <= kHeaderBytes, "the header fits its page");
 constexpr std::uint32_t kSleepers = 1;

@@ -1,10 +1,15 @@
 // The writing side of the change feed, run by the saves under the store
 // lock: one mapping per process, opened on first use and checked now and
-// then for having been removed or replaced; the changes of a save appended
-// after the published ones and published together once the save committed.
+// then for having been removed or replaced; the changes of a save collected
+// while it runs and published together once it committed.
+#include <pthread.h>
+#include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <vector>
 
 #include "feed/feed_file.h"
 #include "internal/qvfeed_hooks.h"
@@ -14,20 +19,24 @@ namespace qvfeed {
 
 namespace {
 
-// Everything here is used under the store lock only.
+// Everything here is used under the store lock's process mutex only.
 Mapping* s_feed = nullptr;
 // The file is checked against its path at most this often: a stat on every
 // save would cost more than the feed may.
 constexpr long long kCheckEveryMillis = 100;
 long long s_nextCheck = 0;
 std::uint64_t s_newCapacity = 0;
-// A reset owed to the readers of a file that replaced a removed one.
+// A reset owed to the readers: the file replaced a removed one, or a saver
+// died between its commit and its publish.
 bool s_owedReset = false;
-// The group in progress: its first change, the next one and its time.
+// The save in progress: its changes, its time and its place in `savers`.
 bool s_inGroup = false;
-std::uint64_t s_groupStart = 0;
-std::uint64_t s_next = 0;
+std::vector<Entry> s_pending;
 double s_groupTime = 0;
+int s_saverSlot = -1;
+// The process id, kept across saves (getpid is a system call) and renewed
+// in a forked child.
+pid_t s_pid = 0;
 
 long long coarseMillis() {
     timespec now{};
@@ -55,15 +64,39 @@ Mapping* writerFeed() {
         delete s_feed;
         s_owedReset = true;
     }
+    if (s_pid == 0) pthread_atfork(nullptr, nullptr, [] { s_pid = getpid(); });
+    s_pid = getpid();
     s_feed = Mapping::open();
     return s_feed;
 }
 
+bool processGone(std::int32_t pid) { return kill(pid, 0) != 0 && errno == ESRCH; }
+
+// Takes a free place in `savers` for this save. A place held by a process
+// that is gone (or by this process's id, which a dead one had before) means
+// a save that may have committed without publishing: a reset is owed. No
+// free place: the save cannot be watched, so it owes a reset itself.
+int claimSaverSlot() {
+    Header& header = s_feed->header();
+    int mine = -1;
+    for (int i = 0; i < static_cast<int>(sizeof header.savers / sizeof header.savers[0]); ++i) {
+        std::int32_t holder = header.savers[i].load(std::memory_order_relaxed);
+        if (holder != 0 && (holder == s_pid || processGone(holder)) &&
+            header.savers[i].compare_exchange_strong(holder, 0)) {
+            s_owedReset = true;
+            holder = 0;
+        }
+        if (holder == 0 && mine < 0 && header.savers[i].compare_exchange_strong(holder, s_pid))
+            mine = i;
+    }
+    if (mine < 0) s_owedReset = true;
+    return mine;
+}
+
 // Raises the reservation before the slot is written, so that a reader that
 // copied the slot's old contents sees that it may have been overwritten.
-void append(const Entry& entry) {
+void append(std::uint64_t seq, const Entry& entry) {
     Header& header = s_feed->header();
-    const std::uint64_t seq = s_next++;
     if (header.reserved.load(std::memory_order_relaxed) < seq + 1)
         header.reserved.store(seq + 1, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
@@ -72,14 +105,21 @@ void append(const Entry& entry) {
     slot.seq = seq;
 }
 
-void appendReset() { append(Entry{0, 0, QV_CHANGE_RESET, 0, 0, 0, wallClock()}); }
+Entry resetEntry() { return Entry{0, 0, QV_CHANGE_RESET, 0, 0, 0, wallClock()}; }
 
-// Makes everything appended since the last publish visible at once.
-void publish() {
+// Appends a reset when one is owed and the save's changes when it
+// committed, and makes them visible at once.
+void publish(bool committed) {
     Header& header = s_feed->header();
-    if (s_next == header.published.load(std::memory_order_relaxed)) return;
-    s_feed->slot(s_next - 1).lastOfGroup = 1;
-    header.published.store(s_next, std::memory_order_release);
+    const std::uint64_t first = header.published.load(std::memory_order_relaxed);
+    std::uint64_t next = first;
+    if (s_owedReset) append(next++, resetEntry());
+    if (committed)
+        for (const Entry& entry : s_pending) append(next++, entry);
+    s_owedReset = false;
+    if (next == first) return;
+    s_feed->slot(next - 1).lastOfGroup = 1;
+    header.published.store(next, std::memory_order_release);
     s_feed->wakeReaders();
 }
 
@@ -87,32 +127,19 @@ void publish() {
 
 SaveGroup::SaveGroup(bool lockHeld) : active_(lockHeld && writerFeed() != nullptr) {
     if (!active_) return;
-    Header& header = s_feed->header();
-    s_next = header.published.load(std::memory_order_relaxed);
-    // A writer that died between its mark and its publish may have changed
-    // values that nobody was told about.
-    if (s_owedReset || header.writing.load(std::memory_order_relaxed) != 0) {
-        appendReset();
-        publish();
-        s_owedReset = false;
-    }
-    header.writing.store(1, std::memory_order_release);
-    s_groupStart = s_next;
+    s_pending.clear();
     s_groupTime = 0;
+    s_saverSlot = claimSaverSlot();
     s_inGroup = true;
 }
 
-// Published before the mark is cleared: a writer killed in between costs a
-// needless reset, never a lost change.
+// Published before the place is given up: a writer killed in between costs
+// a needless reset, never a lost change.
 SaveGroup::~SaveGroup() {
     if (!active_) return;
     s_inGroup = false;
-    if (committed_) publish();
-    s_feed->header().writing.store(0, std::memory_order_release);
-}
-
-void noteLoss() {
-    if (s_inGroup) appendReset();
+    publish(committed_);
+    if (s_saverSlot >= 0) s_feed->header().savers[s_saverSlot].store(0, std::memory_order_release);
 }
 
 void noteChange(unsigned int hashID, double value, int quality, double timestamp) {
@@ -121,7 +148,11 @@ void noteChange(unsigned int hashID, double value, int quality, double timestamp
         if (s_groupTime == 0) s_groupTime = wallClock();
         timestamp = s_groupTime;
     }
-    append(Entry{0, hashID, QV_CHANGE_VALUE, value, quality, 0, timestamp});
+    s_pending.push_back(Entry{0, hashID, QV_CHANGE_VALUE, value, quality, 0, timestamp});
+}
+
+void noteLoss() {
+    if (s_inGroup) s_pending.push_back(resetEntry());
 }
 
 std::uint64_t newFeedCapacity() { return s_newCapacity; }
@@ -137,8 +168,7 @@ void setNewFeedCapacity(unsigned long long capacity) {
 void announceReset() {
     qvreal::StoreLock lock;
     SaveGroup group(lock.held());
-    if (!s_inGroup) return;
-    appendReset();
+    noteLoss();
     group.committed();
 }
 
