@@ -3,6 +3,7 @@
 // subscriber stopped past the ring's capacity, writers killed mid-save and
 // the feed's file removed while everyone runs. Subscribers keep a mirror of
 // the values they were told about and compare it with the store.
+#include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -606,5 +607,69 @@ TEST_F(Feed, SubscriberFindsItsFileReplacedWithoutAnyWriter) {
     usleep(100000);
     ASSERT_EQ(unlink(feedFile().c_str()), 0);
     ASSERT_EQ(tool({"init"}).code, 0);
+    EXPECT_EQ(subscriber.wait(kChildLimitMs), 0);
+}
+
+// Two writers held up by a program that holds the store's write lock
+// itself (each gives the store lock up while it waits, so both saves are
+// under way at once): every change still comes once, in order, without a
+// reset, and the mirror ends equal to the store.
+TEST_F(Feed, SavesHeldUpByAnOutsideWriterStayWhole) {
+    zq_closeRealDB();
+    constexpr int kSaves = 60;
+    ReadyPipe ready;
+    const std::string marker = listRow(kWriters - 1, 0);
+    Child subscriber([&] {
+        Mirror mirror;
+        int received = 0;
+        unsigned long long lastSeq = 0;
+        const auto check = [&](const QvChange* batch, int count, int result) {
+            if (result != 0) return childFailed("a loss") == 0;
+            for (int i = 0; i < count; ++i) {
+                if (batch[i].kind != QV_CHANGE_VALUE) return childFailed("a reset") == 0;
+                if (lastSeq != 0 && batch[i].seq != lastSeq + 1) return childFailed("a gap") == 0;
+                lastSeq = batch[i].seq;
+            }
+            received += count;
+            return true;
+        };
+        const int result = follow(ready, check, [&](const QvChange& c) {
+            return c.hashID == key(marker) && c.value == -7;
+        }, mirror);
+        if (result != 0) return result;
+        if (received != 2 * changesOfMixedSaves(kSaves) + 1)
+            return childFailed("received " + std::to_string(received));
+        const std::string difference = mirror.differenceFromStore();
+        return difference.empty() ? 0 : childFailed(difference);
+    });
+    ASSERT_TRUE(ready.awaitOne());
+    // The outside program runs in a process of its own: a connection
+    // carried across a fork would hold its lock in the children too.
+    ReadyPipe holding;
+    Child outside([&] {
+        sqlite3* db = nullptr;
+        if (sqlite3_open(realDbPath().c_str(), &db) != SQLITE_OK ||
+            sqlite3_exec(db, "begin immediate", nullptr, nullptr, nullptr) != SQLITE_OK ||
+            !holding.signal())
+            return childFailed("cannot hold the store");
+        usleep(300000);
+        const int committed = sqlite3_exec(db, "commit", nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+        return committed == SQLITE_OK ? 0 : childFailed("commit failed");
+    });
+    ASSERT_TRUE(holding.awaitOne());
+    std::vector<std::unique_ptr<Child>> writers;
+    for (int w = 0; w < 2; ++w) {
+        writers.emplace_back(new Child([w] {
+            if (zq_openRealDB() != 0) return childFailed("cannot open");
+            for (int i = 0; i < kSaves; ++i)
+                if (mixedSave(w, i) != 0) return childFailed("save failed");
+            return 0;
+        }));
+    }
+    EXPECT_EQ(outside.wait(kChildLimitMs), 0);
+    for (auto& writer : writers) EXPECT_EQ(writer->wait(kChildLimitMs), 0);
+    ASSERT_EQ(zq_openRealDB(), 0);
+    ASSERT_EQ(zq_saveDoubDAValue(marker.c_str(), -7), 0);
     EXPECT_EQ(subscriber.wait(kChildLimitMs), 0);
 }
