@@ -166,7 +166,7 @@ void setNewFeedCapacity(unsigned long long capacity) {
 
 // The store lock makes its semaphore itself in a process that has not yet.
 void announceReset() {
-    qvreal::StoreLock lock;
+    qvreal::StoreLock lock(qvreal::StoreUse::LockOnly);
     SaveGroup group(lock.held());
     noteLoss();
     group.committed();

@@ -51,7 +51,9 @@ sqlite3_stmt* keptQuery(const std::string& sql);
 
 // What an operation does on the store: a write checks that the file is
 // still at the path every time, a read at most once per coarse clock tick.
-enum class StoreUse { Write, Read };
+// LockOnly: the holder does not touch the connection (the change feed's
+// resets), so the connection is not checked either.
+enum class StoreUse { Write, Read, LockOnly };
 
 // Called under the store lock by every operation: a connection whose file
 // was removed or renamed over moves to the store now at the path and says

@@ -187,7 +187,7 @@ namespace qvreal {
 StoreLock::StoreLock(StoreUse use) {
     s_connectionMutex.lock();
     s_heldSemId = takeStoreLock();
-    reopenIfStoreReplaced(use);
+    if (use != StoreUse::LockOnly) reopenIfStoreReplaced(use);
 }
 
 StoreLock::~StoreLock() {
