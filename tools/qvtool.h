@@ -43,7 +43,10 @@ struct Command {
 };
 
 // The command families, in the order of the help text.
-const std::vector<Command>& storeCommands();     // init, load, values, model
+const std::vector<Command>& storeCommands();     // init, load
+const std::vector<Command>& valueCommands();     // get, set, tree, dump
+const std::vector<Command>& queryCommands();     // the model's listings, find
+const std::vector<Command>& statusCommands();    // status
 const std::vector<Command>& confCommands();      // processes, routes, settings
 const std::vector<Command>& messageCommands();   // send, watch
 const std::vector<Command>& registryCommands();  // terminals, access list, topology
