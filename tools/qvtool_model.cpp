@@ -44,7 +44,9 @@ bool splitLnName(const std::string& ln, std::string* lnClass, std::string* lnIns
 std::string lnClassOf(const std::string& lnName) {
     size_t end = lnName.size();
     while (end > 0 && std::isdigit(static_cast<unsigned char>(lnName[end - 1]))) --end;
-    return lnName.substr(end >= 4 ? end - 4 : 0, std::min<size_t>(end, 4));
+    // A class that ends in a digit has no instance: LLN0.
+    if (end < 4) end = std::min<size_t>(lnName.size(), 4);
+    return lnName.substr(end - std::min<size_t>(end, 4), std::min<size_t>(end, 4));
 }
 
 std::string attributePath(const Json& da) {
@@ -136,21 +138,27 @@ size_t editDistance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-// Names that start with the given text or differ from it in case or in at
-// most two letters; at most eight.
+// The nearest names: those equal but for case, else those that start with
+// the given text, else those at most two letters away; at most eight.
 std::string nearNames(const std::string& given, const std::set<std::string>& known) {
     const std::string low = lowered(given);
-    std::string text;
-    int shown = 0;
+    std::vector<std::string> tiers[3];
     for (const std::string& name : known) {
         const std::string other = lowered(name);
-        const bool near = (!low.empty() && other.compare(0, low.size(), low) == 0) ||
-                          editDistance(low, other) <= 2;
-        if (!near) continue;
-        if (++shown > 8) return text + ", ...";
-        text += (text.empty() ? "" : ", ") + name;
+        if (other == low)
+            tiers[0].push_back(name);
+        else if (!low.empty() && other.compare(0, low.size(), low) == 0)
+            tiers[1].push_back(name);
+        else if (editDistance(low, other) <= 2)
+            tiers[2].push_back(name);
     }
-    return text;
+    for (const std::vector<std::string>& tier : tiers) {
+        std::string text;
+        for (size_t i = 0; i < tier.size() && i < 8; ++i) text += (i == 0 ? "" : ", ") + tier[i];
+        if (tier.size() > 8) text += ", ...";
+        if (!text.empty()) return text;
+    }
+    return "";
 }
 
 }  // namespace

@@ -2,8 +2,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include "qvtool_model.h"
@@ -15,23 +17,33 @@ namespace {
 // ---- repeating --------------------------------------------------------------
 
 // -r COUNT and -i SECONDS as redis-cli reads them: run COUNT times (a
-// negative COUNT: until stopped), SECONDS apart (fractions allowed). The
-// exit code is the worst of the runs.
-int repeated(const Args& args, const char* command, const std::function<int()>& once) {
+// negative COUNT: until stopped), SECONDS apart (fractions allowed).
+struct Repeat {
     int count = 1;
     double interval = 0;
-    if (args.has("-r") && !parseInt(args.options.at("-r"), &count))
-        return usageError("%s: -r needs a whole number", command);
-    if (args.has("-i") && (!parseDouble(args.options.at("-i"), &interval) || interval < 0))
-        return usageError("%s: -i needs a number of seconds, 0 or more", command);
+};
+
+// False, after saying why, for a count or interval that is no number.
+bool readRepeat(const Args& args, Repeat* repeat) {
+    if (args.has("-r") && !parseInt(args.options.at("-r"), &repeat->count)) return false;
+    return !args.has("-i") ||
+           (parseDouble(args.options.at("-i"), &repeat->interval) && repeat->interval >= 0);
+}
+
+// The exit code is the worst of the runs.
+int repeated(const Repeat& repeat, const std::function<int()>& once) {
     int worst = kOk;
-    for (int run = 0; count < 0 || run < count; ++run) {
-        if (run > 0 && interval > 0)
-            std::this_thread::sleep_for(std::chrono::duration<double>(interval));
+    for (int run = 0; repeat.count < 0 || run < repeat.count; ++run) {
+        if (run > 0 && repeat.interval > 0)
+            std::this_thread::sleep_for(std::chrono::duration<double>(repeat.interval));
         worst = std::max(worst, once());
         std::fflush(stdout);
     }
     return worst;
+}
+
+int badRepeat(const char* command) {
+    return usageError("%s: -r needs a whole number, -i a number of seconds, 0 or more", command);
 }
 
 // ---- get, set -----------------------------------------------------------------
@@ -104,8 +116,10 @@ std::string dollarReference(std::string ref) {
 int runGet(const Args& args) {
     std::vector<std::string> refs;
     for (const std::string& ref : args.positional) refs.push_back(dollarReference(ref));
+    Repeat repeat;
+    if (!readRepeat(args, &repeat)) return badRepeat("get");
     if (!openRealStore()) return kFailed;
-    return repeated(args, "get", [&] { return printValues(args, refs); });
+    return repeated(repeat, [&] { return printValues(args, refs); });
 }
 
 int runSet(const Args& args) {
@@ -147,8 +161,10 @@ int dumpOnce(const Args& args, const char* ied, const char* dataSet) {
 }
 
 int runDump(const Args& args) {
+    Repeat repeat;
+    if (!readRepeat(args, &repeat)) return badRepeat("dump");
     if (!openRealStore()) return kFailed;
-    return repeated(args, "dump", [&] {
+    return repeated(repeat, [&] {
         return dumpOnce(args, args.positional[0].c_str(), args.positional[1].c_str());
     });
 }
@@ -158,6 +174,16 @@ int runDump(const Args& args) {
 // One line per level that changes from the attribute before (IED, LD, LN,
 // DO), then the attribute's line; --long adds types and descriptions.
 void printTree(const Json& attributes, bool long_) {
+    // A data object's description: the first that one of its attributes carries.
+    std::map<std::string, std::string> descriptions;
+    const auto doKey = [](const Json& da) {
+        return da["iedName"].get<std::string>() + "/" + da["ldName"].get<std::string>() + "/" +
+               da["lnName"].get<std::string>() + "/" + da["doName"].get<std::string>();
+    };
+    for (const Json& da : attributes) {
+        std::string& desc = descriptions[doKey(da)];
+        if (desc.empty()) desc = da["doDesc"];
+    }
     std::vector<std::string> above;
     for (const Json& da : attributes) {
         std::string doPath = da["doName"];
@@ -167,7 +193,7 @@ void printTree(const Json& attributes, bool long_) {
         while (same < above.size() && above[same] == levels[same]) ++same;
         for (size_t level = same; level < levels.size(); ++level) {
             std::string line = std::string(2 * level, ' ') + levels[level];
-            const std::string desc = da["doDesc"];
+            const std::string& desc = descriptions[doKey(da)];
             if (long_ && level == 3 && !desc.empty()) line += "  \"" + desc + "\"";
             std::puts(line.c_str());
         }

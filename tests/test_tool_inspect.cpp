@@ -1,0 +1,357 @@
+// qvtool's inspection commands as a black box: CSV and raw output, find,
+// several values at once with repeats, decoded quality, status and init
+// under running processes.
+#include <fcntl.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "qvmessage.h"
+#include "qvrealapi.h"
+#include "qvtest.h"
+#include "qvtool_run.h"
+
+using namespace qvtest;
+using testing::HasSubstr;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+using CsvRows = std::vector<std::vector<std::string>>;
+
+// RFC 4180: fields split at commas, records at CRLF; a quoted field keeps
+// commas, CR and LF, and "" stands for one quote. False for text that breaks
+// the rules (a bare quote, a bare LF, an unterminated field).
+bool readCsv(const std::string& text, CsvRows* rows) {
+    rows->assign(1, {});
+    std::string field;
+    bool quoted = false, wasQuoted = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quoted) {
+            if (c != '"') {
+                field += c;
+            } else if (i + 1 < text.size() && text[i + 1] == '"') {
+                field += '"';
+                ++i;
+            } else {
+                quoted = false;
+            }
+        } else if (c == '"') {
+            if (!field.empty() || wasQuoted) return false;
+            quoted = wasQuoted = true;
+        } else if (c == ',' || c == '\r') {
+            if (c == '\r' && (i + 1 >= text.size() || text[i + 1] != '\n')) return false;
+            rows->back().push_back(field);
+            field.clear();
+            wasQuoted = false;
+            if (c == '\r') {
+                ++i;
+                rows->emplace_back();
+            }
+        } else if (c == '\n') {
+            return false;
+        } else {
+            field += c;
+        }
+    }
+    if (quoted || !field.empty() || !rows->back().empty()) return false;
+    rows->pop_back();
+    return true;
+}
+
+// A JSON field's text as a CSV cell carries it; numbers compare as numbers.
+std::string namesOf(const Json& bits) {
+    std::string text;
+    for (const Json& name : bits) text += (text.empty() ? "" : ",") + name.get<std::string>();
+    return text;
+}
+bool sameCell(const std::string& cell, const Json& value) {
+    if (value.is_string()) return cell == value.get<std::string>();
+    if (value.is_null()) return cell.empty();
+    if (value.is_array()) return cell == namesOf(value);
+    return !cell.empty() && std::stod(cell) == value.get<double>();
+}
+
+// A record's field; tree nests the live value under "live".
+Json fieldOf(const Json& record, const std::string& name) {
+    if (record.contains("live") && (name == "value" || !record.contains(name)))
+        return record["live"].is_null() ? Json() : record["live"].value(name, Json());
+    return record.value(name, Json());
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+}
+
+Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
+
+std::multiset<std::string> column(const Rows& rows) {
+    std::multiset<std::string> values;
+    for (const auto& row : rows) values.insert(row[0]);
+    return values;
+}
+
+const char* const kTotW = "QVFTU1MEAS/MMXU1$MX$TotW$mag$f";
+const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
+
+class ToolInspect : public testing::Test {
+protected:
+    void SetUp() override {
+        removeStore(realDbPath());
+        removeStore(confDbPath());
+        ASSERT_EQ(tool({"init", "--conf-sample", sourcePath("samples/conf_sample.sql")}).code, 0);
+        ASSERT_EQ(tool({"load", sourcePath("samples/feeder_terminal.cid")}).code, 0);
+    }
+};
+
+}  // namespace
+
+// The CSV of a listing is its JSON: a header of the record field names and
+// one record per row, however awkward the texts.
+TEST_F(ToolInspect, CsvCarriesTheJsonFieldsOfEveryListing) {
+    execSqlFile(realDbPath(), dataPath("awkward_texts.sql"));
+    ASSERT_EQ(tool({"set", kTotW, "5", "0x83"}).code, 0);
+    const std::vector<Words> listings = {
+        {"datasets"},
+        {"attrs", "--ied", "AWK1"},
+        {"members", "--ied", "AWK1"},
+        {"find", "*TotW*"},
+        {"get", kTotW, kPhsA},
+        {"dump", "QVFTU1", "dsAin"},
+        {"tree", "--ied", "AWK1"},
+        {"routes", "qvacq"},
+        {"processes"},
+    };
+    for (const Words& listing : listings) {
+        Words asJson = listing, asCsv = listing;
+        asJson.push_back("--json");
+        asCsv.insert(asCsv.begin() + 1, "--csv");  // options go anywhere
+        const ToolRun json = tool(asJson), csv = tool(asCsv);
+        ASSERT_EQ(csv.code, 0) << listing[0] << csv.err;
+        const Json records = parsed(json.out);
+        CsvRows rows;
+        ASSERT_TRUE(readCsv(csv.out, &rows)) << listing[0] << "\n" << csv.out;
+        ASSERT_EQ(rows.size(), records.size() + 1) << listing[0];
+        for (size_t r = 1; r < rows.size(); ++r) {
+            ASSERT_EQ(rows[r].size(), rows[0].size());
+            for (size_t c = 0; c < rows[0].size(); ++c) {
+                EXPECT_TRUE(sameCell(rows[r][c], fieldOf(records[r - 1], rows[0][c])))
+                    << listing[0] << " " << rows[0][c] << ": " << rows[r][c];
+            }
+        }
+    }
+    // The awkward texts came through whole.
+    CsvRows rows;
+    ASSERT_TRUE(readCsv(tool({"datasets", "--csv"}).out, &rows));
+    EXPECT_THAT(rows, testing::Contains(std::vector<std::string>{
+                          "AWK1", "dsAwk", "LD0", "feeder 1, \"north\", bay\ntwo"}));
+    EXPECT_THAT(rows, testing::Contains(std::vector<std::string>{"AWK1", "dsQuote", "LD0", "\"\""}));
+    ASSERT_TRUE(readCsv(tool({"attrs", "--csv", "--ied", "AWK1", "--do", "TotW"}).out, &rows));
+    EXPECT_EQ(rows.at(1).at(4), "total \"active\" power,\r\nthree phases");
+}
+
+// Several references in either notation, -r and -i anywhere, --raw values.
+TEST_F(ToolInspect, GetReadsSeveralReferencesAndRepeats) {
+    ASSERT_EQ(tool({"set", kTotW, "231.5", "3"}).code, 0);
+    ASSERT_EQ(tool({"set", kPhsA, "-7.25"}).code, 0);
+    const std::string dotted = "QVFTU1MEAS/MMXU1.MX.PhV.phsA.cVal.mag.f";
+    const struct { Words args; std::vector<std::string> out; } runs[] = {
+        {{"get", "--raw", kTotW, dotted}, {"231.5", "-7.25"}},
+        {{"get", "-r", "3", kTotW, "-i", "0.05", "--raw"}, {"231.5", "231.5", "231.5"}},
+        {{"get", dotted, "--raw", "-r", "2"}, {"-7.25", "-7.25"}},
+        {{"dump", "-r", "2", "QVFTU1", "dsAin", "--raw", "-i", "0"}, {}},
+    };
+    for (const auto& run : runs) {
+        const ToolRun result = tool(run.args);
+        EXPECT_EQ(result.code, 0) << result.err;
+        if (!run.out.empty()) EXPECT_EQ(lines(result.out), run.out);
+    }
+    const long long members =
+        queryInt(realDbPath(), "select count(*) from DataSetSub where dsName='dsAin'");
+    EXPECT_EQ(static_cast<long long>(lines(tool({"dump", "QVFTU1", "dsAin", "--raw", "-r", "2"}).out).size()),
+              2 * members);
+    // Several references: a JSON array of the single record; one missing
+    // reference is said and fails the run, the others still print.
+    const Json both = parsed(tool({"get", kTotW, dotted, "--json"}).out);
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both[1], parsed(tool({"get", kPhsA, "--json"}).out));
+    const ToolRun partial = tool({"get", kTotW, "QVFTU1MEAS/MMXU1.MX.NoSuch", "--raw"});
+    EXPECT_EQ(partial.code, 1);
+    EXPECT_THAT(partial.err, HasSubstr("no such data attribute"));
+    EXPECT_EQ(lines(partial.out), (std::vector<std::string>{"231.5", ""}));
+}
+
+// The quality number's bits by name, the same in get, dump and tree.
+TEST_F(ToolInspect, QualityIsDecodedIntoItsNamedBits) {
+    const struct { int quality; const char* text; } cases[] = {
+        {0, "good"},
+        {1, "invalid"},
+        {2 | 1 << 12, "reserved,operator blocked"},
+        {3 | 1 << 7, "questionable,old data"},
+        {0x1ffc, "good,overflow,out of range,bad reference,oscillatory,failure,old data,"
+                 "inconsistent,inaccurate,source substituted,test,operator blocked"},
+        {1 << 10 | 1 << 11, "good,source substituted,test"},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(tool({"set", kTotW, "1", std::to_string(c.quality)}).code, 0);
+        EXPECT_EQ(tool({"get", kTotW}).out,
+                  "value=1 quality=" + std::to_string(c.quality) + " (" + c.text + ")\n");
+        const Json got = parsed(tool({"get", kTotW, "--json"}).out);
+        EXPECT_EQ(got["quality"], c.quality);
+        EXPECT_EQ(namesOf(got["qualityBits"]), c.text);
+        Json dumped;
+        for (const Json& row : parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out))
+            if (row["fcdaName"] == kTotW) dumped = row;
+        EXPECT_EQ(dumped["qualityBits"], got["qualityBits"]);
+        EXPECT_THAT(tool({"tree", "--ln", "MMXU1"}).out,
+                    HasSubstr("mag.f [MX] = 1 quality=" + std::to_string(c.quality) + " (" +
+                              c.text + ")\n"));
+    }
+}
+
+// find: the references of both tables that the pattern and filters keep,
+// exactly the rows SQL finds.
+TEST_F(ToolInspect, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {
+    const struct { Words args; std::string sql; } cases[] = {
+        {{"find", "totw"},
+         "select daName from DA where daName like '%totw%' union all "
+         "select fcdaName from DataSetSub where fcdaName like '%totw%'"},
+        {{"find", "QVFTU1MEAS/MMXU1.MX.PhV.phs?.cVal.mag.f"},
+         "select daName from DA where daName glob 'QVFTU1MEAS/MMXU1$MX$PhV$phs?$cVal$mag$f' "
+         "union all select fcdaName from DataSetSub where "
+         "fcdaName glob 'QVFTU1MEAS/MMXU1$MX$PhV$phs?$cVal$mag$f'"},
+        {{"find", "*", "--ds", "dsAin"}, "select fcdaName from DataSetSub where dsName='dsAin'"},
+        {{"find", "--lnclass", "MMXU", "*$q", "--fc", "MX"},
+         "select daName from DA where lnName like 'MMXU%' and fcName='MX' and daName like '%$q'"},
+        {{"find", "*", "--da", "cVal$mag$f", "--ln", "MMXU1", "--do", "PhV.phsA"},
+         "select daName from DA where lnName='MMXU1' and doName='PhV$phsA' and "
+         "daName = iedName||ldName||'/'||lnName||'$'||fcName||'$'||doName||'$cVal$mag$f' "
+         "union all select fcdaName from DataSetSub where lnClass='MMXU' and lnInst='1' and "
+         "doName='PhV.phsA' and daName='cVal.mag.f'"},
+        {{"find", "*", "--da", "mag.f", "--ln", "MMXU1", "--do", "PhV.phsA"}, "select 1 where 0"},
+        {{"find", "*", "--lninst", "1", "--ld", "CTRL", "--fc", "ST"},
+         "select daName from DA where ldName='CTRL' and fcName='ST' and lnName glob '*[^0-9]1' "
+         "union all select fcdaName from DataSetSub where ldInst='CTRL' and fc='ST' and "
+         "lnInst='1'"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tool(c.args);
+        const Rows expected = query(realDbPath(), c.sql);
+        EXPECT_EQ(run.code, expected.empty() ? 1 : 0) << testing::PrintToString(c.args) << run.err;
+        Words asJson = c.args;
+        asJson.push_back("--json");
+        std::multiset<std::string> found;
+        for (const Json& row : parsed(tool(asJson).out))
+            if (row.is_object()) found.insert(row["reference"].get<std::string>());
+        EXPECT_EQ(found, column(expected)) << testing::PrintToString(c.args);
+    }
+}
+
+// attrs --lnclass/--da and tree --ln/--long: the rows SQL finds.
+TEST_F(ToolInspect, AttributeAndTreeFilters) {
+    const Json attrs = parsed(tool({"attrs", "--lnclass", "MMXU", "--da", "mag.f", "--json"}).out);
+    std::multiset<std::string> shown;
+    for (const Json& da : attrs) shown.insert(da["daName"].get<std::string>());
+    EXPECT_EQ(shown, column(query(realDbPath(),
+                                  "select daName from DA where lnName like 'MMXU%' and daName = "
+                                  "iedName||ldName||'/'||lnName||'$'||fcName||'$'||doName||'$mag$f'")));
+    EXPECT_FALSE(shown.empty());
+
+    const ToolRun tree = tool({"tree", "--ln", "MMXU1", "--long"});
+    ASSERT_EQ(tree.code, 0) << tree.err;
+    EXPECT_EQ(static_cast<long long>(lines(tree.out).size()),
+              queryInt(realDbPath(), "select 3+count(*)+count(distinct doName) from DA where lnName='MMXU1'"));
+    // A data object's description is the first one its attributes carry.
+    for (const auto& row : query(realDbPath(), "select doName, min(doDesc) from DA "
+                                               "where lnName='MMXU1' and doDesc<>'' group by 1")) {
+        std::string path = row[0];
+        std::replace(path.begin(), path.end(), '$', '.');
+        EXPECT_THAT(tree.out, HasSubstr("      " + path + "  \"" + row[1] + "\"\n"));
+    }
+    EXPECT_THAT(tree.out, HasSubstr(" [MX] FLOAT32"));
+}
+
+// status: healthy, then each thing that is wrong makes it exit 1 and say so.
+TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
+    ToolRun run = tool({"status", "--json"});
+    ASSERT_EQ(run.code, 0) << run.out << run.err;
+    const Json healthy = parsed(run.out);
+    EXPECT_EQ(healthy["stores"][0]["tables"]["DA"], queryInt(realDbPath(), "select count(*) from DA"));
+    EXPECT_EQ(healthy["stores"][0]["quickCheck"], "ok");
+    EXPECT_EQ(healthy["stores"][0]["journalMode"], "wal");
+    EXPECT_EQ(healthy["stores"][0]["ieds"][0]["members"],
+              queryInt(realDbPath(), "select count(*) from DataSetSub where iedName='QVFTU1'"));
+    EXPECT_EQ(healthy["stores"][0]["valueRows"]["ain"],
+              queryInt(realDbPath(), "select count(*) from DAValue where type=1"));
+    EXPECT_EQ(healthy["queues"].size(),
+              static_cast<size_t>(queryInt(confDbPath(), "select count(distinct recvProcessNo) from ProcessMsgAssociation")));
+    EXPECT_EQ(healthy["problems"], Json::array());
+
+    // A queue at its limit: records put on it until it refuses one.
+    const int msgid = msgget(2 + QV_QUEUE_KEY_OFFSET, IPC_CREAT | 0666);
+    ASSERT_GE(msgid, 0);
+    struct { long mtype; MSGINFO info; } record{1, {}};
+    int queued = 0;
+    while (msgsnd(msgid, &record, sizeof record.info, IPC_NOWAIT) == 0) ++queued;
+    ASSERT_EQ(errno, EAGAIN);
+    run = tool({"status"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.out, HasSubstr("PROBLEM: the queue of process 2 (qv104 -p 2404) is full: " +
+                                   std::to_string(queued) + " records"));
+    msgctl(msgid, IPC_RMID, nullptr);
+    EXPECT_EQ(tool({"status"}).code, 0);
+
+    // The lock held past a second, by this process.
+    initRealSem();
+    const int semid = semget(QV_SEM_KEY, 1, 0666);
+    locksem(semid);
+    run = tool({"status"});
+    unlocksem(semid);
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.out, HasSubstr("lock: taken by process " + std::to_string(getpid())));
+
+    // A table gone.
+    execSql(realDbPath(), "alter table DataSetSub rename to Gone");
+    run = tool({"status", "--json"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(namesOf(parsed(run.out)["problems"]),
+                HasSubstr("the real-time store's table DataSetSub: no such table: DataSetSub"));
+    EXPECT_THAT(run.err, HasSubstr("DataSetSub"));
+}
+
+// init --fresh never removes a store from under a process that has it open.
+TEST_F(ToolInspect, FreshInitRefusesWhileAnotherProcessHasAStoreOpen) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    Child holder([&] {
+        const int fd = open(realDbPath().c_str(), O_RDONLY);
+        const pid_t pid = getpid();
+        if (fd < 0 || write(ready[1], &pid, sizeof pid) != sizeof pid) return 1;
+        pause();
+        return 0;
+    });
+    pid_t pid = 0;
+    ASSERT_EQ(read(ready[0], &pid, sizeof pid), static_cast<ssize_t>(sizeof pid));
+    const long long attributes = queryInt(realDbPath(), "select count(*) from DA");
+    ToolRun run = tool({"init", "--fresh"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.err, HasSubstr(std::to_string(pid) + " (qv_tests) has the store " + realDbPath()));
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA"), attributes);
+    run = tool({"init", "--fresh", "--force"});
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(queryInt(realDbPath(), "select count(*) from DA"), 0);
+    holder.signal(SIGKILL);
+    close(ready[0]);
+    close(ready[1]);
+    EXPECT_EQ(tool({"init", "--fresh"}).code, 0);
+}
