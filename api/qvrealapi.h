@@ -176,6 +176,31 @@ QV_API int zq_getDoubDAValue(const char* daName, double* pValue);
 QV_API int zq_getDoubDAValue1(const char* daName, double* pValue, int* pCharacter);
 /** @} */
 
+/* ---- Timed values ----------------------------------------------------- */
+
+/** @name Timed values
+ * The value, quality and time of value rows. */
+/** @{ */
+/* Times are seconds since 1970-01-01 UTC (the DAValue.timestamp column). A save's timestamp
+   <= 0 means the time of the save (the system's real-time clock); a list's pTimestamps NULL means
+   that for every element. Results, skipped rows and transactions as their untimed forms. */
+QV_API int zq_saveDoubDAValueT(const char* daName, double val, int character, double timestamp);
+QV_API int zq_saveIntDAValueValueT(const char* daName, int val, int character, double timestamp);
+QV_API int zq_getDoubDAValueT(const char* daName, double* pValue, int* pCharacter, double* pTimestamp);
+QV_API int zq_getIntDAValueT(const char* daName, int* pValue, int* pCharacter, double* pTimestamp);
+QV_API int zq_saveDAValuesT(const DaNameRow* pDaNames, const double* pDaVals,
+                            const int* pCharacter, const double* pTimestamps, int count);
+QV_API int zq_getDAValuesT(const DaNameRow* pDaNames, int count, double* pDaVals,
+                           int* pCharacter, double* pTimestamps);
+QV_API int zq_saveDAValuesByDataSetT(const char* iedName, const char* dataSetName,
+                                     const double* pDaVals, const int* pCharacter,
+                                     const double* pTimestamps, int count);
+/* bounded like the ...N reads: 0 all members fitted, 1 more members than capacity, -1 failure */
+QV_API int zq_getDAValuesByDataSetT(const char* iedName, const char* dataSetName,
+                                    double* pDaVals, int* pCharacter, double* pTimestamps,
+                                    int capacity, int* pCount);
+/** @} */
+
 /* ---- Data sets and members -------------------------------------------- */
 
 /** @name Data sets and members

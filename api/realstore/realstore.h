@@ -90,16 +90,31 @@ struct ValueOut {
     double* asDouble;
     int* asInt;
     int* quality;
+    double* timestamp;
 };
 
-// Saves a key's value (and quality when given): 0, or -2 after a failed
-// step. A key without a row changes nothing and gives 1. Without the store
-// lock the shared statement `byKey` saves by key.
-int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* byKey,
-            bool lockHeld);
+// What a save writes into a value row: the value, the quality when given and
+// the time when positive (a timed save); an untimed save leaves the row's
+// time alone.
+struct ValueIn {
+    double value;
+    const int* quality;
+    double timestamp;
+};
 
-// Reads a key's value and quality: 0 read, -1 no row, -2 failed step.
-// Without the store lock the shared statement `byKey` reads by key.
+// The time of a timed save: the given one when positive, else now (the
+// real-time clock, seconds since the epoch).
+double timeOfSave(double given);
+
+// Saves a key's value (and quality and time when given): 0, or -2 after a
+// failed step. A key without a row changes nothing and gives 1. Without the
+// store lock the shared statement `byKey` saves by key (a timed save uses a
+// statement of its own).
+int saveKey(sqlite3_int64 key, ValueIn in, sqlite3_stmt* byKey, bool lockHeld);
+
+// Reads a key's value and quality (and time when wanted): 0 read, -1 no row,
+// -2 failed step. Without the store lock the shared statement `byKey` reads
+// by key (a timed read uses a statement of its own).
 int readKey(sqlite3_int64 key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld);
 
 // Finalises the statements of the remembered rows and forgets the rows.

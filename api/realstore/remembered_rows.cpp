@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <cstddef>
+#include <ctime>
 #include <unordered_map>
 
 #include "internal/qvsqlite.h"
@@ -17,22 +18,37 @@ namespace qvreal {
 
 namespace {
 
-// The update statements come without and with the quality.
+// The update statements come in three forms: the value alone, with the
+// quality, and with the quality and the time (see saveForm).
+constexpr int kSaveForms = 3;
 sqlite3_stmt* s_selectByRow = nullptr;
 sqlite3_stmt* s_selectWithRow = nullptr;
-sqlite3_stmt* s_updateByRow[2] = {};
-sqlite3_stmt* s_updateWithRow[2] = {};
-const char* const kSelectByRowSql = "select value,quality,hashID from DAValue where rowid=?";
-const char* const kSelectWithRowSql = "select value,quality,rowid from DAValue where hashID=?";
-const char* const kUpdateByRowSql[2] = {
+sqlite3_stmt* s_updateByRow[kSaveForms] = {};
+sqlite3_stmt* s_updateWithRow[kSaveForms] = {};
+// The timed forms' statements by key, for a save or read without the lock.
+sqlite3_stmt* s_updateTimedByKey = nullptr;
+sqlite3_stmt* s_selectTimedByKey = nullptr;
+// Every read selects value, quality and time as columns 0, 1 and 2.
+const char* const kSelectByRowSql =
+    "select value,quality,timestamp,hashID from DAValue where rowid=?";
+const char* const kSelectWithRowSql =
+    "select value,quality,timestamp,rowid from DAValue where hashID=?";
+const char* const kSelectTimedByKeySql =
+    "select value,quality,timestamp from DAValue where hashID=?";
+const char* const kUpdateByRowSql[kSaveForms] = {
     "update DAValue set value=? where rowid=? and hashID=?",
-    "update DAValue set value=?,quality=? where rowid=? and hashID=?"};
-const char* const kUpdateWithRowSql[2] = {
+    "update DAValue set value=?,quality=? where rowid=? and hashID=?",
+    "update DAValue set value=?,quality=?,timestamp=? where rowid=? and hashID=?"};
+const char* const kUpdateWithRowSql[kSaveForms] = {
     "update DAValue set value=? where hashID=? returning rowid",
-    "update DAValue set value=?,quality=? where hashID=? returning rowid"};
-sqlite3_stmt** const rowStatements[] = {&s_selectByRow,      &s_selectWithRow,
-                                        &s_updateByRow[0],   &s_updateByRow[1],
-                                        &s_updateWithRow[0], &s_updateWithRow[1]};
+    "update DAValue set value=?,quality=? where hashID=? returning rowid",
+    "update DAValue set value=?,quality=?,timestamp=? where hashID=? returning rowid"};
+const char* const kUpdateTimedByKeySql =
+    "update DAValue set value=?,quality=?,timestamp=? where hashID=?";
+sqlite3_stmt** const rowStatements[] = {
+    &s_selectByRow,      &s_selectWithRow,    &s_updateByRow[0],   &s_updateByRow[1],
+    &s_updateByRow[2],   &s_updateWithRow[0], &s_updateWithRow[1], &s_updateWithRow[2],
+    &s_updateTimedByKey, &s_selectTimedByKey};
 std::unordered_map<sqlite3_int64, sqlite3_int64> s_rowOfKey;
 
 // Keys of rows long gone stay remembered until they are used again; a
@@ -53,22 +69,31 @@ bool rowStatementsReady(sqlite3_stmt*& byRow, const char* byRowSql, sqlite3_stmt
 
 // ---- Saves --------------------------------------------------------------------
 
-// Binds the value, and the quality when given, as the first parameters;
-// returns the index of the next one.
-int bindValueAndQuality(sqlite3_stmt* stmt, double value, const int* quality) {
-    sqlite3_bind_double(stmt, 1, value);
-    if (quality == nullptr) return 2;
-    sqlite3_bind_int(stmt, 2, *quality);
-    return 3;
+// 0 the value alone, 1 with the quality, 2 with the quality and the time
+// (the timed saves always give a quality).
+int saveForm(const ValueIn& in) {
+    if (in.timestamp > 0) return 2;
+    return in.quality != nullptr ? 1 : 0;
+}
+
+// Binds the value, and the quality and the time when given, as the first
+// parameters; returns the index of the next one.
+int bindSaved(sqlite3_stmt* stmt, const ValueIn& in) {
+    sqlite3_bind_double(stmt, 1, in.value);
+    if (in.quality == nullptr) return 2;
+    sqlite3_bind_int(stmt, 2, *in.quality);
+    if (in.timestamp <= 0) return 3;
+    sqlite3_bind_double(stmt, 3, in.timestamp);
+    return 4;
 }
 
 // Saves at the row where the key was found before, if it still holds the
 // key: 0 saved, -1 not there (save by key), -2 failed.
-int saveRememberedRow(sqlite3_int64 key, double value, const int* quality) {
+int saveRememberedRow(sqlite3_int64 key, const ValueIn& in) {
     const auto remembered = s_rowOfKey.find(key);
     if (remembered == s_rowOfKey.end()) return -1;
-    sqlite3_stmt* const stmt = s_updateByRow[quality != nullptr];
-    const int index = bindValueAndQuality(stmt, value, quality);
+    sqlite3_stmt* const stmt = s_updateByRow[saveForm(in)];
+    const int index = bindSaved(stmt, in);
     sqlite3_bind_int64(stmt, index, remembered->second);
     sqlite3_bind_int64(stmt, index + 1, key);
     const int rc = stepWithBusyRetry(stmt);
@@ -82,9 +107,9 @@ int saveRememberedRow(sqlite3_int64 key, double value, const int* quality) {
 
 // Saves by key and remembers the row it changed: 0, 1 when no row has the
 // key, -2 failed.
-int saveAndRememberRow(sqlite3_int64 key, double value, const int* quality) {
-    sqlite3_stmt* const stmt = s_updateWithRow[quality != nullptr];
-    const int index = bindValueAndQuality(stmt, value, quality);
+int saveAndRememberRow(sqlite3_int64 key, const ValueIn& in) {
+    sqlite3_stmt* const stmt = s_updateWithRow[saveForm(in)];
+    const int index = bindSaved(stmt, in);
     sqlite3_bind_int64(stmt, index, key);
     int rc;
     bool changed = false;
@@ -104,6 +129,7 @@ void takeValue(sqlite3_stmt* row, ValueOut out) {
     if (out.asDouble != nullptr) *out.asDouble = sqlite3_column_double(row, 0);
     if (out.asInt != nullptr) *out.asInt = sqlite3_column_int(row, 0);
     if (out.quality != nullptr) *out.quality = sqlite3_column_int(row, 1);
+    if (out.timestamp != nullptr) *out.timestamp = sqlite3_column_double(row, 2);
 }
 
 // Steps a read of value and quality: 0 with the row taken, -1 without a row,
@@ -127,7 +153,7 @@ int readRememberedRow(sqlite3_int64 key, ValueOut out) {
     int result = -1;
     const int rc = stepWithBusyRetry(s_selectByRow);
     if (rc == SQLITE_ROW &&
-        sqlite3_column_int64(s_selectByRow, 2) == key) {
+        sqlite3_column_int64(s_selectByRow, 3) == key) {
         takeValue(s_selectByRow, out);
         result = 0;
     } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
@@ -143,24 +169,40 @@ int readRememberedRow(sqlite3_int64 key, ValueOut out) {
 int readAndRememberRow(sqlite3_int64 key, ValueOut out) {
     sqlite3_bind_int64(s_selectWithRow, 1, key);
     const int result = stepRead(s_selectWithRow, out);
-    if (result == 0) rememberRow(key, sqlite3_column_int64(s_selectWithRow, 2));
+    if (result == 0) rememberRow(key, sqlite3_column_int64(s_selectWithRow, 3));
     sqlite3_reset(s_selectWithRow);
     return result;
 }
 
+// A timed save or read without the lock uses its own statement by key,
+// prepared on first use; null when that fails (reported).
+sqlite3_stmt* timedByKey(sqlite3_stmt*& slot, const char* sql) {
+    if (keptStatement(slot, sql) == SQLITE_OK) return slot;
+    printPrepareError();
+    return nullptr;
+}
+
 }  // namespace
+
+double timeOfSave(double given) {
+    if (given > 0) return given;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
 // The remembered rows are used only under the store lock (the map has no
 // lock of its own) and once both statements are prepared.
-int saveKey(sqlite3_int64 key, double value, const int* quality, sqlite3_stmt* byKey,
-            bool lockHeld) {
-    const int form = quality != nullptr;
+int saveKey(sqlite3_int64 key, ValueIn in, sqlite3_stmt* byKey, bool lockHeld) {
+    const int form = saveForm(in);
     if (lockHeld && rowStatementsReady(s_updateByRow[form], kUpdateByRowSql[form],
                                        s_updateWithRow[form], kUpdateWithRowSql[form])) {
-        const int result = saveRememberedRow(key, value, quality);
-        return result == -1 ? saveAndRememberRow(key, value, quality) : result;
+        const int result = saveRememberedRow(key, in);
+        return result == -1 ? saveAndRememberRow(key, in) : result;
     }
-    const int index = bindValueAndQuality(byKey, value, quality);
+    if (form == 2 && (byKey = timedByKey(s_updateTimedByKey, kUpdateTimedByKeySql)) == nullptr)
+        return -2;
+    const int index = bindSaved(byKey, in);
     sqlite3_bind_int64(byKey, index, key);
     const int rc = stepWithBusyRetry(byKey);
     if (rc != SQLITE_DONE) printStepError();
@@ -175,6 +217,9 @@ int readKey(sqlite3_int64 key, ValueOut out, sqlite3_stmt* byKey, bool lockHeld)
         const int result = readRememberedRow(key, out);
         return result == -1 ? readAndRememberRow(key, out) : result;
     }
+    if (out.timestamp != nullptr &&
+        (byKey = timedByKey(s_selectTimedByKey, kSelectTimedByKeySql)) == nullptr)
+        return -2;
     sqlite3_bind_int64(byKey, 1, key);
     const int result = stepRead(byKey, out);
     sqlite3_reset(byKey);

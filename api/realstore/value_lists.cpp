@@ -108,32 +108,59 @@ int abandonSave() {
     return -1;
 }
 
-// Saves one element of a list. An element whose reference has no row
-// changes nothing and succeeds.
-bool saveElement(sqlite3_stmt* stmt, std::string_view reference, double value,
-                 const int* quality, bool lockHeld) {
-    return saveKey(rowKey(reference), value, quality, stmt, lockHeld) >= 0;
+// The times that a list save writes: none for an untimed save; for a timed
+// one each element's given time, or the time of the save where that is
+// <= 0 or no times are given.
+struct SaveTimes {
+    bool timed;
+    const double* given;
+    double of(int i) const {
+        if (!timed) return 0;
+        return timeOfSave(given != nullptr ? given[i] : 0);
+    }
+};
+
+constexpr SaveTimes kUntimed{false, nullptr};
+
+// Saves element i of a list's values, qualities (when given) and times. An
+// element whose reference has no row changes nothing and succeeds.
+bool saveElement(sqlite3_stmt* stmt, std::string_view reference, const double* values,
+                 const int* qualities, SaveTimes times, int i, bool lockHeld) {
+    const ValueIn in{values[i], qualities != nullptr ? &qualities[i] : nullptr, times.of(i)};
+    return saveKey(rowKey(reference), in, stmt, lockHeld) >= 0;
 }
 
-// Reads one element (with the quality when asked for): true when read or
-// without a row (the element then keeps the caller's value), false after a
-// failed step.
-bool readElement(sqlite3_stmt* stmt, std::string_view reference, double* value, int* quality,
+// Where a list read puts element i: values always, qualities and times
+// when given.
+struct ListOut {
+    double* values;
+    int* qualities;
+    double* timestamps;
+    ValueOut at(int i) const {
+        return {&values[i], nullptr, qualities != nullptr ? &qualities[i] : nullptr,
+                timestamps != nullptr ? &timestamps[i] : nullptr};
+    }
+};
+
+// Reads element i (with the quality and time when asked for): true when
+// read or without a row (the element then keeps the caller's value), false
+// after a failed step.
+bool readElement(sqlite3_stmt* stmt, std::string_view reference, const ListOut& out, int i,
                  bool lockHeld) {
-    return readKey(rowKey(reference), {value, nullptr, quality}, stmt, lockHeld) != -2;
+    return readKey(rowKey(reference), out.at(i), stmt, lockHeld) != -2;
 }
 
 // Writes the list in one transaction through the shared update statement
 // (with the qualities when given): every element or, when one fails, none.
 int saveValueList(const DaNameRow* names, const double* values, const int* qualities,
-                  int count) {
+                  SaveTimes times, int count) {
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     for (int i = 0; i < count; ++i) {
-        if (!saveElement(stmt, nameRowReference(names[i]), values[i],
-                         withQuality ? &qualities[i] : nullptr, lock.held()))
+        if (!saveElement(stmt, nameRowReference(names[i]), values, qualities, times, i,
+                         lock.held()))
             return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
@@ -142,13 +169,12 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
 
 // Reads the list in one read transaction, so that it shows the store at one
 // moment. A failed step ends the list with -1.
-int readValueList(const DaNameRow* names, int count, double* values, int* qualities) {
-    sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
+int readValueList(const DaNameRow* names, int count, const ListOut& out) {
+    sqlite3_stmt* const stmt = out.qualities != nullptr ? s_stmt_select1 : s_stmt_select;
     StoreLock lock;
     ReadTransaction snapshot;
     for (int i = 0; i < count; ++i) {
-        if (!readElement(stmt, nameRowReference(names[i]), &values[i],
-                         qualities != nullptr ? &qualities[i] : nullptr, lock.held()))
+        if (!readElement(stmt, nameRowReference(names[i]), out, i, lock.held()))
             return -1;
     }
     return 0;
@@ -183,7 +209,8 @@ constexpr int kEchoedNameMax = 64;
 // member query; values beyond the members have nowhere to go, so they make
 // the save fail and roll back: nothing is written.
 int saveDataSetValues(const char* iedName, const char* dataSetName, const double* values,
-                      const int* qualities, int count, const char* operation) {
+                      const int* qualities, SaveTimes times, int count,
+                      const char* operation) {
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
@@ -192,8 +219,7 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     bool saved = true;
     const int listed = forEachMember(iedName, dataSetName, [&](std::string_view reference) {
         if (members < count)
-            saved = saveElement(stmt, reference, values[members],
-                                withQuality ? &qualities[members] : nullptr, lock.held());
+            saved = saveElement(stmt, reference, values, qualities, times, members, lock.held());
         ++members;
         return saved;
     });
@@ -211,9 +237,9 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
 // Reads the values of at most `capacity` members, in member order, in one
 // read transaction; *pCount = the number of members read. 1 when more
 // members matched than the capacity allowed.
-int readDataSetValues(const char* iedName, const char* dataSetName, double* values,
-                      int* qualities, int capacity, int* pCount) {
-    sqlite3_stmt* const stmt = qualities != nullptr ? s_stmt_select1 : s_stmt_select;
+int readDataSetValues(const char* iedName, const char* dataSetName, const ListOut& out,
+                      int capacity, int* pCount) {
+    sqlite3_stmt* const stmt = out.qualities != nullptr ? s_stmt_select1 : s_stmt_select;
     StoreLock lock;
     ReadTransaction snapshot;
     int members = 0;
@@ -225,9 +251,7 @@ int readDataSetValues(const char* iedName, const char* dataSetName, double* valu
             return false;
         }
         if (read)
-            read = readElement(stmt, reference, &values[members],
-                               qualities != nullptr ? &qualities[members] : nullptr,
-                               lock.held());
+            read = readElement(stmt, reference, out, members, lock.held());
         ++members;
         return true;
     });
@@ -243,7 +267,7 @@ int zq_saveDAValues(const DaNameRow* pDaNames, const double* pDaVals, int count)
     if (!storeIsOpen(__func__)) return -1;
     if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__)))
         return -1;
-    return saveValueList(pDaNames, pDaVals, nullptr, count);
+    return saveValueList(pDaNames, pDaVals, nullptr, kUntimed, count);
 }
 
 int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals, const int* pCharacter,
@@ -252,14 +276,14 @@ int zq_saveDAValues1(const DaNameRow* pDaNames, const double* pDaVals, const int
     if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
                       !argumentGiven(pCharacter, __func__)))
         return -1;
-    return saveValueList(pDaNames, pDaVals, pCharacter, count);
+    return saveValueList(pDaNames, pDaVals, pCharacter, kUntimed, count);
 }
 
 int zq_getDAValues(const DaNameRow* pDaNames, int count, double* pDaVals) {
     if (!storeIsOpen(__func__)) return -1;
     if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__)))
         return -1;
-    return readValueList(pDaNames, count, pDaVals, nullptr);
+    return readValueList(pDaNames, count, {pDaVals, nullptr, nullptr});
 }
 
 int zq_getDAValues1(const DaNameRow* pDaNames, int count, double* pDaVals, int* pCharacter) {
@@ -267,14 +291,14 @@ int zq_getDAValues1(const DaNameRow* pDaNames, int count, double* pDaVals, int* 
     if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
                       !argumentGiven(pCharacter, __func__)))
         return -1;
-    return readValueList(pDaNames, count, pDaVals, pCharacter);
+    return readValueList(pDaNames, count, {pDaVals, pCharacter, nullptr});
 }
 
 int zq_saveDAValuesByDataSet(const char* iedName, const char* dataSetName, const double* pDaVals,
                              int count) {
     if (!storeIsOpen(__func__)) return -1;
     if (count > 0 && !argumentGiven(pDaVals, __func__)) return -1;
-    return saveDataSetValues(iedName, dataSetName, pDaVals, nullptr, count, __func__);
+    return saveDataSetValues(iedName, dataSetName, pDaVals, nullptr, kUntimed, count, __func__);
 }
 
 int zq_saveDAValues1ByDataSet(const char* iedName, const char* dataSetName,
@@ -282,7 +306,8 @@ int zq_saveDAValues1ByDataSet(const char* iedName, const char* dataSetName,
     if (!storeIsOpen(__func__)) return -1;
     if (count > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
         return -1;
-    return saveDataSetValues(iedName, dataSetName, pDaVals, pCharacter, count, __func__);
+    return saveDataSetValues(iedName, dataSetName, pDaVals, pCharacter, kUntimed, count,
+                             __func__);
 }
 
 int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -290,7 +315,7 @@ int zq_getDAValuesByDataSet(const char* iedName, const char* dataSetName, double
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, INT_MAX, pCount);
+    return readDataSetValues(iedName, dataSetName, {pDaVals, nullptr, nullptr}, INT_MAX, pCount);
 }
 
 int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -298,7 +323,8 @@ int zq_getDAValues1ByDataSet(const char* iedName, const char* dataSetName, doubl
     if (!storeIsOpen(__func__) || !argumentGiven(pDaVals, __func__) ||
         !argumentGiven(pCharacter, __func__) || !argumentGiven(pCount, __func__))
         return -1;
-    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, INT_MAX, pCount);
+    return readDataSetValues(iedName, dataSetName, {pDaVals, pCharacter, nullptr}, INT_MAX,
+                             pCount);
 }
 
 int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -306,8 +332,8 @@ int zq_getDAValuesByDataSetN(const char* iedName, const char* dataSetName, doubl
     if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
     if (capacity > 0 && !argumentGiven(pDaVals, __func__)) return -1;
     *pCount = 0;
-    return readDataSetValues(iedName, dataSetName, pDaVals, nullptr, std::max(capacity, 0),
-                             pCount);
+    return readDataSetValues(iedName, dataSetName, {pDaVals, nullptr, nullptr},
+                             std::max(capacity, 0), pCount);
 }
 
 int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName, double* pDaVals,
@@ -316,7 +342,50 @@ int zq_getDAValues1ByDataSetN(const char* iedName, const char* dataSetName, doub
     if (capacity > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
         return -1;
     *pCount = 0;
-    return readDataSetValues(iedName, dataSetName, pDaVals, pCharacter, std::max(capacity, 0),
-                             pCount);
+    return readDataSetValues(iedName, dataSetName, {pDaVals, pCharacter, nullptr},
+                             std::max(capacity, 0), pCount);
+}
+
+// The timed forms: the qualities are required, the times of a save may be
+// left out (the time of the save for every element).
+int zq_saveDAValuesT(const DaNameRow* pDaNames, const double* pDaVals, const int* pCharacter,
+                     const double* pTimestamps, int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
+                      !argumentGiven(pCharacter, __func__)))
+        return -1;
+    return saveValueList(pDaNames, pDaVals, pCharacter, {true, pTimestamps}, count);
+}
+
+int zq_getDAValuesT(const DaNameRow* pDaNames, int count, double* pDaVals, int* pCharacter,
+                    double* pTimestamps) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaNames, __func__) || !argumentGiven(pDaVals, __func__) ||
+                      !argumentGiven(pCharacter, __func__) ||
+                      !argumentGiven(pTimestamps, __func__)))
+        return -1;
+    return readValueList(pDaNames, count, {pDaVals, pCharacter, pTimestamps});
+}
+
+int zq_saveDAValuesByDataSetT(const char* iedName, const char* dataSetName,
+                              const double* pDaVals, const int* pCharacter,
+                              const double* pTimestamps, int count) {
+    if (!storeIsOpen(__func__)) return -1;
+    if (count > 0 && (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__)))
+        return -1;
+    return saveDataSetValues(iedName, dataSetName, pDaVals, pCharacter, {true, pTimestamps},
+                             count, __func__);
+}
+
+int zq_getDAValuesByDataSetT(const char* iedName, const char* dataSetName, double* pDaVals,
+                             int* pCharacter, double* pTimestamps, int capacity, int* pCount) {
+    if (!storeIsOpen(__func__) || !argumentGiven(pCount, __func__)) return -1;
+    if (capacity > 0 &&
+        (!argumentGiven(pDaVals, __func__) || !argumentGiven(pCharacter, __func__) ||
+         !argumentGiven(pTimestamps, __func__)))
+        return -1;
+    *pCount = 0;
+    return readDataSetValues(iedName, dataSetName, {pDaVals, pCharacter, pTimestamps},
+                             std::max(capacity, 0), pCount);
 }
 
