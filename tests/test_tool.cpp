@@ -208,7 +208,7 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 " + shown);
     EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
               Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385},
-                    {"qualityBits", {"invalid", "other bits 0x4000"}}}));
+                    {"qualityBits", {"invalid", "other bits 0x4000"}}, {"timestamp", 0.0}}));
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "3"}).code, 0);
     Json expected = Json::array();
     for (const auto& member :
@@ -218,7 +218,8 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
                             {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
                             {"quality", ref == kTotW ? 16385 : ref == kPhsA ? 3 : 0},
                             {"qualityBits", ref == kTotW ? Json{"invalid", "other bits 0x4000"}
-                                            : ref == kPhsA ? Json{"questionable"} : Json{"good"}}});
+                                            : ref == kPhsA ? Json{"questionable"} : Json{"good"}},
+                            {"timestamp", 0.0}});
     }
     ASSERT_GT(expected.size(), 2u);
     EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
@@ -226,7 +227,7 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
                 testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
                                         {"value", nullptr}, {"quality", nullptr},
-                                        {"qualityBits", nullptr}})));
+                                        {"qualityBits", nullptr}, {"timestamp", nullptr}})));
 
     // The tree: one line per attribute, plus the IED, LD, LN and DO lines.
     const ToolRun run = tool({"tree", "--ied", "QVFTU1", "--ld", "MEAS"});

@@ -219,6 +219,23 @@ TEST_F(ToolInspect, QualityIsDecodedIntoItsNamedBits) {
     }
 }
 
+// A value saved with its time shows that time in get, dump and tree: ISO
+// 8601 UTC in text, the library's seconds in JSON.
+TEST_F(ToolInspect, ValuesShowTheirTime) {
+    const double when = 1764090212.345;
+    const std::string iso = "2025-11-25T17:03:32.345Z";
+    ASSERT_EQ(zq_openRealDB(), 0);
+    ASSERT_EQ(zq_saveDoubDAValueT(kTotW, 42.5, 0x80, when), 0);
+    zq_closeRealDB();
+    EXPECT_EQ(tool({"get", kTotW}).out, "value=42.5 quality=128 (good,old data) time=" + iso + "\n");
+    EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out)["timestamp"], when);
+    const std::vector<Words> shows = {{"dump", "QVFTU1", "dsAin"}, {"get", kTotW, kPhsA},
+                                      {"tree", "--ln", "MMXU1"}};
+    for (const Words& show : shows) EXPECT_THAT(tool(show).out, HasSubstr(iso)) << show[0];
+    // A value never given a time has none.
+    EXPECT_EQ(tool({"get", kPhsA}).out, "value=0 quality=0 (good)\n");
+}
+
 // find: the references of both tables that the pattern and filters keep,
 // exactly the rows SQL finds.
 TEST_F(ToolInspect, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {

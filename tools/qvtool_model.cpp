@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <set>
 
 namespace qvtool {
@@ -87,10 +88,30 @@ std::string qualityText(int quality) {
     return text;
 }
 
+std::string isoTime(double seconds) {
+    if (!(seconds > 0)) return "-";
+    long long millis = std::llround(seconds * 1000);
+    const time_t whole = static_cast<time_t>(millis / 1000);
+    struct tm utc;
+    if (gmtime_r(&whole, &utc) == nullptr) return "-";
+    char text[64];
+    const size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text + n, sizeof text - n, ".%03lldZ", millis % 1000);
+    return text;
+}
+
 Json liveJson(const LiveValue& live) {
-    if (!live.found) return {{"value", nullptr}, {"quality", nullptr}, {"qualityBits", nullptr}};
+    if (!live.found)
+        return {{"value", nullptr}, {"quality", nullptr}, {"qualityBits", nullptr},
+                {"timestamp", nullptr}};
     return {{"value", live.value}, {"quality", live.quality},
-            {"qualityBits", qualityNames(live.quality)}};
+            {"qualityBits", qualityNames(live.quality)}, {"timestamp", live.timestamp}};
+}
+
+std::string liveText(const LiveValue& live) {
+    std::string text = "value=" + formatDouble(live.value) + " quality=" +
+                       std::to_string(live.quality) + " (" + qualityText(live.quality) + ")";
+    return live.timestamp > 0 ? text + " time=" + isoTime(live.timestamp) : text;
 }
 
 // A reference without a value row keeps its NaN: the list read leaves its
@@ -101,7 +122,9 @@ bool readLiveValues(const std::vector<std::string>& refs, std::vector<LiveValue>
     for (int i = 0; i < count; ++i) std::snprintf(names[i], sizeof names[i], "%s", refs[i].c_str());
     std::vector<double> values(refs.size(), std::nan(""));
     std::vector<int> qualities(refs.size(), 0);
-    if (count > 0 && zq_getDAValues1(names.data(), count, values.data(), qualities.data()) != 0) {
+    std::vector<double> times(refs.size(), 0);
+    if (count > 0 &&
+        zq_getDAValuesT(names.data(), count, values.data(), qualities.data(), times.data()) != 0) {
         complain("cannot read the live values");
         return false;
     }
@@ -110,6 +133,7 @@ bool readLiveValues(const std::vector<std::string>& refs, std::vector<LiveValue>
         (*live)[i].found = !std::isnan(values[i]);
         (*live)[i].value = values[i];
         (*live)[i].quality = qualities[i];
+        (*live)[i].timestamp = times[i];
     }
     return true;
 }

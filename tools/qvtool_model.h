@@ -42,14 +42,21 @@ std::vector<std::string> qualityNames(int quality);
 // The same names comma-separated: "good", "questionable,old data".
 std::string qualityText(int quality);
 
-// The live value of a row as one record {value, quality, qualityBits}, or
-// null when the reference has no value row.
+// A time in seconds since 1970 as ISO 8601 UTC with milliseconds
+// (2026-11-25T17:03:32.123Z); "-" for 0, a value never given a time.
+std::string isoTime(double seconds);
+
+// The live value of a row as one record {value, quality, qualityBits,
+// timestamp}, its fields null when the reference has no value row.
 struct LiveValue {
     bool found = false;
     double value = 0;
     int quality = 0;
+    double timestamp = 0;
 };
 Json liveJson(const LiveValue& live);
+// "value=V quality=Q (BITS)", then " time=T" when the value has a time.
+std::string liveText(const LiveValue& live);
 
 // The live values of the references, read in one list read so that they
 // show one moment. False when the read failed (said why).

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <thread>
@@ -66,11 +67,6 @@ void explainMissingValue(const std::string& ref) {
     }
 }
 
-std::string plainValue(const LiveValue& live) {
-    return "value=" + formatDouble(live.value) + " quality=" + std::to_string(live.quality) +
-           " (" + qualityText(live.quality) + ")";
-}
-
 // The rows of a value listing: the reference under refField, then the live
 // value's fields.
 Json valueRows(const std::vector<std::string>& refs, const std::vector<LiveValue>& live,
@@ -84,11 +80,16 @@ Json valueRows(const std::vector<std::string>& refs, const std::vector<LiveValue
     return rows;
 }
 
-// --raw prints the values alone; the table and CSV show every field.
-int printValueRows(const Args& args, const char* refField, const Json& rows) {
+// --raw prints the values alone; CSV every field; the table shows the
+// time in ISO 8601.
+int printValueRows(const Args& args, const char* refField, Json rows) {
     if (args.has("--raw")) return printRows(args, {{"VALUE", "value"}}, rows);
+    const bool table = !args.has("--csv") && !args.has("--json");
+    for (Json& row : rows) {
+        if (table && row["timestamp"].is_number()) row["timestamp"] = isoTime(row["timestamp"]);
+    }
     return printRows(args, {{"REFERENCE", refField}, {"VALUE", "value"}, {"QUALITY", "quality"},
-                            {"BITS", "qualityBits"}},
+                            {"BITS", "qualityBits"}, {"TIME", "timestamp"}},
                      rows);
 }
 
@@ -104,7 +105,7 @@ int printValues(const Args& args, const std::vector<std::string>& refs) {
     }
     if (refs.size() > 1) return std::max(code, printValueRows(args, "daName", valueRows(refs, live, "daName")));
     if (code != kOk) return code;
-    return printRecord(args, valueRows(refs, live, "daName")[0], plainValue(live[0]));
+    return printRecord(args, valueRows(refs, live, "daName")[0], liveText(live[0]));
 }
 
 // A reference in dots reads as one in '$': the attribute tables use '$'.
@@ -202,11 +203,9 @@ void printTree(const Json& attributes, bool long_) {
                            da["fcName"].get<std::string>() + "]";
         if (long_) line += " " + da["valueType"].get<std::string>();
         const Json& live = da["live"];
-        if (!live.is_null()) {
-            LiveValue shown{true, live["value"], live["quality"]};
-            line += " = " + formatDouble(shown.value) + " quality=" +
-                    std::to_string(shown.quality) + " (" + qualityText(shown.quality) + ")";
-        }
+        if (!live.is_null())
+            line += " = " + liveText({true, live["value"], live["quality"], live["timestamp"]})
+                                .substr(std::strlen("value="));
         std::puts(line.c_str());
     }
 }
@@ -222,7 +221,7 @@ int printFlatTree(const Args& args, const Json& attributes) {
     }
     return printRows(args, {{"REFERENCE", "daName"}, {"FC", "fcName"}, {"TYPE", "valueType"},
                             {"DESCRIPTION", "doDesc"}, {"VALUE", "value"}, {"QUALITY", "quality"},
-                            {"BITS", "qualityBits"}},
+                            {"BITS", "qualityBits"}, {"TIME", "timestamp"}},
                      rows);
 }
 
@@ -260,11 +259,13 @@ const std::vector<Command>& valueCommands() {
          "print the live values and qualities of data attributes",
          "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f', or\n"
          "the same in dots (QVFTU1MEAS/MMXU1.MX.TotW.mag.f). One REF prints\n"
-         "\"value=V quality=Q (BITS)\", with --json {\"daName\", \"value\", \"quality\",\n"
-         "\"qualityBits\"}; several print a table (a JSON array). BITS are the IEC 61850\n"
-         "quality bits by name: the validity (good, invalid, reserved, questionable),\n"
-         "then overflow, out of range, bad reference, oscillatory, failure, old data,\n"
-         "inconsistent, inaccurate, source substituted, test, operator blocked.\n"
+         "\"value=V quality=Q (BITS) time=T\" (T, ISO 8601 UTC, when the value has a\n"
+         "time), with --json {\"daName\", \"value\", \"quality\", \"qualityBits\",\n"
+         "\"timestamp\" (seconds since 1970)}; several print a table (a JSON array).\n"
+         "BITS are the IEC 61850 quality bits by name: the validity (good, invalid,\n"
+         "reserved, questionable), then overflow, out of range, bad reference,\n"
+         "oscillatory, failure, old data, inconsistent, inaccurate, source substituted,\n"
+         "test, operator blocked.\n"
          "Only the members of the classified data sets (dsAin, dsDin, dsGgio, dsControl,\n"
          "dsEnergy) have live values; exit code 1 when a REF has none.\n\n"
          "  -r COUNT    run COUNT times (a negative COUNT: until interrupted)\n"
@@ -281,17 +282,18 @@ const std::vector<Command>& valueCommands() {
          "show the model as a tree with live values",
          "One line per level: IED, logical device, logical node, data object, then each\n"
          "data attribute with its functional constraint in brackets and, where it has a\n"
-         "value row, \"= VALUE quality=Q (BITS)\". Paths are written with dots.\n"
+         "value row, \"= VALUE quality=Q (BITS) time=T\". Paths are written with dots.\n"
          "  --long  data objects with their descriptions, attributes with their types\n"
          "With --json the attributes as attrs --json prints them, each with \"live\":\n"
-         "{value, quality, qualityBits}, or null without a value row. Filters that\n"
-         "match nothing: exit code 1, with the near names the store has.\n",
+         "{value, quality, qualityBits, timestamp}, or null without a value row. Filters\n"
+         "that match nothing: exit code 1, with the near names the store has.\n",
          {"--ied", "--ld", "--ln"}, {"--json", "--long"}, 0, 0, runTree},
         {"dump", "dump IED DATASET [-r COUNT] [-i SECONDS] [--json|--csv|--raw]",
          "show a data set's live values and qualities",
          "One row per member in member order; a member without a value row (a whole\n"
          "data object) shows \"-\", in JSON null. Exit code 1 when the data set does not\n"
-         "exist. JSON: [{\"fcdaName\", \"value\", \"quality\", \"qualityBits\"}, ...].\n"
+         "exist. JSON: [{\"fcdaName\", \"value\", \"quality\", \"qualityBits\",\n"
+         "\"timestamp\"}, ...]; the table shows the time in ISO 8601 UTC.\n"
          "-r and -i repeat it as for get; --raw prints the values alone.\n",
          {"-r", "-i"}, {"--json"}, 2, 2, runDump},
     };
