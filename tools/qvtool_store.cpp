@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "internal/qvfeed_hooks.h"
 #include "internal/qvloader.h"
 #include "qvaddied.h"
 #include "qvconf.h"
@@ -150,6 +151,7 @@ int runInit(const Args& args) {
     if (!createStore("real-time", QV_REALTIME_DB_PATH, dir + "/realtime.sql", fresh) ||
         !createStore("configuration", QV_CONF_DB_PATH, dir + "/conf.sql", fresh))
         return kFailed;
+    qvfeed::announceReset();  // followers of the feed re-read the store
     if (sampleFile == nullptr) return kOk;
     // Running a sample twice would duplicate every process and route.
     int processes = 0;

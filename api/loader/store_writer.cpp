@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "internal/qvbuildconfig.h"
+#include "internal/qvfeed_hooks.h"
 #include "internal/qvtexts.h"
 #include "internal/qvreport.h"
 #include "model.h"
@@ -247,6 +248,7 @@ int addRealTimeDB(Model& model, long* attributes) {
         return -1;
     }
     const int result = writeModel(model, attributes);
+    if (result == 0) qvfeed::announceReset();
     sqlite3_close(model.g_sqliteDB);
     model.g_sqliteDB = nullptr;
     return result;

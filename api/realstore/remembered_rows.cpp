@@ -9,6 +9,7 @@
 #include <ctime>
 #include <unordered_map>
 
+#include "internal/qvfeed_hooks.h"
 #include "internal/qvsqlite.h"
 #include "realstore/realstore.h"
 
@@ -35,14 +36,16 @@ const char* const kSelectWithRowSql =
     "select value,quality,timestamp,rowid from DAValue where hashID=?";
 const char* const kSelectTimedByKeySql =
     "select value,quality,timestamp from DAValue where hashID=?";
+// The saves under the lock return the quality they leave for the feed.
 const char* const kUpdateByRowSql[kSaveForms] = {
-    "update DAValue set value=? where rowid=? and hashID=?",
-    "update DAValue set value=?,quality=? where rowid=? and hashID=?",
-    "update DAValue set value=?,quality=?,timestamp=? where rowid=? and hashID=?"};
+    "update DAValue set value=? where rowid=? and hashID=? returning quality",
+    "update DAValue set value=?,quality=? where rowid=? and hashID=? returning quality",
+    "update DAValue set value=?,quality=?,timestamp=? where rowid=? and hashID=? "
+    "returning quality"};
 const char* const kUpdateWithRowSql[kSaveForms] = {
-    "update DAValue set value=? where hashID=? returning rowid",
-    "update DAValue set value=?,quality=? where hashID=? returning rowid",
-    "update DAValue set value=?,quality=?,timestamp=? where hashID=? returning rowid"};
+    "update DAValue set value=? where hashID=? returning quality,rowid",
+    "update DAValue set value=?,quality=? where hashID=? returning quality,rowid",
+    "update DAValue set value=?,quality=?,timestamp=? where hashID=? returning quality,rowid"};
 const char* const kUpdateTimedByKeySql =
     "update DAValue set value=?,quality=?,timestamp=? where hashID=?";
 sqlite3_stmt** const rowStatements[] = {
@@ -87,6 +90,14 @@ int bindSaved(sqlite3_stmt* stmt, const ValueIn& in) {
     return 4;
 }
 
+// Tells the feed of a row that an update returned (its quality in column
+// 0): true.
+bool noteRow(sqlite3_stmt* row, sqlite3_int64 key, const ValueIn& in) {
+    qvfeed::noteChange(static_cast<unsigned int>(key), in.value, sqlite3_column_int(row, 0),
+                       in.timestamp);
+    return true;
+}
+
 // Saves at the row where the key was found before, if it still holds the
 // key: 0 saved, -1 not there (save by key), -2 failed.
 int saveRememberedRow(sqlite3_int64 key, const ValueIn& in) {
@@ -96,11 +107,13 @@ int saveRememberedRow(sqlite3_int64 key, const ValueIn& in) {
     const int index = bindSaved(stmt, in);
     sqlite3_bind_int64(stmt, index, remembered->second);
     sqlite3_bind_int64(stmt, index + 1, key);
-    const int rc = stepWithBusyRetry(stmt);
+    int rc;
+    bool changed = false;
+    while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW) changed = noteRow(stmt, key, in);
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);
     if (rc != SQLITE_DONE) return -2;
-    if (sqlite3_changes(s_sqliteDB) == 1) return 0;
+    if (changed) return 0;
     s_rowOfKey.erase(remembered);
     return -1;
 }
@@ -114,8 +127,8 @@ int saveAndRememberRow(sqlite3_int64 key, const ValueIn& in) {
     int rc;
     bool changed = false;
     while ((rc = stepWithBusyRetry(stmt)) == SQLITE_ROW) {
-        rememberRow(key, sqlite3_column_int64(stmt, 0));
-        changed = true;
+        rememberRow(key, sqlite3_column_int64(stmt, 1));
+        changed = noteRow(stmt, key, in);
     }
     if (rc != SQLITE_DONE) printStepError();
     sqlite3_reset(stmt);

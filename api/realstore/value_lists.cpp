@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "internal/qvfeed_hooks.h"
 #include "internal/qvsqlite.h"
 #include "internal/qvreport.h"
 #include "internal/qvtexts.h"
@@ -157,6 +158,7 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
+    qvfeed::SaveGroup changes(lock.held());
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     for (int i = 0; i < count; ++i) {
         if (!saveElement(stmt, nameRowReference(names[i]), values, qualities, times, i,
@@ -164,6 +166,7 @@ int saveValueList(const DaNameRow* names, const double* values, const int* quali
             return abandonSave();
     }
     if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
+    changes.committed();
     return 0;
 }
 
@@ -214,6 +217,7 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
     const bool withQuality = qualities != nullptr;
     sqlite3_stmt* const stmt = withQuality ? s_stmt_update1 : s_stmt_update;
     StoreLock lock;
+    qvfeed::SaveGroup changes(lock.held());
     if (!runTransactionStep(TransactionStep::Begin, withQuality)) return abandonSave();
     int members = 0;
     bool saved = true;
@@ -231,7 +235,9 @@ int saveDataSetValues(const char* iedName, const char* dataSetName, const double
                           dataSetName != nullptr ? dataSetName : "", members);
         return abandonSave();
     }
-    return runTransactionStep(TransactionStep::Commit, withQuality) ? 0 : abandonSave();
+    if (!runTransactionStep(TransactionStep::Commit, withQuality)) return abandonSave();
+    changes.committed();
+    return 0;
 }
 
 // Reads the values of at most `capacity` members, in member order, in one

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include "internal/qvrowkey.h"
+#include "internal/qvfeed_hooks.h"
 #include "qvrealapi.h"
 #include "realstore/realstore.h"
 
@@ -24,7 +25,9 @@ void reportNoRow(const char* operation, const char* daName) {
 int saveValue(sqlite3_stmt* stmt, const char* daName, ValueIn in, const char* operation) {
     if (!storeIsOpen(operation) || !argumentGiven(daName, operation)) return -1;
     StoreLock lock;
+    qvfeed::SaveGroup changes(lock.held());
     const int saved = saveKey(rowKey(daName), in, stmt, lock.held());
+    changes.committed();
     if (saved == 1) reportNoRow(operation, daName);
     return saved >= 0 ? 0 : -1;
 }
