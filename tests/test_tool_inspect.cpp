@@ -236,6 +236,65 @@ TEST_F(ToolInspect, ValuesShowTheirTime) {
     EXPECT_EQ(tool({"get", kPhsA}).out, "value=0 quality=0 (good)\n");
 }
 
+// Two monitors see a forked writer's saves as they happen: single, list and
+// timed saves, a row whose key no reference has, and the reset of a load.
+TEST_F(ToolInspect, MonitorPrintsEveryChangeOfAForkedWriter) {
+    const std::string orphan = "NOIED/NOLN$MX$X$f";
+    execSql(realDbPath(), "insert into DAValue(hashID, type, value) values(" +
+                              std::to_string(rowKey(orphan)) + ", 1, 0)");
+    Spawn all(QV_TOOL, {"monitor", "--json", "--count", "6"});
+    Spawn ain(QV_TOOL, {"monitor", "--ds", "dsAin", "--count", "4", "--ied", "QVFTU1"});
+    ASSERT_EQ(all.readLine(2), "qvtool: following the change feed\n");
+    ASSERT_EQ(ain.readLine(2), "qvtool: following the change feed\n");
+    const char* const kPos = "QVFTU1CTRL/XCBR1$ST$Pos$stVal";
+    const int written = runInChild([&] {
+        if (zq_openRealDB() != 0) return 1;
+        DaNameRow names[2];
+        std::snprintf(names[0], sizeof names[0], "%s", kPhsA);
+        std::snprintf(names[1], sizeof names[1], "%s", kPos);
+        const double values[2] = {230.5, 2};
+        const int qualities[2] = {0, 1 << 7};
+        const bool ok = zq_saveDoubDAValue1(kTotW, 1.5, 3) == 0 &&
+                        zq_saveDoubDAValueT(kTotW, 2.5, 0, 1764090212.345) == 0 &&
+                        zq_saveDAValues1(names, values, qualities, 2) == 0 &&
+                        zq_saveDoubDAValue(orphan.c_str(), 9) == 0;
+        zq_closeRealDB();
+        return ok ? 0 : 1;
+    });
+    ASSERT_EQ(written, 0);
+    ASSERT_EQ(tool({"load", sourcePath("samples/feeder_terminal.cid")}).code, 0);
+
+    const ToolRun seen = all.finish();
+    ASSERT_EQ(seen.code, 0) << seen.err;
+    std::vector<Json> changes;
+    for (const std::string& line : lines(seen.out)) changes.push_back(parsed(line));
+    ASSERT_EQ(changes.size(), 6u) << seen.out;
+    char orphanKey[16];
+    std::snprintf(orphanKey, sizeof orphanKey, "0x%08llx", static_cast<unsigned long long>(rowKey(orphan)));
+    const struct { const char* ref; double value; int quality; } expected[] = {
+        {kTotW, 1.5, 3}, {kTotW, 2.5, 0}, {kPhsA, 230.5, 0}, {kPos, 2, 128}, {orphanKey, 9, 0}};
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(changes[i]["kind"], "value");
+        EXPECT_EQ(changes[i]["daName"], expected[i].ref);
+        EXPECT_EQ(changes[i]["value"], expected[i].value);
+        EXPECT_EQ(changes[i]["quality"], expected[i].quality);
+        EXPECT_EQ(changes[i]["seq"], changes[0]["seq"].get<long long>() + static_cast<long long>(i));
+    }
+    EXPECT_EQ(changes[1]["timestamp"], 1764090212.345);
+    EXPECT_EQ(changes[5]["kind"], "reset");
+
+    // The data set's monitor: its members' changes and the reset, in text.
+    const ToolRun members = ain.finish();
+    ASSERT_EQ(members.code, 0) << members.err;
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z ";
+    EXPECT_THAT(lines(members.out),
+                testing::ElementsAre(
+                    testing::MatchesRegex(stamp + "QVFTU1MEAS/MMXU1\\$MX\\$TotW\\$mag\\$f 1\\.5 quality=3 \\(questionable\\)"),
+                    "2025-11-25T17:03:32.345Z QVFTU1MEAS/MMXU1$MX$TotW$mag$f 2.5 quality=0 (good)",
+                    testing::MatchesRegex(stamp + "QVFTU1MEAS/MMXU1\\$MX\\$PhV\\$phsA\\$cVal\\$mag\\$f 230\\.5 quality=0 \\(good\\)"),
+                    testing::MatchesRegex(stamp + "reset: values changed beyond the feed; re-read what you hold")));
+}
+
 // find: the references of both tables that the pattern and filters keep,
 // exactly the rows SQL finds.
 TEST_F(ToolInspect, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {
@@ -313,6 +372,11 @@ TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
     EXPECT_EQ(healthy["queues"].size(),
               static_cast<size_t>(queryInt(confDbPath(), "select count(distinct recvProcessNo) from ProcessMsgAssociation")));
     EXPECT_EQ(healthy["problems"], Json::array());
+    // The feed's position moves with each save.
+    ASSERT_EQ(healthy["feed"]["state"], "ok");
+    ASSERT_EQ(tool({"set", kTotW, "1"}).code, 0);
+    EXPECT_EQ(parsed(tool({"status", "--json"}).out)["feed"]["published"],
+              healthy["feed"]["published"].get<long long>() + 1);
 
     // A queue at its limit: records put on it until it refuses one.
     const int msgid = msgget(2 + QV_QUEUE_KEY_OFFSET, IPC_CREAT | 0666);
@@ -336,6 +400,19 @@ TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
     unlocksem(semid);
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.out, HasSubstr("lock: taken by process " + std::to_string(getpid())));
+
+    // A feed file that is no feed.
+    const std::string feed = realDbPath() + "-feed";
+    {
+        const int fd = open(feed.c_str(), O_WRONLY);
+        const char zeros[64] = {};
+        ASSERT_EQ(pwrite(fd, zeros, sizeof zeros, 0), static_cast<ssize_t>(sizeof zeros));
+        close(fd);
+    }
+    run = tool({"status"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.out, HasSubstr("PROBLEM: the change feed " + feed + " is not a feed file"));
+    unlink(feed.c_str());
 
     // A table gone.
     execSql(realDbPath(), "alter table DataSetSub rename to Gone");

@@ -38,8 +38,8 @@ namespace qvtool {
 namespace {
 
 std::vector<const std::vector<Command>*> families() {
-    return {&storeCommands(), &valueCommands(), &queryCommands(), &statusCommands(),
-            &confCommands(), &messageCommands(), &registryCommands()};
+    return {&storeCommands(), &valueCommands(), &queryCommands(), &monitorCommands(),
+            &statusCommands(), &confCommands(), &messageCommands(), &registryCommands()};
 }
 
 const Command* findCommand(const std::string& name) {
@@ -151,11 +151,7 @@ std::string csvField(const std::string& text) {
     return quoted + "\"";
 }
 
-void printCsvLine(const std::vector<std::string>& cells) {
-    std::string line;
-    for (const std::string& cell : cells) line += (line.empty() ? "" : ",") + csvField(cell);
-    std::fputs((line + "\r\n").c_str(), stdout);
-}
+void printCsvLine(const std::vector<std::string>& cells) { std::fputs(csvLine(cells).c_str(), stdout); }
 
 // --csv: a header of the record field names, then one line per row.
 // --raw: the cells alone, tab-separated, one row per line.
@@ -396,6 +392,12 @@ bool openConfStore() {
 }
 
 void waitingForStore(const char* store) { StoreWatch::instance().watch(store); }
+
+std::string csvLine(const std::vector<std::string>& cells) {
+    std::string line;
+    for (const std::string& cell : cells) line += (line.empty() ? "" : ",") + csvField(cell);
+    return line + "\r\n";
+}
 
 int printRows(const Args& args, const std::vector<Column>& columns, const Json& rows) {
     waitingForStore(nullptr);

@@ -5,7 +5,9 @@
 #include "qvtool_status.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -20,6 +22,7 @@
 #include <set>
 #include <thread>
 
+#include "feed/feed_file.h"
 #include "qvaddied.h"
 #include "qvconf.h"
 #include "qvmessage.h"
@@ -252,6 +255,34 @@ Json queueReport(const std::string& confPath, Problems* problems) {
     return queues;
 }
 
+// The change feed: its file, capacity and position (the last change
+// published). A file that is no feed is a problem; none yet is not (the
+// first save or follower makes it).
+Json feedReport(Problems* problems) {
+    const std::string path = qvfeed::feedPath();
+    Json feed = {{"file", path}};
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) {
+        feed["state"] = "absent";
+        return feed;
+    }
+    void* base = mmap(nullptr, qvfeed::kHeaderBytes, PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    const auto* header = static_cast<const qvfeed::Header*>(base);
+    if (base == MAP_FAILED || header->magic.load() != qvfeed::kMagic) {
+        if (base != MAP_FAILED) munmap(base, qvfeed::kHeaderBytes);
+        problems->add("the change feed %s is not a feed file", path.c_str());
+        feed["state"] = "broken";
+        return feed;
+    }
+    feed.update({{"state", "ok"},
+                 {"bytes", fileSize(path)},
+                 {"capacity", header->capacity},
+                 {"published", header->published.load()}});
+    munmap(base, qvfeed::kHeaderBytes);
+    return feed;
+}
+
 // ---- printing -------------------------------------------------------------------
 
 std::string countsText(const Json& counts) {
@@ -300,6 +331,14 @@ void printReport(const Json& report) {
                         q["capacity"].dump().c_str(), q["systemLimit"].dump().c_str(),
                         q["state"] == "full" ? " FULL" : "");
     }
+    const Json& feed = report["feed"];
+    if (feed["state"] == "ok")
+        std::printf("change feed %s: %s changes published, holds %s\n",
+                    feed["file"].get<std::string>().c_str(), feed["published"].dump().c_str(),
+                    feed["capacity"].dump().c_str());
+    else
+        std::printf("change feed %s: %s\n", feed["file"].get<std::string>().c_str(),
+                    feed["state"] == "absent" ? "not made yet" : "broken");
     for (const Json& problem : report["problems"])
         std::printf("PROBLEM: %s\n", problem.get<std::string>().c_str());
     if (report["problems"].empty()) std::puts("healthy");
@@ -316,6 +355,7 @@ int runStatus(const Args& args) {
     report["lock"] = lockReport(&problems);
     report["queues"] = fileSize(QV_CONF_DB_PATH) >= 0 ? queueReport(QV_CONF_DB_PATH, &problems)
                                                       : Json::array();
+    report["feed"] = feedReport(&problems);
     report["problems"] = problems.list();
     // CSV and raw text of a report are its one record, nested parts as JSON.
     if (args.has("--json") || args.has("--csv") || args.has("--raw"))
@@ -364,10 +404,12 @@ const std::vector<Command>& statusCommands() {
          "store's journal mode, PRAGMA quick_check and rows per table, the model's\n"
          "data sets, members and attributes per IED and value rows per class, the\n"
          "store lock (free, or taken and by which process) and the queue of every\n"
-         "route's receiver (records, bytes, capacity and the system limit msgmnb).\n"
+         "route's receiver (records, bytes, capacity and the system limit msgmnb),\n"
+         "and the change feed's position (changes published) and capacity.\n"
          "Exit code 1 when something is wrong, each problem said in a PROBLEM line\n"
          "(and on standard error): a store missing or failing quick_check, a table\n"
-         "that cannot be read, the lock taken for over a second, a full queue.\n",
+         "that cannot be read, the lock taken for over a second, a full queue, a feed\n"
+         "file that is no feed.\n",
          {}, {"--json"}, 0, 0, runStatus},
     };
     return commands;
