@@ -25,13 +25,6 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
-Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 // The rows of a JSON array in a fixed order: the store returns rows in the
 // order of the index that a query happens to use.

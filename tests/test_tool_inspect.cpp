@@ -7,11 +7,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 
+#include "feed/feed_file.h"
+#include "internal/qvfeed_hooks.h"
 #include "qvmessage.h"
 #include "qvrealapi.h"
 #include "qvtest.h"
@@ -86,14 +90,7 @@ Json fieldOf(const Json& record, const std::string& name) {
     return record.value(name, Json());
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
 
-Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 std::multiset<std::string> column(const Rows& rows) {
     std::multiset<std::string> values;
@@ -109,6 +106,7 @@ protected:
     void SetUp() override {
         removeStore(realDbPath());
         removeStore(confDbPath());
+        unlink((realDbPath() + "-feed").c_str());  // whatever earlier tests left in it
         ASSERT_EQ(tool({"init", "--conf-sample", sourcePath("samples/conf_sample.sql")}).code, 0);
         ASSERT_EQ(tool({"load", sourcePath("samples/feeder_terminal.cid")}).code, 0);
     }
@@ -174,7 +172,9 @@ TEST_F(ToolInspect, GetReadsSeveralReferencesAndRepeats) {
     for (const auto& run : runs) {
         const ToolRun result = tool(run.args);
         EXPECT_EQ(result.code, 0) << result.err;
-        if (!run.out.empty()) EXPECT_EQ(lines(result.out), run.out);
+        if (!run.out.empty()) {
+            EXPECT_EQ(lines(result.out), run.out);
+        }
     }
     const long long members =
         queryInt(realDbPath(), "select count(*) from DataSetSub where dsName='dsAin'");
@@ -242,13 +242,18 @@ TEST_F(ToolInspect, MonitorPrintsEveryChangeOfAForkedWriter) {
     const std::string orphan = "NOIED/NOLN$MX$X$f";
     execSql(realDbPath(), "insert into DAValue(hashID, type, value) values(" +
                               std::to_string(rowKey(orphan)) + ", 1, 0)");
+    // A save before the monitors start, with the feed file looked at anew:
+    // this process then writes to the store's current feed (not to one an
+    // earlier test removed), and the forked writer inherits that.
+    qvfeed::setNewFeedCapacity(0);
+    ASSERT_EQ(zq_openRealDB(), 0);
+    ASSERT_EQ(zq_saveDoubDAValue(orphan.c_str(), 0), 0);
     Spawn all(QV_TOOL, {"monitor", "--json", "--count", "6"});
     Spawn ain(QV_TOOL, {"monitor", "--ds", "dsAin", "--count", "4", "--ied", "QVFTU1"});
     ASSERT_EQ(all.readLine(2), "qvtool: following the change feed\n");
     ASSERT_EQ(ain.readLine(2), "qvtool: following the change feed\n");
     const char* const kPos = "QVFTU1CTRL/XCBR1$ST$Pos$stVal";
     const int written = runInChild([&] {
-        if (zq_openRealDB() != 0) return 1;
         DaNameRow names[2];
         std::snprintf(names[0], sizeof names[0], "%s", kPhsA);
         std::snprintf(names[1], sizeof names[1], "%s", kPos);
@@ -258,9 +263,9 @@ TEST_F(ToolInspect, MonitorPrintsEveryChangeOfAForkedWriter) {
                         zq_saveDoubDAValueT(kTotW, 2.5, 0, 1764090212.345) == 0 &&
                         zq_saveDAValues1(names, values, qualities, 2) == 0 &&
                         zq_saveDoubDAValue(orphan.c_str(), 9) == 0;
-        zq_closeRealDB();
         return ok ? 0 : 1;
     });
+    zq_closeRealDB();
     ASSERT_EQ(written, 0);
     ASSERT_EQ(tool({"load", sourcePath("samples/feeder_terminal.cid")}).code, 0);
 
@@ -412,6 +417,19 @@ TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
     run = tool({"status"});
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.out, HasSubstr("PROBLEM: the change feed " + feed + " is not a feed file"));
+    unlink(feed.c_str());
+    // A feed file retired but still in place: its followers would get resets only.
+    ASSERT_EQ(tool({"set", kTotW, "2"}).code, 0);
+    {
+        const int fd = open(feed.c_str(), O_RDWR);
+        const std::uint32_t retired = 1;
+        ASSERT_EQ(pwrite(fd, &retired, sizeof retired, offsetof(qvfeed::Header, retired)),
+                  static_cast<ssize_t>(sizeof retired));
+        close(fd);
+    }
+    run = tool({"status"});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.out, HasSubstr("PROBLEM: the change feed " + feed + " is retired"));
     unlink(feed.c_str());
 
     // A table gone.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 
+#include "internal/qvwildcard.h"
 #include "qvtool_model.h"
 
 namespace qvtool {
@@ -75,6 +76,16 @@ void explainNoMatch(const Args& args, const char* what, const std::vector<Facets
         checks.push_back(check);
     }
     explainNoMatch(what, checks);
+}
+
+// The option names of the filters, for the command table.
+std::vector<std::string> filterNames(std::initializer_list<const char*> leftOut = {}) {
+    std::vector<std::string> names;
+    for (const auto& option : filterOptions()) {
+        if (std::find(leftOut.begin(), leftOut.end(), option.first) == leftOut.end())
+            names.push_back(option.first);
+    }
+    return names;
 }
 
 bool anyFilter(const Args& args) {
@@ -167,28 +178,10 @@ int runAttrs(const Args& args) {
 
 // ---- find -----------------------------------------------------------------------
 
-// '*' any run of characters, '?' one character; case does not count.
-bool wildcardMatch(const char* pattern, const char* text) {
-    const char* star = nullptr;
-    const char* resume = nullptr;
-    while (*text != '\0') {
-        if (*pattern == '*') {
-            star = pattern++;
-            resume = text;
-        } else if (*pattern == '?' ||
-                   std::tolower(static_cast<unsigned char>(*pattern)) ==
-                       std::tolower(static_cast<unsigned char>(*text))) {
-            ++pattern;
-            ++text;
-        } else if (star != nullptr) {
-            pattern = star + 1;
-            text = ++resume;
-        } else {
-            return false;
-        }
-    }
-    while (*pattern == '*') ++pattern;
-    return *pattern == '\0';
+// A reference in one notation and case: dots as '$', lower case.
+std::string folded(std::string ref) {
+    for (char& c : ref) c = c == '.' ? '$' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return ref;
 }
 
 Json foundRow(const char* table, const std::string& ref, const Facets& facets,
@@ -204,13 +197,11 @@ Json foundRow(const char* table, const std::string& ref, const Facets& facets,
 
 int runFind(const Args& args) {
     // Both notations name one reference; a pattern without wildcards
-    // matches anywhere in it.
-    std::string pattern = args.positional[0];
+    // matches anywhere in the reference; case does not count.
+    std::string pattern = folded(args.positional[0]);
     if (pattern.find_first_of("*?") == std::string::npos) pattern = "*" + pattern + "*";
-    std::replace(pattern.begin(), pattern.end(), '.', '$');
-    const auto matches = [&](std::string ref) {
-        std::replace(ref.begin(), ref.end(), '.', '$');
-        return wildcardMatch(pattern.c_str(), ref.c_str());
+    const auto matches = [&](const char* ref) {
+        return qvtext::wildcardMatch(pattern.c_str(), folded(ref).c_str());
     };
     std::vector<DA> attributes;
     std::vector<DataSetSub> members;
@@ -259,8 +250,7 @@ const std::vector<Command>& queryCommands() {
          "Filters that match nothing: exit code 1, with the near names the store has.\n"
          "JSON fields: fcdaName, iedName, dsName, ldInst, lnClass, lnInst, doName,\n"
          "daName, fc.\n",
-         {"--ied", "--ds", "--ld", "--ln", "--lnclass", "--lninst", "--do", "--da", "--fc"},
-         {"--json"}, 0, 0, runMembers},
+         filterNames(), {"--json"}, 0, 0, runMembers},
         {"attrs", "attrs [--ied --ld --ln --lnclass --do --da --fc] [--json]",
          "list data attributes of the model, filtered",
          "Each option takes a value and keeps the attributes whose column equals it:\n"
@@ -272,8 +262,7 @@ const std::vector<Command>& queryCommands() {
          "VALUE is the value text of the model file, not the live value.\n"
          "JSON fields: daName, iedName, ldName, lnName, doName, fcName, value,\n"
          "valueType, doDesc.\n",
-         {"--ied", "--ld", "--ln", "--lnclass", "--do", "--da", "--fc"}, {"--json"}, 0, 0,
-         runAttrs},
+         filterNames({"--ds", "--lninst"}), {"--json"}, 0, 0, runAttrs},
         {"find", "find PATTERN [--ied --ds --ld --ln --lnclass --lninst --do --da --fc] [--json]",
          "find references of attributes and data set members",
          "PATTERN matches whole references, '*' any run of characters, '?' one, case\n"
@@ -281,8 +270,7 @@ const std::vector<Command>& queryCommands() {
          "reference. The filters are those of members and attrs (--ds keeps members\n"
          "only). Exit code 1 when nothing matches.\n"
          "JSON fields: table (DA or DataSetSub), reference, iedName, dsName, fc, desc.\n",
-         {"--ied", "--ds", "--ld", "--ln", "--lnclass", "--lninst", "--do", "--da", "--fc"},
-         {"--json"}, 1, 1, runFind},
+         filterNames(), {"--json"}, 1, 1, runFind},
     };
     return commands;
 }

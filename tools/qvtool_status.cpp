@@ -275,7 +275,12 @@ Json feedReport(Problems* problems) {
         feed["state"] = "broken";
         return feed;
     }
-    feed.update({{"state", "ok"},
+    const bool retired = header->retired.load() != 0;
+    if (retired)
+        problems->add("the change feed %s is retired but still in place: its followers get "
+                      "resets only (qvtool init --fresh makes it anew)",
+                      path.c_str());
+    feed.update({{"state", retired ? "retired" : "ok"},
                  {"bytes", fileSize(path)},
                  {"capacity", header->capacity},
                  {"published", header->published.load()}});
@@ -332,10 +337,10 @@ void printReport(const Json& report) {
                         q["state"] == "full" ? " FULL" : "");
     }
     const Json& feed = report["feed"];
-    if (feed["state"] == "ok")
-        std::printf("change feed %s: %s changes published, holds %s\n",
+    if (feed.contains("published"))
+        std::printf("change feed %s: %s changes published, holds %s%s\n",
                     feed["file"].get<std::string>().c_str(), feed["published"].dump().c_str(),
-                    feed["capacity"].dump().c_str());
+                    feed["capacity"].dump().c_str(), feed["state"] == "retired" ? ", RETIRED" : "");
     else
         std::printf("change feed %s: %s\n", feed["file"].get<std::string>().c_str(),
                     feed["state"] == "absent" ? "not made yet" : "broken");

@@ -67,7 +67,9 @@ bool makeParentDirs(const std::string& file) {
 }
 
 void removeStoreFiles(const std::string& path) {
-    for (const char* suffix : {"", "-journal", "-wal", "-shm"}) unlink((path + suffix).c_str());
+    // The change feed beside the store too: its followers reopen the new one.
+    for (const char* suffix : {"", "-journal", "-wal", "-shm", "-feed"})
+        unlink((path + suffix).c_str());
 }
 
 // Runs SQL on a store file, creating the file when needed. All of it or,
