@@ -7,7 +7,8 @@
  * store lock serialised the saves; a model load and `qvtool init` append one
  * QV_CHANGE_RESET. Any number of subscribers in any number of processes read
  * the feed; none takes a change from another and none slows a writer down.
- * The changes of one list or data-set save become visible together.
+ * The changes of one list or data-set save become visible together. A
+ * QvFeed is used by one thread at a time; each thread may open its own.
  *
  * The feed is a file beside the store, on the same memory-backed file
  * system and with the store's access rights. Writes that other programs make

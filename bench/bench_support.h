@@ -14,6 +14,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
+
+#include "qvrealapi.h"
 
 namespace qvbench {
 
@@ -103,6 +106,25 @@ inline sqlite3_stmt* prepareOrDie(sqlite3* db, const char* sql) {
         std::exit(1);
     }
     return stmt;
+}
+
+// A fresh real-time store holding one value row (0, quality 0) for each
+// of `rows` references made of `prefix` and a number; the references, in
+// order. The library's connection is closed first.
+inline std::vector<std::string> storeWithValueRows(const std::string& prefix, int rows) {
+    zq_closeRealDB();
+    sqlite3* db = freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
+    execOrDie(db, "begin");
+    std::vector<std::string> refs;
+    for (int i = 0; i < rows; ++i) {
+        refs.push_back(prefix + std::to_string(i));
+        const unsigned key = RSHash(refs.back().c_str(), refs.back().size());
+        execOrDie(db, "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
+                          std::to_string(key) + ",1,0,0,0)");
+    }
+    execOrDie(db, "commit");
+    sqlite3_close(db);
+    return refs;
 }
 
 }  // namespace qvbench

@@ -22,18 +22,7 @@ constexpr int kRows = 1000;
 std::vector<std::string> g_refs;
 
 void prepareStore() {
-    zq_closeRealDB();
-    sqlite3* db = qvbench::freshStore(QV_REALTIME_DB_PATH, "realtime.sql");
-    qvbench::execOrDie(db, "begin");
-    g_refs.clear();
-    for (int i = 0; i < kRows; ++i) {
-        g_refs.push_back("BENCHLD0/MMXU1$MX$A$phsA$cVal$mag$f" + std::to_string(i));
-        const unsigned key = RSHash(g_refs.back().c_str(), g_refs.back().size());
-        qvbench::execOrDie(db, "insert into DAValue(hashID,type,value,quality,timestamp) values(" +
-                          std::to_string(key) + ",1,0,0,0)");
-    }
-    qvbench::execOrDie(db, "commit");
-    sqlite3_close(db);
+    g_refs = qvbench::storeWithValueRows("BENCHLD0/MMXU1$MX$A$phsA$cVal$mag$f", kRows);
 }
 
 sqlite3_int64 keyOf(int i) {

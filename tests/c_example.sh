@@ -18,7 +18,7 @@ test "${cflags%% *}" = "-I$prefix/include/quorvane"
 if grep -q '/\.\./' <<<"$cflags"; then echo "unclean include path: $cflags"; exit 1; fi
 test "$(echo $(pkg-config --libs qv))" = "-L$libdir -lqv"
 pkg-config --print-requires-private qv | grep -qx sqlite3
-for example in minimal publisher subscriber; do
+for example in minimal publisher subscriber follow_dataset; do
   cc -std=c11 -Wall -Werror "$src/examples/$example.c" $(pkg-config --cflags --libs qv) \
      -o "$prefix/$example"
 done

@@ -42,11 +42,13 @@ void* createFile(const std::string& path, std::uint64_t capacity, struct stat* i
     if (fd < 0) return nullptr;
     const std::size_t bytes = fileBytes(capacity);
     void* base = nullptr;
-    // The mode as configured whatever the umask, like the store's.
-    if (fchmod(fd, QV_IPC_MODE) == 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 &&
-        fstat(fd, info) == 0)
-        base = mapShared(fd, bytes);
-    const int error = errno;
+    // The mode as configured whatever the umask, like the store's. The pages
+    // are allocated now: a write to a mapped page that a full file system
+    // cannot give would kill the writer with SIGBUS.
+    int error = fchmod(fd, QV_IPC_MODE) == 0 ? 0 : errno;
+    if (error == 0) error = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+    if (error == 0 && fstat(fd, info) == 0) base = mapShared(fd, bytes);
+    if (error == 0 && base == nullptr) error = errno;
     close(fd);
     if (base == nullptr) {
         unlink(path.c_str());

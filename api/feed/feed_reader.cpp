@@ -115,7 +115,7 @@ int takeBatch(QvFeed* feed, std::uint64_t published, QvChange* out, int capacity
         // Whatever a writer began to overwrite while we copied is lost: go
         // round again from the oldest change still held.
         std::atomic_thread_fence(std::memory_order_acquire);
-        if (feed->next < oldestHeld(mapping.header())) continue;
+        if (count > 0 && feed->next < oldestHeld(mapping.header())) continue;
         int end = taken + count;
         if (count > 0 && !endsGroup(out[end - 1])) {
             int lastEnd = end - 1;

@@ -111,6 +111,10 @@ SaveGroup::~SaveGroup() {
     s_feed->header().writing.store(0, std::memory_order_release);
 }
 
+void noteLoss() {
+    if (s_inGroup) appendReset();
+}
+
 void noteChange(unsigned int hashID, double value, int quality, double timestamp) {
     if (!s_inGroup) return;
     if (timestamp <= 0) {
@@ -129,8 +133,8 @@ void setNewFeedCapacity(unsigned long long capacity) {
     s_nextCheck = 0;
 }
 
+// The store lock makes its semaphore itself in a process that has not yet.
 void announceReset() {
-    if (qvreal::s_RealSemId < 0) initRealSem();
     qvreal::StoreLock lock;
     SaveGroup group(lock.held());
     if (!s_inGroup) return;

@@ -27,6 +27,10 @@ private:
 // An untimed save passes timestamp 0: the change carries the time of now.
 void noteChange(unsigned int hashID, double value, int quality, double timestamp);
 
+// A row written by the save in progress that the feed cannot describe:
+// the save's changes carry a reset (ignored outside a group).
+void noteLoss();
+
 // Publishes one reset under the store lock: values changed beyond the feed
 // (a model load, a store made anew).
 void announceReset();
