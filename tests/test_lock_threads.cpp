@@ -126,7 +126,11 @@ TEST_P(LockThreads, FourThreadsNeverMeetInTheConnection) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Disturbed, LockThreads,
-                         testing::Values(Disturbance::SetRemoved, Disturbance::ValueForcedTo2));
+                         testing::Values(Disturbance::SetRemoved, Disturbance::ValueForcedTo2),
+                         [](const testing::TestParamInfo<Disturbance>& info) {
+                             return info.param == Disturbance::SetRemoved ? "SetRemoved"
+                                                                          : "ValueForcedTo2";
+                         });
 
 // The creator stalls past the openers' wait: an opener takes over and
 // frees the set, and the creator's late release must not add a second unit.

@@ -25,13 +25,6 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
-Json parsed(const std::string& text) { return Json::parse(text, nullptr, false); }
 
 // The rows of a JSON array in a fixed order: the store returns rows in the
 // order of the index that a query happens to use.
@@ -147,18 +140,22 @@ TEST_F(Tool, ListingsInJsonAreTheStoredRowsUnderTheRecordsFieldNames) {
     EXPECT_EQ(parsed(tool({"terminals", "--json"}).out)[0]["desc"], "\xEF\xBF\xBD" "A");
 }
 
-// Listings and settings of the sample, empty listings (exit 0) and lookups that
-// find nothing (exit 1).
+// Listings and settings of the sample, empty listings (exit 0), filters and
+// lookups that find nothing (exit 1, with the near names).
 TEST_F(Tool, AnswersOfTheSampleAndOfLookupsThatFindNothing) {
     provision();
     const std::string q = "QVFTU1MEAS/MMXU1$MX$TotW$q";
     const struct { Words args; int code; std::string out, err; } cases[] = {
-        {{"members", "--ds", "dsNone"}, 0,
-         "IED  DATA SET  LD  LNCLASS  LNINST  DO  DA  FC  REFERENCE\n", ""},
-        {{"attrs", "--fc", "", "--json"}, 0, "[]\n", ""},
+        {{"members", "--ds", "dsain"}, 1, "", "no data set \"dsain\"; did you mean dsAin?"},
+        {{"attrs", "--fc", "", "--json"}, 1, "", "no FC \"\""},
+        {{"attrs", "--ln", "MMXU", "--csv"}, 1, "", "no LN \"MMXU\"; did you mean MMXU1?"},
+        {{"attrs", "--ln", "MMXU1", "--fc", "CO"}, 1, "", "no attribute matches these filters together"},
+        {{"members", "--ied", "QVFTU1", "--lnclass", "MMXU", "--fc", "ST"}, 1, "", "no member matches"},
         {{"terminals", "--json"}, 0, "[]\n", ""},
         {{"routes", "qvtool watch", "--json"}, 0, "[]\n", ""},  // known, but sends nothing
-        {{"tree", "--ied", "NOIED"}, 0, "", ""},
+        {{"tree", "--ied", "QVFTU"}, 1, "", "no IED \"QVFTU\"; did you mean QVFTU1?"},
+        {{"find", "*nosuch*"}, 1, "", "no reference matches *nosuch*"},
+        {{"find", "TotW", "--ln", "MMXU2"}, 1, "", "no LN \"MMXU2\"; did you mean MMXU1?"},
         {{"routes", "nobody"}, 1, "", "no process named \"nobody\""},
         {{"dump", "QVFTU1", "dsNone", "--json"}, 1, "", "no data set dsNone of IED QVFTU1"},
         {{"setting", "get", "qvacq", "nokey", "--json"}, 1, "", "has no setting nokey"},
@@ -197,12 +194,14 @@ TEST_F(Tool, AnswersOfTheSampleAndOfLookupsThatFindNothing) {
 
 TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
     provision();
-    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 quality=16385\n");
-    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 quality=16385\n");
+    const std::string shown = "quality=16385 (invalid,other bits 0x4000)\n";
+    EXPECT_EQ(tool({"set", kTotW, "231.5", "0x4001"}).out, "value=231.5 " + shown);
+    EXPECT_EQ(tool({"get", kTotW}).out, "value=231.5 " + shown);
     // Without a quality the stored one stays.
-    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 quality=16385\n");
+    EXPECT_EQ(tool({"set", kTotW, "-0.1"}).out, "value=-0.1 " + shown);
     EXPECT_EQ(parsed(tool({"get", kTotW, "--json"}).out),
-              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385}}));
+              Json({{"daName", kTotW}, {"value", -0.1}, {"quality", 16385},
+                    {"qualityBits", {"invalid", "other bits 0x4000"}}, {"timestamp", 0.0}}));
     ASSERT_EQ(tool({"set", kPhsA, "13.25", "3"}).code, 0);
     Json expected = Json::array();
     for (const auto& member :
@@ -210,25 +209,29 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
         const std::string& ref = member[0];
         expected.push_back({{"fcdaName", ref},
                             {"value", ref == kTotW ? -0.1 : ref == kPhsA ? 13.25 : 0.0},
-                            {"quality", ref == kTotW ? 16385 : ref == kPhsA ? 3 : 0}});
+                            {"quality", ref == kTotW ? 16385 : ref == kPhsA ? 3 : 0},
+                            {"qualityBits", ref == kTotW ? Json{"invalid", "other bits 0x4000"}
+                                            : ref == kPhsA ? Json{"questionable"} : Json{"good"}},
+                            {"timestamp", 0.0}});
     }
     ASSERT_GT(expected.size(), 2u);
     EXPECT_EQ(parsed(tool({"dump", "QVFTU1", "dsAin", "--json"}).out), expected);
     // Members without a value row (whole data objects, unclassified sets) show none.
     EXPECT_THAT(parsed(tool({"dump", "QVFTU1", "dsAlarm", "--json"}).out),
                 testing::Contains(Json({{"fcdaName", "QVFTU1LD0/LPHD1$ST$PhyHealth"},
-                                        {"value", nullptr}, {"quality", nullptr}})));
+                                        {"value", nullptr}, {"quality", nullptr},
+                                        {"qualityBits", nullptr}, {"timestamp", nullptr}})));
 
     // The tree: one line per attribute, plus the IED, LD, LN and DO lines.
     const ToolRun run = tool({"tree", "--ied", "QVFTU1", "--ld", "MEAS"});
     ASSERT_EQ(run.code, 0) << run.err;
-    const std::vector<std::string> shown = lines(run.out);
-    const auto phsA = std::find(shown.begin(), shown.end(), "      PhV.phsA");
-    ASSERT_NE(phsA, shown.end()) << run.out;
-    EXPECT_EQ(shown[0] + "/" + shown[1], "QVFTU1/  MEAS");
+    const std::vector<std::string> treeLines = lines(run.out);
+    const auto phsA = std::find(treeLines.begin(), treeLines.end(), "      PhV.phsA");
+    ASSERT_NE(phsA, treeLines.end()) << run.out;
+    EXPECT_EQ(treeLines[0] + "/" + treeLines[1], "QVFTU1/  MEAS");
     EXPECT_EQ(phsA[1], "        q [MX]");  // no value row
-    EXPECT_THAT(shown, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3"));
-    EXPECT_EQ(static_cast<long long>(shown.size()),
+    EXPECT_THAT(treeLines, testing::Contains("        cVal.mag.f [MX] = 13.25 quality=3 (questionable)"));
+    EXPECT_EQ(static_cast<long long>(treeLines.size()),
               queryInt(realDbPath(), "select 2+count(*)+count(distinct lnName)+count(distinct "
                                      "lnName||'.'||doName) from DA where ldName='MEAS'"));
     // In JSON: the attributes' records, each with its live value or null.
@@ -237,8 +240,8 @@ TEST_F(Tool, SetGetDumpAndTreeCarryValueAndQuality) {
               queryInt(realDbPath(), "select count(*) from DA where ldName='MEAS'"));
     long long live = 0;
     for (const Json& da : tree) {
-        live += da["liveValue"].is_null() ? 0 : 1;
-        EXPECT_TRUE(da["daName"] != kPhsA || da["liveValue"] == 13.25) << da;
+        live += da["live"].is_null() ? 0 : 1;
+        EXPECT_TRUE(da["daName"] != kPhsA || da["live"]["value"] == 13.25) << da;
     }
     EXPECT_EQ(live, queryInt(realDbPath(),
                              "select count(*) from DA join DAValue using (hashID) where ldName='MEAS'"));
@@ -297,7 +300,8 @@ TEST_F(Tool, ExitCodesTellUsageErrorsFromFailures) {
     EXPECT_EQ(tool({"processes"}).code, 1);
 
     for (const Words& usage : std::vector<Words>{
-             {}, {"nosuch"}, {"help", "nosuch"}, {"get"}, {"get", "a", "b"},
+             {}, {"nosuch"}, {"help", "nosuch"}, {"get"}, {"get", "a", "-r", "x"},
+             {"get", "a", "-i", "-1"}, {"get", "a", "--json", "--csv"}, {"find"},
              {"get", "a", "--timeout", "0"}, {"get", "a", "--timeout", "x"}, {"set", kTotW, "12x"},
              {"set", kTotW, "1", "q"}, {"members", "--bogus", "x"}, {"members", "--ds"},
              {"members", "--ln", "XCBR1", "--lninst", "1"}, {"dump", "QVFTU1"},
@@ -361,7 +365,7 @@ TEST_F(Tool, ABusyStoreIsAnnouncedAfterASecondAndGivenUpAfterTheTimeout) {
     run = waiter.finish();
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.out, "value=0 quality=0\n");
+    EXPECT_EQ(run.out, "value=0 quality=0 (good)\n");
 }
 
 // A configuration store in its rollback journal, held by a writer past the

@@ -38,7 +38,8 @@ namespace qvtool {
 namespace {
 
 std::vector<const std::vector<Command>*> families() {
-    return {&storeCommands(), &confCommands(), &messageCommands(), &registryCommands()};
+    return {&storeCommands(), &valueCommands(), &queryCommands(), &monitorCommands(),
+            &statusCommands(), &confCommands(), &messageCommands(), &registryCommands()};
 }
 
 const Command* findCommand(const std::string& name) {
@@ -128,10 +129,47 @@ private:
     unsigned generation_ = 0;
 };
 
-std::string cellText(const Json& cell) {
+// A field as text; a list of names (quality bits) is comma-separated.
+std::string cellText(const Json& cell, const char* null = "-") {
     if (cell.is_string()) return cell.get<std::string>();
     if (cell.is_number_float()) return formatDouble(cell.get<double>());
-    return cell.is_null() ? "-" : jsonText(cell);
+    if (cell.is_array() && std::all_of(cell.begin(), cell.end(),
+                                       [](const Json& e) { return e.is_string(); })) {
+        std::string text;
+        for (const Json& name : cell) text += (text.empty() ? "" : ",") + name.get<std::string>();
+        return text;
+    }
+    return cell.is_null() ? null : jsonText(cell);
+}
+
+// RFC 4180: a field holding a comma, a quote, CR or LF is quoted, with its
+// quotes doubled; records end in CRLF.
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+void printCsvLine(const std::vector<std::string>& cells) { std::fputs(csvLine(cells).c_str(), stdout); }
+
+// --csv: a header of the record field names, then one line per row.
+// --raw: the cells alone, tab-separated, one row per line.
+void printRowsAs(bool csv, const std::vector<Column>& columns, const Json& rows) {
+    std::vector<std::string> cells;
+    for (const Column& column : columns) cells.push_back(column.field);
+    if (csv) printCsvLine(cells);
+    for (const Json& row : rows) {
+        cells.clear();
+        for (const Column& column : columns) cells.push_back(cellText(row[column.field], ""));
+        if (csv) {
+            printCsvLine(cells);
+            continue;
+        }
+        std::string line;
+        for (const std::string& cell : cells) line += (line.empty() ? "" : "\t") + cell;
+        std::puts(line.c_str());
+    }
 }
 
 // Columns padded to their widest cell; the last column is not padded.
@@ -176,8 +214,10 @@ void printToolHelp(FILE* out) {
                  "                     error\n"
                  "  --help             the command's help\n\n"
                  "Listing and lookup commands take --json: one JSON document with the fields of\n"
-                 "the library's records. An empty listing is a header alone (or []) and exit\n"
-                 "code 0; a lookup that finds nothing is exit code 1.\n\n"
+                 "the library's records; --csv: RFC 4180 CSV, a header of the same field names\n"
+                 "then one line per row; --raw: the values alone, tab-separated, one row per\n"
+                 "line, no header. An empty listing is a header alone (or []) and exit code 0;\n"
+                 "a lookup that finds nothing is exit code 1.\n\n"
                  "Exit codes: 0 success, 1 the operation failed, found nothing or its output\n"
                  "could not be written, 2 the command line was wrong. Results go to standard\n"
                  "output, errors to standard error.\n\n"
@@ -200,13 +240,27 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+// Every command that prints JSON also prints CSV and bare values.
+bool isFlag(const Command& command, const std::string& word) {
+    if (contains(command.flags, word)) return true;
+    return (word == "--csv" || word == "--raw") && contains(command.flags, "--json");
+}
+
+// A short option ("-r") is one that the command declares; any other word
+// with one dash stays an argument (a negative number, say).
+bool isOptionWord(const Command& command, const std::string& word) {
+    if (word.size() >= 2 && word.compare(0, 2, "--") == 0) return true;
+    return word.size() == 2 && word[0] == '-' &&
+           (contains(command.valueOptions, word) || contains(command.flags, word));
+}
+
 // Splits the words after the command name into options and positional
 // arguments. Returns kOk, kUsage, or -1 when help was asked for.
 int parseArgs(const Command& command, int argc, char** argv, Args* args) {
     bool optionsEnded = false;
     for (int i = 0; i < argc; ++i) {
         std::string word = argv[i];
-        if (optionsEnded || word.size() < 2 || word.compare(0, 2, "--") != 0) {
+        if (optionsEnded || !isOptionWord(command, word)) {
             if (!optionsEnded && word == "-h") return -1;
             args->positional.push_back(word);
             continue;
@@ -223,7 +277,7 @@ int parseArgs(const Command& command, int argc, char** argv, Args* args) {
             value = word.substr(equals + 1);
             word.erase(equals);
         }
-        if (contains(command.flags, word) && !inlineValue) {
+        if (isFlag(command, word) && !inlineValue) {
             args->options[word] = "";
         } else if (contains(command.valueOptions, word) || word == "--timeout") {
             if (!inlineValue) {
@@ -243,6 +297,8 @@ int parseArgs(const Command& command, int argc, char** argv, Args* args) {
             return usageError("%s: --timeout needs a number of seconds above 0", command.name);
         StoreWatch::instance().setTimeout(timeout);
     }
+    if (args->has("--json") + args->has("--csv") + args->has("--raw") > 1)
+        return usageError("%s: --json, --csv and --raw exclude each other", command.name);
     const int count = static_cast<int>(args->positional.size());
     if (count < command.minArgs || (command.maxArgs >= 0 && count > command.maxArgs)) {
         return usageError("%s: wrong number of arguments; usage: qvtool %s", command.name,
@@ -337,10 +393,20 @@ bool openConfStore() {
 
 void waitingForStore(const char* store) { StoreWatch::instance().watch(store); }
 
+std::string csvLine(const std::vector<std::string>& cells) {
+    std::string line;
+    for (const std::string& cell : cells) line += (line.empty() ? "" : ",") + csvField(cell);
+    return line + "\r\n";
+}
+
 int printRows(const Args& args, const std::vector<Column>& columns, const Json& rows) {
     waitingForStore(nullptr);
     if (args.has("--json")) {
         std::puts(jsonText(rows, 2).c_str());
+        return kOk;
+    }
+    if (args.has("--csv") || args.has("--raw")) {
+        printRowsAs(args.has("--csv"), columns, rows);
         return kOk;
     }
     std::vector<std::vector<std::string>> table(1);
@@ -355,6 +421,17 @@ int printRows(const Args& args, const std::vector<Column>& columns, const Json& 
 
 int printRecord(const Args& args, const Json& record, const std::string& plain) {
     waitingForStore(nullptr);
+    if (args.has("--csv") || args.has("--raw")) {
+        // The record as a one-row listing of its fields; --raw of a value
+        // record is its value alone.
+        std::vector<Column> columns;
+        for (const auto& field : record.items()) {
+            if (args.has("--raw") && record.contains("value") && field.key() != "value") continue;
+            columns.push_back({field.key().c_str(), field.key().c_str()});
+        }
+        printRowsAs(args.has("--csv"), columns, Json::array({record}));
+        return kOk;
+    }
     std::puts(args.has("--json") ? jsonText(record, 2).c_str() : plain.c_str());
     return kOk;
 }

@@ -43,7 +43,11 @@ struct Command {
 };
 
 // The command families, in the order of the help text.
-const std::vector<Command>& storeCommands();     // init, load, values, model
+const std::vector<Command>& storeCommands();     // init, load
+const std::vector<Command>& valueCommands();     // get, set, tree, dump
+const std::vector<Command>& queryCommands();     // the model's listings, find
+const std::vector<Command>& monitorCommands();   // monitor
+const std::vector<Command>& statusCommands();    // status
 const std::vector<Command>& confCommands();      // processes, routes, settings
 const std::vector<Command>& messageCommands();   // send, watch
 const std::vector<Command>& registryCommands();  // terminals, access list, topology
@@ -115,6 +119,9 @@ struct Column {
 // --json as one JSON array of the whole objects. An empty list is a header
 // alone or []. Returns kOk.
 int printRows(const Args& args, const std::vector<Column>& columns, const Json& rows);
+
+// One CSV record (RFC 4180 quoting), CRLF included.
+std::string csvLine(const std::vector<std::string>& cells);
 
 // Prints the one record that a lookup found: `plain` as it stands, or with
 // --json the record as one JSON object. Returns kOk.

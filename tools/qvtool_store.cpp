@@ -1,5 +1,4 @@
-// qvtool commands on the real-time store: creating the stores, loading a
-// model, single values and the model queries.
+// qvtool commands that make the stores and load models into them.
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 #include "qvconf.h"
 #include "qvrealapi.h"
 #include "qvtool.h"
+#include "qvtool_status.h"
 
 namespace qvtool {
 
@@ -39,6 +39,8 @@ bool isFile(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
+}  // namespace
+
 // The installed schema files, or the source tree's when the tool runs
 // from a build tree that was never installed.
 std::string schemaDir() {
@@ -48,6 +50,8 @@ std::string schemaDir() {
     }
     return "";
 }
+
+namespace {
 
 // mkdir -p of the directory that holds a file.
 bool makeParentDirs(const std::string& file) {
@@ -65,7 +69,9 @@ bool makeParentDirs(const std::string& file) {
 }
 
 void removeStoreFiles(const std::string& path) {
-    for (const char* suffix : {"", "-journal", "-wal", "-shm"}) unlink((path + suffix).c_str());
+    // The change feed beside the store too: its followers reopen the new one.
+    for (const char* suffix : {"", "-journal", "-wal", "-shm", "-feed"})
+        unlink((path + suffix).c_str());
 }
 
 // Runs SQL on a store file, creating the file when needed. All of it or,
@@ -119,6 +125,20 @@ bool createStore(const char* what, const std::string& path, const std::string& s
     return true;
 }
 
+// Removing a store under running processes leaves them writing to a file
+// that no longer has a name: --fresh refuses while any runs, unless --force.
+bool storesInUse() {
+    bool inUse = false;
+    for (const char* path : {QV_REALTIME_DB_PATH, QV_CONF_DB_PATH}) {
+        for (const std::string& opener : storeOpeners(path)) {
+            complain("%s has the store %s open", opener.c_str(), path);
+            inUse = true;
+        }
+    }
+    if (inUse) complain("init --fresh refused: stop those processes first, or add --force");
+    return inUse;
+}
+
 int runInit(const Args& args) {
     const std::string dir = schemaDir();
     if (dir.empty()) {
@@ -132,6 +152,7 @@ int runInit(const Args& args) {
         return kFailed;
     }
     const bool fresh = args.has("--fresh");
+    if (fresh && !args.has("--force") && storesInUse()) return kFailed;
     if (!createStore("real-time", QV_REALTIME_DB_PATH, dir + "/realtime.sql", fresh) ||
         !createStore("configuration", QV_CONF_DB_PATH, dir + "/conf.sql", fresh))
         return kFailed;
@@ -206,277 +227,22 @@ int runLoad(const Args& args) {
     return kOk;
 }
 
-// ---- get, set ---------------------------------------------------------------
-
-// Why a reference has no value row: unknown, a whole data object, or an
-// attribute that no classified data set holds.
-void explainMissingValue(const std::string& ref) {
-    DA attribute;
-    DataSetSub member;
-    if (zq_getDAByName(ref.c_str(), &attribute) == 0) {
-        complain("no value row for %s: only members of the classified data sets (dsAin, dsDin, "
-                 "dsGgio, dsControl, dsEnergy) have live values",
-                 ref.c_str());
-    } else if (zq_getDataSetSubByName(ref.c_str(), &member) == 0) {
-        complain("no value row for %s: it names a whole data object; its data attributes carry "
-                 "the values (see qvtool tree)",
-                 ref.c_str());
-    } else {
-        complain("no value row for %s: no such data attribute in the model", ref.c_str());
-    }
-}
-
-bool readValue(const std::string& ref, double* value, int* quality) {
-    if (zq_getDoubDAValue1(ref.c_str(), value, quality) == 0) return true;
-    explainMissingValue(ref);
-    return false;
-}
-
-int printValue(const Args& args, const std::string& ref, double value, int quality) {
-    const Json record = {{"daName", ref}, {"value", value}, {"quality", quality}};
-    return printRecord(args, record,
-                       "value=" + formatDouble(value) + " quality=" + std::to_string(quality));
-}
-
-int runGet(const Args& args) {
-    double value = 0;
-    int quality = 0;
-    if (!openRealStore() || !readValue(args.positional[0], &value, &quality)) return kFailed;
-    return printValue(args, args.positional[0], value, quality);
-}
-
-int runSet(const Args& args) {
-    const std::string& ref = args.positional[0];
-    double value = 0;
-    int quality = 0;
-    const bool withQuality = args.positional.size() > 2;
-    if (!parseDouble(args.positional[1], &value))
-        return usageError("set: %s is not a number", args.positional[1].c_str());
-    if (withQuality && !parseInt(args.positional[2], &quality))
-        return usageError("set: quality %s is not an integer", args.positional[2].c_str());
-    // A save of a missing row succeeds without writing; the read back says so.
-    if (!openRealStore()) return kFailed;
-    const int saved = withQuality ? zq_saveDoubDAValue1(ref.c_str(), value, quality)
-                                  : zq_saveDoubDAValue(ref.c_str(), value);
-    if (saved != 0 || !readValue(ref, &value, &quality)) return kFailed;
-    return printValue(args, ref, value, quality);
-}
-
-// ---- model queries ----------------------------------------------------------
-
-Json toJson(const DataSet& set) {
-    return {{"iedName", set.iedName}, {"name", set.name}, {"ldInst", set.ldInst},
-            {"desc", set.desc}};
-}
-
-Json toJson(const DataSetSub& m) {
-    return {{"fcdaName", m.fcdaName}, {"iedName", m.iedName}, {"dsName", m.dsName},
-            {"ldInst", m.ldInst},     {"lnClass", m.lnClass}, {"lnInst", m.lnInst},
-            {"doName", m.doName},     {"daName", m.daName},   {"fc", m.fc}};
-}
-
-Json toJson(const DA& da) {
-    return {{"daName", da.daName}, {"iedName", da.iedName}, {"ldName", da.ldName},
-            {"lnName", da.lnName}, {"doName", da.doName},   {"fcName", da.fcName},
-            {"value", da.value},   {"valueType", da.valueType}, {"doDesc", da.doDesc}};
-}
-
-template <typename Record>
-Json toJsonRows(const std::vector<Record>& records) {
-    Json rows = Json::array();
-    for (const Record& record : records) rows.push_back(toJson(record));
-    return rows;
-}
-
-// A data object or attribute path in the notation that a table stores:
-// members keep the dots of the model file (PhV.phsA), attributes use '$'
-// (PhV$phsA). Either form is accepted on the command line.
-const char* pathFilter(const Args& args, const char* option, char separator,
-                       std::string* storage) {
-    const char* given = args.value(option);
-    if (given == nullptr) return nullptr;
-    *storage = given;
-    std::replace(storage->begin(), storage->end(), separator == '.' ? '$' : '.', separator);
-    return storage->c_str();
-}
-
-// --ln LN (class and instance, e.g. MMXU1) as the members' two columns: the
-// class is the four letters of an IEC 61850 logical node class.
-bool splitLnName(const Args& args, std::string* lnClass, std::string* lnInst) {
-    const char* ln = args.value("--ln");
-    if (ln == nullptr) return true;
-    if (args.has("--lnclass") || args.has("--lninst") || std::strlen(ln) < 4) return false;
-    *lnClass = std::string(ln, 4);
-    *lnInst = ln + 4;
-    return true;
-}
-
-int runDataSets(const Args& args) {
-    std::vector<DataSet> sets;
-    if (!openRealStore() || !fetchList(&sets, zq_getAllDataSetsNum, zq_getAllDataSetsN))
-        return kFailed;
-    return printRows(args, {{"IED", "iedName"}, {"DATA SET", "name"}, {"LD", "ldInst"},
-                            {"DESCRIPTION", "desc"}},
-                     toJsonRows(sets));
-}
-
-int runMembers(const Args& args) {
-    std::string doName, daName, lnClass, lnInst;
-    if (!splitLnName(args, &lnClass, &lnInst))
-        return usageError("members: --ln takes a class and instance (e.g. MMXU1) and goes "
-                          "without --lnclass and --lninst");
-    const bool lnGiven = args.has("--ln");
-    std::vector<DataSetSub> members;
-    if (!openRealStore() ||
-        !fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN,
-                   args.value("--ied"), args.value("--ds"), args.value("--ld"),
-                   lnGiven ? lnClass.c_str() : args.value("--lnclass"),
-                   lnGiven ? lnInst.c_str() : args.value("--lninst"),
-                   pathFilter(args, "--do", '.', &doName), pathFilter(args, "--da", '.', &daName),
-                   args.value("--fc")))
-        return kFailed;
-    return printRows(args, {{"IED", "iedName"}, {"DATA SET", "dsName"}, {"LD", "ldInst"},
-                            {"LNCLASS", "lnClass"}, {"LNINST", "lnInst"}, {"DO", "doName"},
-                            {"DA", "daName"}, {"FC", "fc"}, {"REFERENCE", "fcdaName"}},
-                     toJsonRows(members));
-}
-
-int runAttrs(const Args& args) {
-    std::string doName;
-    std::vector<DA> attributes;
-    if (!openRealStore() ||
-        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
-                   args.value("--ld"), args.value("--ln"), pathFilter(args, "--do", '$', &doName),
-                   args.value("--fc")))
-        return kFailed;
-    return printRows(args, {{"REFERENCE", "daName"}, {"FC", "fcName"}, {"TYPE", "valueType"},
-                            {"VALUE", "value"}, {"DESCRIPTION", "doDesc"}},
-                     toJsonRows(attributes));
-}
-
-// The live values (under valueField) and qualities of the references, as
-// fields of the rows, read in one list read so that they show one moment.
-// A reference without a value row gets nulls: the list read leaves its
-// element as it was, and no stored value is NaN (SQLite keeps NaN as null).
-bool addLiveValues(const std::vector<const char*>& refs, const char* valueField, Json* rows) {
-    const int count = static_cast<int>(refs.size());
-    std::vector<DaNameRow> names(refs.size());
-    for (int i = 0; i < count; ++i) std::snprintf(names[i], sizeof names[i], "%s", refs[i]);
-    std::vector<double> values(refs.size(), std::nan(""));
-    std::vector<int> qualities(refs.size(), 0);
-    if (count > 0 && zq_getDAValues1(names.data(), count, values.data(), qualities.data()) != 0) {
-        complain("cannot read the live values");
-        return false;
-    }
-    for (int i = 0; i < count; ++i) {
-        const bool live = !std::isnan(values[i]);
-        (*rows)[i][valueField] = live ? Json(values[i]) : Json();
-        (*rows)[i]["quality"] = live ? Json(qualities[i]) : Json();
-    }
-    return true;
-}
-
-// ---- tree -------------------------------------------------------------------
-
-// A path of the model in dots (PhV$phsA -> PhV.phsA).
-std::string dotted(std::string path) {
-    std::replace(path.begin(), path.end(), '$', '.');
-    return path;
-}
-
-// The attribute's own path within its data object: the reference less
-// "IED" "LD" "/" "LN" "$" "FC" "$" "DO" "$".
-std::string attributePath(const Json& da) {
-    const std::string prefix = da["iedName"].get<std::string>() + da["ldName"].get<std::string>() +
-                               "/" + da["lnName"].get<std::string>() + "$" +
-                               da["fcName"].get<std::string>() + "$" +
-                               da["doName"].get<std::string>() + "$";
-    std::string path = da["daName"];
-    if (path.compare(0, prefix.size(), prefix) == 0) path.erase(0, prefix.size());
-    return dotted(path);
-}
-
-// One line per level that changes from the attribute before (IED, LD, LN,
-// DO), then the attribute's line.
-void printTree(const Json& attributes) {
-    std::vector<std::string> above;
-    for (const Json& da : attributes) {
-        const std::vector<std::string> levels = {da["iedName"], da["ldName"], da["lnName"],
-                                                 dotted(da["doName"])};
-        size_t same = 0;
-        while (same < above.size() && above[same] == levels[same]) ++same;
-        for (size_t level = same; level < levels.size(); ++level)
-            std::printf("%*s%s\n", static_cast<int>(2 * level), "", levels[level].c_str());
-        above = levels;
-        std::string line = std::string(8, ' ') + attributePath(da) + " [" +
-                           da["fcName"].get<std::string>() + "]";
-        if (!da["liveValue"].is_null())
-            line += " = " + formatDouble(da["liveValue"]) + " quality=" + da["quality"].dump();
-        std::puts(line.c_str());
-    }
-}
-
-int runTree(const Args& args) {
-    std::vector<DA> attributes;
-    if (!openRealStore() ||
-        !fetchList(&attributes, zq_getDAsByParamsNum, zq_getDAsByParamsN, args.value("--ied"),
-                   args.value("--ld"), nullptr, nullptr, nullptr))
-        return kFailed;
-    Json rows = Json::array();
-    std::vector<const char*> refs;
-    for (const DA& da : attributes) {
-        rows.push_back(toJson(da));
-        refs.push_back(da.daName);
-    }
-    if (!addLiveValues(refs, "liveValue", &rows)) return kFailed;
-    if (args.has("--json")) return printRows(args, {}, rows);
-    waitingForStore(nullptr);
-    printTree(rows);
-    return kOk;
-}
-
-// ---- dump -------------------------------------------------------------------
-
-int runDump(const Args& args) {
-    const char* ied = args.positional[0].c_str();
-    const char* dataSet = args.positional[1].c_str();
-    if (!openRealStore()) return kFailed;
-    DataSet set;
-    if (zq_getDataSetByName(ied, dataSet, &set) != 0) {
-        complain("no data set %s of IED %s", dataSet, ied);
-        return kFailed;
-    }
-    std::vector<DataSetSub> members;
-    if (!fetchList(&members, zq_getDataSetSubsByParamsNum, zq_getDataSetSubsByParamsN, ied,
-                   dataSet, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
-        return kFailed;
-    // A member without a value row (a whole data object, an unclassified
-    // set) shows none.
-    Json rows = Json::array();
-    std::vector<const char*> refs;
-    for (const DataSetSub& member : members) {
-        rows.push_back({{"fcdaName", member.fcdaName}});
-        refs.push_back(member.fcdaName);
-    }
-    if (!addLiveValues(refs, "value", &rows)) return kFailed;
-    return printRows(args, {{"REFERENCE", "fcdaName"}, {"VALUE", "value"}, {"QUALITY", "quality"}},
-                     rows);
-}
-
 }  // namespace
 
 const std::vector<Command>& storeCommands() {
     static const std::vector<Command> commands = {
-        {"init", "init [--fresh] [--conf-sample FILE]",
+        {"init", "init [--fresh [--force]] [--conf-sample FILE]",
          "create the real-time and configuration stores",
          "Creates the store directories and both stores from the shipped schema\n"
          "(realtime.sql and conf.sql of " QV_SCHEMA_DIR ",\n"
          "or of the source tree when they are not installed). An existing store keeps\n"
          "its rows; the schema only adds what is missing.\n\n"
-         "  --fresh             remove both store files first\n"
+         "  --fresh             remove both store files first; refused while other\n"
+         "                      processes have a store open (they are named)\n"
+         "  --force             with --fresh: remove them all the same\n"
          "  --conf-sample FILE  then run FILE (SQL, e.g. samples/conf_sample.sql) into the\n"
          "                      configuration store; refused when it already has processes\n",
-         {"--conf-sample"}, {"--fresh"}, 0, 0, runInit},
+         {"--conf-sample"}, {"--fresh", "--force"}, 0, 0, runInit},
         {"load", "load FILE [--ied NAME] [--ln-prefix] [--values RULES] [--check]",
          "load an SCL model (ICD/CID/SCD) into the real-time store",
          "Replaces the rows of the file's IEDs and prints the IEDs, data sets, members\n"
@@ -492,53 +258,6 @@ const std::vector<Command>& storeCommands() {
          "  --check         read and expand the model and report what would be loaded,\n"
          "                  names merged and value rows by class; the store is not touched\n",
          {"--ied", "--values"}, {"--check", "--ln-prefix"}, 1, 1, runLoad},
-        {"get", "get REF [--json]", "print the live value and quality of a data attribute",
-         "REF is the DA reference as loaded, e.g. 'QVFTU1MEAS/MMXU1$MX$TotW$mag$f'.\n"
-         "Prints \"value=V quality=Q\", with --json {\"daName\", \"value\", \"quality\"}.\n"
-         "Only the members of the classified data sets (dsAin, dsDin, dsGgio, dsControl,\n"
-         "dsEnergy) have live values; exit code 1 when REF has none.\n",
-         {}, {"--json"}, 1, 1, runGet},
-        {"set", "set REF VALUE [QUALITY] [--json]",
-         "write the live value (and quality) of a data attribute",
-         "Without QUALITY the stored quality is kept. QUALITY is an integer (0x.. for\n"
-         "hexadecimal). Prints the value and quality read back. Exit code 1 when REF\n"
-         "has no value row (nothing is written).\n",
-         {}, {"--json"}, 2, 3, runSet},
-        {"datasets", "datasets [--json]", "list the data sets of the loaded models",
-         "JSON fields: iedName, name, ldInst, desc.\n", {}, {"--json"}, 0, 0, runDataSets},
-        {"members", "members [--ied --ds --ld --ln|--lnclass --lninst --do --da --fc] [--json]",
-         "list data set members, filtered",
-         "Each option takes a value and keeps the members whose column equals it\n"
-         "exactly (an empty value matches empty columns):\n"
-         "  --ied IED  --ds DATASET  --ld LDINST  --ln LN (class and instance, e.g. MMXU1)\n"
-         "  --lnclass CLASS  --lninst INST  --do DO  --da DA  --fc FC\n"
-         "Paths may be written with dots or '$': --do PhV.phsA, --da cVal$mag$f.\n"
-         "JSON fields: fcdaName, iedName, dsName, ldInst, lnClass, lnInst, doName,\n"
-         "daName, fc.\n",
-         {"--ied", "--ds", "--ld", "--ln", "--lnclass", "--lninst", "--do", "--da", "--fc"},
-         {"--json"}, 0, 0, runMembers},
-        {"attrs", "attrs [--ied --ld --ln --do --fc] [--json]",
-         "list data attributes of the model, filtered",
-         "Each option takes a value and keeps the attributes whose column equals it:\n"
-         "  --ied IED  --ld LDINST  --ln LN (class and instance, e.g. MMXU1)\n"
-         "  --do DO (data object path, PhV.phsA or PhV$phsA)  --fc FC\n"
-         "VALUE is the value text of the model file, not the live value.\n"
-         "JSON fields: daName, iedName, ldName, lnName, doName, fcName, value,\n"
-         "valueType, doDesc.\n",
-         {"--ied", "--ld", "--ln", "--do", "--fc"}, {"--json"}, 0, 0, runAttrs},
-        {"tree", "tree [--ied IED] [--ld LDINST] [--json]",
-         "show the model as a tree with live values",
-         "One line per level: IED, logical device, logical node, data object, then each\n"
-         "data attribute with its functional constraint in brackets and, where it has a\n"
-         "value row, \"= VALUE quality=Q\". Paths are written with dots. With --json the\n"
-         "attributes as attrs --json prints them, each with liveValue and quality (null\n"
-         "without a value row).\n",
-         {"--ied", "--ld"}, {"--json"}, 0, 0, runTree},
-        {"dump", "dump IED DATASET [--json]", "show a data set's live values and qualities",
-         "One row per member in member order; a member without a value row (a whole\n"
-         "data object) shows \"-\", in JSON null. Exit code 1 when the data set does not\n"
-         "exist. JSON: [{\"fcdaName\", \"value\", \"quality\"}, ...].\n",
-         {}, {"--json"}, 2, 2, runDump},
     };
     return commands;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "internal/qvwildcard.h"
 #include "model.h"
 #include "qvaddied.h"
 
@@ -35,31 +36,9 @@ DA_CONF_TYPE classByFc(const DataSetSub& member) {
     return OTHER_TYPE;
 }
 
-// Whole-text match: '*' any run of characters, '?' one character.
-bool matches(const char* pattern, const char* text) {
-    const char* star = nullptr;
-    const char* resume = nullptr;
-    while (*text != '\0') {
-        if (*pattern == '*') {
-            star = pattern++;
-            resume = text;
-        } else if (*pattern == '?' || *pattern == *text) {
-            ++pattern;
-            ++text;
-        } else if (star != nullptr) {
-            pattern = star + 1;
-            text = ++resume;
-        } else {
-            return false;
-        }
-    }
-    while (*pattern == '*') ++pattern;
-    return *pattern == '\0';
-}
-
 DA_CONF_TYPE classify(const Model& model, const DataSetSub& member) {
     for (const ValueRule& rule : model.valueRules) {
-        if (!matches(rule.pattern.c_str(), member.dsName)) continue;
+        if (!qvtext::wildcardMatch(rule.pattern.c_str(), member.dsName)) continue;
         if (rule.kind == ValueRule::kByFc) return classByFc(member);
         if (rule.kind == ValueRule::kNone) return OTHER_TYPE;
         return rule.valueClass == DIAN_DIAN_SHU_ZI_LIANG ? statusClass(member)

@@ -3,6 +3,8 @@
 #ifndef QVTOOL_RUN_H
 #define QVTOOL_RUN_H
 
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,19 @@ inline ToolRun tool(const Words& args, const std::function<void()>& beforeExec =
     const ToolRun run = Spawn(QV_TOOL, args, options).finish();
     EXPECT_NE(run.code, -1) << "the tool hung or crashed";
     return run;
+}
+
+// The lines of a tool's output, without their newlines.
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+}
+
+// A tool's JSON output; a discarded value when it is no JSON.
+inline nlohmann::ordered_json parsed(const std::string& text) {
+    return nlohmann::ordered_json::parse(text, nullptr, false);
 }
 
 }  // namespace qvtest
