@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "feed/feed_file.h"
 #include "internal/qvfeed_hooks.h"
 #include "process.h"
 #include "qvaddied.h"
@@ -672,4 +673,30 @@ TEST_F(Feed, SavesHeldUpByAnOutsideWriterStayWhole) {
     ASSERT_EQ(zq_openRealDB(), 0);
     ASSERT_EQ(zq_saveDoubDAValue(marker.c_str(), -7), 0);
     EXPECT_EQ(subscriber.wait(kChildLimitMs), 0);
+}
+
+// A retired file back at the path (a file system mounted over the store's
+// directory and gone again shows the file retired under it) is made anew:
+// followers and writers meet on a fresh ring instead of resetting forever.
+TEST_F(Feed, RetiredFileLeftAtThePathIsMadeAnew) {
+    const std::string row = listRow(0, 0);
+    ASSERT_EQ(zq_saveDoubDAValue(row.c_str(), 1), 0);
+    {
+        std::unique_ptr<qvfeed::Mapping> old(qvfeed::Mapping::open());
+        ASSERT_NE(old, nullptr);
+        old->retire();
+    }
+    QvFeed* feed = zq_openChangeFeed();
+    ASSERT_NE(feed, nullptr);
+    double value = 2;
+    EXPECT_TRUE(eventually([&] {
+        if (zq_saveDoubDAValue(row.c_str(), ++value) != 0) return false;
+        QvChange changes[8];
+        int count = 0;
+        if (zq_waitChanges(feed, 100, changes, 8, &count) < 0) return false;
+        for (int i = 0; i < count; ++i)
+            if (changes[i].kind == QV_CHANGE_VALUE && changes[i].value == value) return true;
+        return false;
+    }));
+    EXPECT_EQ(zq_closeChangeFeed(feed), 0);
 }

@@ -66,7 +66,8 @@ void* createFile(const std::string& path, std::uint64_t capacity, struct stat* i
 
 // Maps a file that another process made, once it has finished it: null with
 // errno ENOENT when there is none, EAGAIN when it stayed unfinished (its
-// creator died), EINVAL when it is not a feed file of this layout.
+// creator died), ESTALE when it was retired, EINVAL when it is not a feed
+// file of this layout.
 void* attachFile(const std::string& path, struct stat* info) {
     const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) return nullptr;
@@ -78,13 +79,14 @@ void* attachFile(const std::string& path, struct stat* info) {
         void* mapped = bytes >= kHeaderBytes ? mapShared(fd, bytes) : nullptr;
         const Header* header = static_cast<const Header*>(mapped);
         if (header != nullptr && header->magic.load(std::memory_order_acquire) == kMagic) {
-            if (header->version == kVersion && header->capacity > 0 &&
-                fileBytes(header->capacity) == bytes) {
+            const bool fits = header->version == kVersion && header->capacity > 0 &&
+                              fileBytes(header->capacity) == bytes;
+            if (fits && header->retired.load() == 0) {
                 base = mapped;
                 break;
             }
             munmap(mapped, bytes);
-            errno = EINVAL;
+            errno = fits ? ESTALE : EINVAL;
             break;
         }
         if (mapped != nullptr) munmap(mapped, bytes);
@@ -94,6 +96,13 @@ void* attachFile(const std::string& path, struct stat* info) {
     close(fd);
     errno = error;
     return base;
+}
+
+// Removes the file at the path when it is still the one that `seen` describes.
+void removeIfStill(const std::string& path, const struct stat& seen) {
+    struct stat now{};
+    if (stat(path.c_str(), &now) == 0 && now.st_ino == seen.st_ino && now.st_dev == seen.st_dev)
+        unlink(path.c_str());
 }
 
 }  // namespace
@@ -110,9 +119,11 @@ Mapping* Mapping::open() {
         if (base == nullptr && errno == ENOENT) {
             base = createFile(path, newCapacity, &info);
             if (base == nullptr && errno == EEXIST) continue;
-        } else if (base == nullptr && errno == EAGAIN) {
-            // Left half made by a creator that died: make it anew.
-            unlink(path.c_str());
+        } else if (base == nullptr && (errno == EAGAIN || errno == ESTALE)) {
+            // Left half made by a creator that died, or retired yet back at
+            // the path (a file system mounted over the store's directory and
+            // gone again): make it anew, unless another process already has.
+            removeIfStill(path, info);
             continue;
         }
         if (base == nullptr) return nullptr;
