@@ -101,7 +101,7 @@ std::multiset<std::string> column(const Rows& rows) {
 const char* const kTotW = "QVFTU1MEAS/MMXU1$MX$TotW$mag$f";
 const char* const kPhsA = "QVFTU1MEAS/MMXU1$MX$PhV$phsA$cVal$mag$f";
 
-class ToolInspect : public testing::Test {
+class ToolViews : public testing::Test {
 protected:
     void SetUp() override {
         removeStore(realDbPath());
@@ -116,7 +116,7 @@ protected:
 
 // The CSV of a listing is its JSON: a header of the record field names and
 // one record per row, however awkward the texts.
-TEST_F(ToolInspect, CsvCarriesTheJsonFieldsOfEveryListing) {
+TEST_F(ToolViews, CsvCarriesTheJsonFieldsOfEveryListing) {
     execSqlFile(realDbPath(), dataPath("awkward_texts.sql"));
     ASSERT_EQ(tool({"set", kTotW, "5", "0x83"}).code, 0);
     const std::vector<Words> listings = {
@@ -159,7 +159,7 @@ TEST_F(ToolInspect, CsvCarriesTheJsonFieldsOfEveryListing) {
 }
 
 // Several references in either notation, -r and -i anywhere, --raw values.
-TEST_F(ToolInspect, GetReadsSeveralReferencesAndRepeats) {
+TEST_F(ToolViews, GetReadsSeveralReferencesAndRepeats) {
     ASSERT_EQ(tool({"set", kTotW, "231.5", "3"}).code, 0);
     ASSERT_EQ(tool({"set", kPhsA, "-7.25"}).code, 0);
     const std::string dotted = "QVFTU1MEAS/MMXU1.MX.PhV.phsA.cVal.mag.f";
@@ -192,7 +192,7 @@ TEST_F(ToolInspect, GetReadsSeveralReferencesAndRepeats) {
 }
 
 // The quality number's bits by name, the same in get, dump and tree.
-TEST_F(ToolInspect, QualityIsDecodedIntoItsNamedBits) {
+TEST_F(ToolViews, QualityIsDecodedIntoItsNamedBits) {
     const struct { int quality; const char* text; } cases[] = {
         {0, "good"},
         {1, "invalid"},
@@ -221,7 +221,7 @@ TEST_F(ToolInspect, QualityIsDecodedIntoItsNamedBits) {
 
 // A value saved with its time shows that time in get, dump and tree: ISO
 // 8601 UTC in text, the library's seconds in JSON.
-TEST_F(ToolInspect, ValuesShowTheirTime) {
+TEST_F(ToolViews, ValuesShowTheirTime) {
     const double when = 1764090212.345;
     const std::string iso = "2025-11-25T17:03:32.345Z";
     ASSERT_EQ(zq_openRealDB(), 0);
@@ -238,7 +238,7 @@ TEST_F(ToolInspect, ValuesShowTheirTime) {
 
 // Two monitors see a forked writer's saves as they happen: single, list and
 // timed saves, a row whose key no reference has, and the reset of a load.
-TEST_F(ToolInspect, MonitorPrintsEveryChangeOfAForkedWriter) {
+TEST_F(ToolViews, MonitorPrintsEveryChangeOfAForkedWriter) {
     const std::string orphan = "NOIED/NOLN$MX$X$f";
     execSql(realDbPath(), "insert into DAValue(hashID, type, value) values(" +
                               std::to_string(rowKey(orphan)) + ", 1, 0)");
@@ -302,7 +302,7 @@ TEST_F(ToolInspect, MonitorPrintsEveryChangeOfAForkedWriter) {
 
 // find: the references of both tables that the pattern and filters keep,
 // exactly the rows SQL finds.
-TEST_F(ToolInspect, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {
+TEST_F(ToolViews, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {
     const struct { Words args; std::string sql; } cases[] = {
         {{"find", "totw"},
          "select daName from DA where daName like '%totw%' union all "
@@ -339,7 +339,7 @@ TEST_F(ToolInspect, FindMatchesWildcardsAndFiltersOverAttributesAndMembers) {
 }
 
 // attrs --lnclass/--da and tree --ln/--long: the rows SQL finds.
-TEST_F(ToolInspect, AttributeAndTreeFilters) {
+TEST_F(ToolViews, AttributeAndTreeFilters) {
     const Json attrs = parsed(tool({"attrs", "--lnclass", "MMXU", "--da", "mag.f", "--json"}).out);
     std::multiset<std::string> shown;
     for (const Json& da : attrs) shown.insert(da["daName"].get<std::string>());
@@ -363,7 +363,7 @@ TEST_F(ToolInspect, AttributeAndTreeFilters) {
 }
 
 // status: healthy, then each thing that is wrong makes it exit 1 and say so.
-TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
+TEST_F(ToolViews, StatusSaysWhatIsWrong) {
     ToolRun run = tool({"status", "--json"});
     ASSERT_EQ(run.code, 0) << run.out << run.err;
     const Json healthy = parsed(run.out);
@@ -442,7 +442,7 @@ TEST_F(ToolInspect, StatusSaysWhatIsWrong) {
 }
 
 // init --fresh never removes a store from under a process that has it open.
-TEST_F(ToolInspect, FreshInitRefusesWhileAnotherProcessHasAStoreOpen) {
+TEST_F(ToolViews, FreshInitRefusesWhileAnotherProcessHasAStoreOpen) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     Child holder([&] {
